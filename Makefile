@@ -1,0 +1,59 @@
+# Every target sets up what it needs on a fresh Debian 12 machine, idempotently.
+SHELL := /bin/bash
+JOBS ?= $(shell nproc)
+BUILD ?= build/release
+TEST_BUILD ?= build/test
+BENCH_BUILD ?= build/bench
+GUI ?= ON
+
+DEB_PACKAGES := cmake ninja-build g++ pkg-config python3 \
+  qt6-base-dev qt6-base-dev-tools qt6-multimedia-dev libgl-dev \
+  libplist-dev libudev-dev libsystemd-dev libfmt-dev libcli11-dev \
+  libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev \
+  xorriso sleuthkit gdisk fdisk p7zip-full xz-utils unzip
+
+.PHONY: all deps build test demo bench fuzz clean
+
+all: build
+
+deps:
+	@missing=$$(for p in $(DEB_PACKAGES); do \
+	    dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null | grep -q '^install ok installed' || echo $$p; done); \
+	if [ -n "$$missing" ]; then \
+	  echo "Installing:" $$missing; \
+	  SUDO=; [ "$$(id -u)" -eq 0 ] || SUDO=sudo; \
+	  $$SUDO apt-get update -qq && \
+	  DEBIAN_FRONTEND=noninteractive $$SUDO apt-get install -y -qq --no-install-recommends $$missing; \
+	else echo "All build and test dependencies are installed."; fi
+
+$(BUILD)/build.ninja:
+	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DAMBREL_GUI=$(GUI)
+
+build: deps $(BUILD)/build.ninja
+	cmake --build $(BUILD) -j $(JOBS)
+
+$(TEST_BUILD)/build.ninja:
+	cmake -S . -B $(TEST_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DAMBREL_SANITIZE=ON -DAMBREL_GUI=$(GUI)
+
+test: deps $(TEST_BUILD)/build.ninja
+	cmake --build $(TEST_BUILD) -j $(JOBS)
+	cd $(TEST_BUILD) && ctest --output-on-failure -j $(JOBS)
+
+demo: build
+	./tools/demo.sh $(BUILD)
+
+$(BENCH_BUILD)/build.ninja:
+	cmake -S . -B $(BENCH_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DAMBREL_GUI=OFF -DAMBREL_BENCH=ON
+
+bench: deps $(BENCH_BUILD)/build.ninja
+	cmake --build $(BENCH_BUILD) -j $(JOBS)
+	./tools/bench.sh $(BENCH_BUILD)
+
+# Real coverage-guided fuzzing (clang's libFuzzer); `make test` only replays the seed corpora.
+fuzz: deps
+	CC=clang CXX=clang++ cmake -S . -B build/fuzz -G Ninja -DCMAKE_BUILD_TYPE=Debug -DAMBREL_GUI=OFF -DAMBREL_FUZZ=ON
+	cmake --build build/fuzz -j $(JOBS)
+	./tools/fuzz.sh build/fuzz $(FUZZ_SECONDS)
+
+clean:
+	rm -rf build

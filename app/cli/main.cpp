@@ -1,0 +1,69 @@
+// ambrel-cli: the command-line front end.
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include <cstdio>
+#include <memory>
+
+#include "cli/CliController.h"
+#include "media/DMedia.h"
+
+using namespace ambrel;
+
+namespace {
+
+struct InfoOptions {
+  std::string path;
+  bool json = false;
+};
+
+int runInfo(const InfoOptions& opt) {
+  std::string error;
+  PlistDict dict = driveDictionaryForPath(opt.path, error);
+  if (dict.empty()) {
+    fmt::print(stderr, "ambrel-cli: {}\n", error);
+    return 2;
+  }
+  cli::CliController controller(PlistArray{dict});
+  DMedia media(dict, &controller);
+  if (!media.isOpen()) {
+    fmt::print(stderr, "ambrel-cli: cannot open {} read-only\n", opt.path);
+    return 2;
+  }
+  const PartitionTableKind kind = media.partitionTableKind();
+  if (opt.json) {
+    PlistDict out{{"path", media.path},
+                  {"sizeInBytes", media.sizeInBytes},
+                  {"sizeInSectors", media.sizeInSect},
+                  {"partitionTable", partitionTableKindName(kind)}};
+    fmt::print("{}\n", PlistValue(out).toJson());
+  } else {
+    fmt::print("Path:            {}\n", media.path);
+    fmt::print("Size:            {} bytes ({} sectors of 512 bytes)\n", media.sizeInBytes, media.sizeInSect);
+    fmt::print("Partition table: {}\n", partitionTableKindName(kind));
+  }
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{"Tarnwell Ambrel: recover files and folders from HFS+ and HFSX drives and disk images.\n"
+               "Drives and images are only ever read.",
+               "ambrel-cli"};
+  app.require_subcommand(1);
+  app.set_version_flag("--version", "ambrel-cli 0.1.0");
+
+  InfoOptions info;
+  auto* infoCmd = app.add_subcommand("info", "Show a drive's or disk image's size and partition-table kind");
+  infoCmd->add_option("PATH", info.path, "Block device or disk image file")->required();
+  infoCmd->add_flag("--json", info.json, "Print a JSON object instead of text");
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    return app.exit(e);
+  }
+  if (*infoCmd) return runInfo(info);
+  return 1;
+}

@@ -1,0 +1,36 @@
+#pragma once
+// What the engine may ask of the application controller. app/core, the
+// command line and tests each implement it; the engine never sees a widget.
+#include <string>
+#include <vector>
+
+#include "base/PlistValue.h"
+#include "base/ProgressReport.h"
+
+namespace ambrel {
+
+class AppControllerInterface {
+ public:
+  virtual ~AppControllerInterface() = default;
+
+  // A modal alert; returns the index of the button chosen (0 is the default
+  // button). Called from whichever thread met the condition.
+  virtual int alert(const std::string& title, const std::string& message,
+                    const std::vector<std::string>& buttons) = 0;
+
+  // Progress receivers. Each call is applied on the main thread and returns
+  // once it has been applied.
+  virtual void updateVolumeScanProgress(const ProgressReport& report) = 0;  // volume search
+  virtual void updateProgress(const ProgressReport& report) = 0;            // tree building, signature search
+  virtual void updateTreeProgress(const ProgressReport& report) = 0;        // saving
+
+  // Performed on the main thread; the caller waits until done.
+  virtual void terminateApp() = 0;
+  virtual void previewClose() = 0;
+
+  // The drive and volume lists as they are now (drive dictionaries).
+  virtual PlistArray driveDictArray() const = 0;
+  virtual PlistArray volumeDictArray() const = 0;
+};
+
+}  // namespace ambrel

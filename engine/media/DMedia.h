@@ -1,0 +1,102 @@
+#pragma once
+// One drive (a block device or a disk-image file) and its sector readers.
+// The device is opened read-only once and the descriptor kept for the
+// object's life; every read is a positioned read on it.
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "base/AppControllerInterface.h"
+#include "base/PlistValue.h"
+#include "media/Records.h"
+#include "tree/Extent.h"
+#include "tree/KeyedTable.h"
+
+namespace ambrel {
+
+inline constexpr uint32_t kSectorSize = 512;
+
+enum class PartitionTableKind { None, MBR, GPT, ApplePartitionMap };
+const char* partitionTableKindName(PartitionTableKind kind);
+
+// The table kind told from sectors 0 and 1: a protective MBR entry (0xEE) with
+// the boot signature is GPT, the boot signature alone is MBR (even when
+// sector 1 holds a partition-map signature), else a 'PM' in sector 1.
+PartitionTableKind partitionTableKindOf(const uint8_t* sector0, const uint8_t* sector1);
+
+class DMedia {
+ public:
+  // From a drive dictionary ("device path", "device size", identity keys).
+  DMedia(const PlistDict& driveDict, AppControllerInterface* appController);
+  virtual ~DMedia();
+  DMedia(const DMedia&) = delete;
+  DMedia& operator=(const DMedia&) = delete;
+
+  // Positioned reads of count sectors; a short read counts as success, a read
+  // of 0 sectors succeeds without touching the buffer.
+  bool readSector(uint64_t sector, int32_t count, void* buffer);
+  bool readPreviewSector(uint64_t sector, int32_t count, void* buffer);
+  bool readSaveSector(uint64_t sector, int32_t count, void* buffer);
+
+  PartitionTableKind partitionTableKind();
+
+  void setAbortVolumeScan(bool value) { abortVolumeScan.store(value); }
+  bool isOpen() const { return fd_ >= 0; }
+
+  std::string path;
+  uint64_t sizeInBytes = 0;
+  uint64_t sizeInSect = 0;
+  std::string model;
+  std::string serial;
+  std::string revision;
+  int32_t diskPlatform = 0;
+  int32_t machinePlatform = 0;
+  PlistData firtNonZeroSect;
+  uint32_t firstNonZeroSect = 0;
+  PlistDict response;
+  PlistArray volumePMArray;
+  PlistArray volumeScanArray;
+  BTreeTableClassUInt32 btreeForUsedCatNodeSector;
+  BTreeTableClassUInt32 btreeForVIBCreateDate;
+  MasterDirectoryBlock mdb{};
+  VolumeInformationBlock vib{};
+  uint64_t HPlusVolStart = 0;
+  std::vector<Extent> catalogExt;
+  std::vector<Extent> extentsExt;
+  int32_t extNodeSize = 0;
+  int32_t catNodeSize = 0;
+  uint32_t extRootNode = 0;
+  uint32_t catRootNode = 0;
+  uint32_t firstLeafNode = 0;
+  int32_t blockSize = 0;
+  std::atomic<bool> abortVolumeScan{false};
+  AppControllerInterface* appController = nullptr;  // not owned
+  std::string cPath;
+  std::vector<uint64_t> volFoundAtSectorArray;
+
+ protected:
+  enum class ReadFailure { Terminate, PreviewOrSave };
+
+ private:
+  // -1 on a failed open or read (errno kept), else bytes read.
+  int64_t readRaw(uint64_t sector, int32_t count, void* buffer);
+  bool ensureOpen();
+  bool isListed(const PlistArray& dicts) const;
+  bool reportGoneForPreviewOrSave(const char* title);
+
+  std::mutex openMutex_;
+  std::atomic<int> fd_{-1};
+};
+
+// The controller's own reader, for a device path no DMedia holds (a mounted
+// volume's device while the drive list is built). Opens, reads and closes.
+bool readAppSector(AppControllerInterface* appController, uint64_t sector, const std::string& path,
+                   int32_t count, void* buffer);
+
+// A drive dictionary for a block device or a disk-image file, with its size
+// taken from the device; empty with `error` set when the path cannot be used.
+PlistDict driveDictionaryForPath(const std::string& path, std::string& error);
+
+}  // namespace ambrel
