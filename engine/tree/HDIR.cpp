@@ -1,0 +1,179 @@
+#include "tree/HDIR.h"
+
+#include <utility>
+
+namespace ambrel {
+
+HDIR::~HDIR() {
+  // Flatten instead of recursing: a deep chain would exhaust the stack.
+  ChildArray pending = std::move(children_);
+  while (!pending.empty()) {
+    std::unique_ptr<HDIR> entry = std::move(pending.back());
+    pending.pop_back();
+    for (auto& child : entry->children_) pending.push_back(std::move(child));
+    entry->children_.clear();
+  }
+}
+
+void HDIR::setFileName(std::string name) {
+  // The holder's name index points into this string.
+  if (holder_) holder_->dropNameIndex();
+  fileName_ = std::move(name);
+}
+
+void HDIR::propagateSelected(HDIR* from, int64_t d) {
+  for (HDIR* a = from; a && d != 0; a = a->holder_) {
+    const int64_t before = a->contribution();
+    a->selectedBelow_ += d;
+    d = a->contribution() - before;
+  }
+}
+
+void HDIR::setSelected(uint8_t value) {
+  const int64_t before = contribution();
+  selected_ = value;
+  propagateSelected(holder_, contribution() - before);
+}
+
+void HDIR::setChildrenCount(int32_t value) {
+  const int64_t before = contribution();
+  childrenCount_ = value;
+  propagateSelected(holder_, contribution() - before);
+}
+
+void HDIR::setChildren(ChildArray children) {
+  int64_t before = 0;
+  for (const auto& c : children_) before += c->contribution();
+  // Destroyed only after the new array is in place, and iteratively.
+  ChildArray old = std::move(children_);
+  for (auto& c : old) c->holder_ = nullptr;
+  children_ = std::move(children);
+  int64_t after = 0;
+  for (auto& c : children_) {
+    c->holder_ = this;
+    after += c->contribution();
+  }
+  dropNameIndex();
+  propagateSelected(this, after - before);
+  HDIR sink;
+  sink.children_ = std::move(old);
+}
+
+std::unique_ptr<HDIR> HDIR::removeChildAtIndex(size_t index) {
+  std::unique_ptr<HDIR> child = std::move(children_[index]);
+  children_.erase(children_.begin() + static_cast<std::ptrdiff_t>(index));
+  child->holder_ = nullptr;
+  dropNameIndex();
+  propagateSelected(this, -child->contribution());
+  return child;
+}
+
+int64_t HDIR::countChildrenSelectedInArray(const ChildArray& array) {
+  int64_t count = 0;
+  std::vector<const ChildArray*> stack{&array};
+  while (!stack.empty()) {
+    const ChildArray* a = stack.back();
+    stack.pop_back();
+    for (const auto& e : *a) {
+      if (e->selected_ == 1) ++count;
+      if (e->childrenCount_ > 0) stack.push_back(&e->children_);
+    }
+  }
+  return count;
+}
+
+HDIR* HDIR::firstChildNamed(std::string_view name) {
+  if (children_.empty()) return nullptr;
+  if (!nameIndex_) {
+    nameIndex_ = std::make_unique<std::unordered_map<std::string_view, HDIR*>>();
+    nameIndex_->reserve(children_.size());
+    for (const auto& c : children_) nameIndex_->emplace(c->fileName_, c.get());
+  }
+  auto it = nameIndex_->find(name);
+  return it == nameIndex_->end() ? nullptr : it->second;
+}
+
+std::unique_ptr<HDIR> HDIR::mutableCopy() const {
+  auto copyFields = [](const HDIR& from, HDIR& to) {
+    to.btreeHDIR = from.btreeHDIR;
+    to.btreeHDIRAdvScan = from.btreeHDIRAdvScan;
+    to.fileName_ = from.fileName_;
+    to.pathName = from.pathName;
+    to.fileType = from.fileType;
+    to.createDate = from.createDate;
+    to.modDate = from.modDate;
+    to.parentID = from.parentID;
+    to.fileID = from.fileID;
+    to.fileSize = from.fileSize;
+    to.dataSize = from.dataSize;
+    to.rscSize = from.rscSize;
+    to.fileCount = from.fileCount;
+    to.dataExt = from.dataExt;
+    to.rscExt = from.rscExt;
+    to.blockSize = from.blockSize;
+    to.selected_ = from.selected_;
+    to.childrenCount_ = from.childrenCount_;
+    to.parent = from.parent;
+    to.nameRepeatCount = from.nameRepeatCount;
+    to.selectedBelow_ = from.selectedBelow_;
+    // hasParent deliberately stays NO.
+  };
+  auto top = std::make_unique<HDIR>();
+  copyFields(*this, *top);
+  // Deep copy of the children, breadth by breadth without recursion.
+  std::vector<std::pair<const HDIR*, HDIR*>> work{{this, top.get()}};
+  while (!work.empty()) {
+    auto [from, to] = work.back();
+    work.pop_back();
+    to->children_.reserve(from->children_.size());
+    for (const auto& c : from->children_) {
+      auto copy = std::make_unique<HDIR>();
+      copyFields(*c, *copy);
+      copy->hasParent = c->hasParent;
+      if (c->parent == from) copy->parent = to;
+      copy->holder_ = to;
+      work.emplace_back(c.get(), copy.get());
+      to->children_.push_back(std::move(copy));
+    }
+  }
+  return top;
+}
+
+HDIR* HDIR::append(std::unique_ptr<HDIR> child) {
+  if (!child) return nullptr;
+  // Handed-over entries behave as copies would.
+  child->hasParent = false;
+  HDIR* added = child.get();
+  added->holder_ = this;
+  children_.push_back(std::move(child));
+  if (nameIndex_) nameIndex_->emplace(added->fileName_, added);
+  propagateSelected(this, added->contribution());
+  return added;
+}
+
+HDIR* HDIR::addChild(std::unique_ptr<HDIR> child) {
+  HDIR* added = append(std::move(child));
+  if (!added) return nullptr;
+  if (added->fileType == kHDIRFolder && btreeHDIR) btreeHDIR->insert(added->fileID, added);
+  return added;
+}
+
+HDIR* HDIR::addChildAdvScan(std::unique_ptr<HDIR> child) {
+  HDIR* added = append(std::move(child));
+  if (!added) return nullptr;
+  if (added->fileType == kHDIRFolder && btreeHDIRAdvScan) btreeHDIRAdvScan->insert(added->fileID, added);
+  return added;
+}
+
+HDIR* HDIR::addChildDelFile(std::unique_ptr<HDIR> child) {
+  HDIR* added = append(std::move(child));
+  if (!added) return nullptr;
+  if (btreeHDIR) btreeHDIR->insert(added->fileID, added);
+  return added;
+}
+
+HDIR* HDIR::addChildFromScanFile(std::unique_ptr<HDIR> child) { return append(std::move(child)); }
+
+HDIR* HDIR::addChildSig(std::unique_ptr<HDIR> child) { return append(std::move(child)); }
+
+}  // namespace ambrel

@@ -1,0 +1,177 @@
+#pragma once
+// One recovered file or folder of the tree the user browses, marks and saves.
+//
+// Ownership: an entry owns its children (unique_ptr) and its extents; `parent`
+// and the two table pointers are non-owning. Removing a child destroys its
+// whole subtree, and destruction is iterative, so a chain of a million folders
+// neither leaks nor overflows the stack.
+//
+// Copies: the adding operations never put the caller's object into the tree.
+// From a const reference they make a mutableCopy(). The original shares the
+// arrays between copy and source; here the extents are copied by value and the
+// children deep-copied (their holder and, where it pointed at the source,
+// their parent re-pointed to the copy), so neither object can dangle when the
+// other goes. No caller changes an array through the source after adding, so
+// what they see is the same. Callers that build an entry only to add it can
+// hand it over as a unique_ptr instead, which saves the copy and behaves as a
+// copy would (hasParent starts NO).
+//
+// Counts: each entry keeps the number of marked entries below it, counted the
+// way childrenSelected() defines it (descending only where childrenCount > 0),
+// so unmarking never recounts subtrees. That is why `selected`, `childrenCount`,
+// `fileName` and `children` change only through their setters.
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "tree/Extent.h"
+#include "tree/KeyedTable.h"
+
+namespace ambrel {
+
+inline constexpr uint16_t kHDIRFolder = 1;
+inline constexpr uint16_t kHDIRFile = 2;
+
+class HDIR {
+ public:
+  using ChildArray = std::vector<std::unique_ptr<HDIR>>;
+
+  HDIR() = default;
+  ~HDIR();
+  HDIR(const HDIR&) = delete;
+  HDIR& operator=(const HDIR&) = delete;
+
+  std::string pathName;
+  uint16_t fileType = 0;  // 1 folder, 2 file
+  uint32_t createDate = 0;
+  uint32_t modDate = 0;
+  uint32_t parentID = 0;
+  uint32_t fileID = 0;
+  uint64_t fileSize = 0;
+  uint64_t dataSize = 0;
+  uint64_t rscSize = 0;
+  uint32_t fileCount = 0;
+  std::vector<Extent> dataExt;
+  std::vector<Extent> rscExt;
+  int32_t blockSize = 0;
+  HDIR* parent = nullptr;                       // not owned
+  BTreeTableClass* btreeHDIR = nullptr;         // not owned
+  BTreeTableClass* btreeHDIRAdvScan = nullptr;  // not owned
+  bool hasParent = false;
+  int32_t nameRepeatCount = 0;
+
+  const std::string& fileName() const { return fileName_; }
+  void setFileName(std::string name);
+
+  uint8_t selected() const { return selected_; }
+  // Keeps the marked counts of the entries above up to date.
+  void setSelected(uint8_t value);
+
+  int32_t childrenCount() const { return childrenCount_; }
+  void setChildrenCount(int32_t value);
+  void addToChildrenCount(int32_t n) { setChildrenCount(childrenCount_ + n); }
+  void subtractToChildrenCount(int32_t n) { setChildrenCount(childrenCount_ - n); }
+
+  const ChildArray& children() const { return children_; }
+  HDIR* childAtIndex(size_t index) const { return children_[index].get(); }
+  // Replaces the children (the old ones are destroyed).
+  void setChildren(ChildArray children);
+  // Takes one child out of the tree and hands it back.
+  std::unique_ptr<HDIR> removeChildAtIndex(size_t index);
+  // Destroys every child for which `remove` is true, keeping the order of the
+  // rest; linear however many go. Returns what the removed ones contributed
+  // to childrenSelected() of this entry.
+  template <class Pred>
+  int64_t removeChildrenIf(Pred remove);
+
+  void addToFileSize(uint64_t n) { fileSize += n; }
+  void addToDataSize(uint64_t n) { dataSize += n; }
+  void addToRscSize(uint64_t n) { rscSize += n; }
+  void addToFileCount(uint32_t n) { fileCount += n; }
+  void addToNameRepeatCount(int32_t n) { nameRepeatCount += n; }
+  void addDataExt(const Extent& e) { dataExt.push_back(e); }
+  void addRscExt(const Extent& e) { rscExt.push_back(e); }
+  void setBtreeHDIR(BTreeTableClass* table) { btreeHDIR = table; }
+  void setBtreeHDIRAdvScan(BTreeTableClass* table) { btreeHDIRAdvScan = table; }
+
+  bool expandable() const { return childrenCount_ > 0; }
+  bool isFolder() const { return fileType == kHDIRFolder; }
+
+  // Marked entries among the descendants, descending only into entries whose
+  // childrenCount > 0. Kept up to date, so O(1).
+  int64_t childrenSelected() const { return selectedBelow_; }
+  // The same number counted the slow way over an array (used to check the kept one).
+  static int64_t countChildrenSelectedInArray(const ChildArray& array);
+
+  // The entry holding this one in its children (the tree's real structure;
+  // the scans set `parent` to the same entry).
+  HDIR* holder() const { return holder_; }
+
+  // The first child, in the order added, whose name equals `name` exactly;
+  // served from a per-folder index built on first use.
+  HDIR* firstChildNamed(std::string_view name);
+
+  // A new entry with every field of this one except hasParent (NO).
+  std::unique_ptr<HDIR> mutableCopy() const;
+
+  // The five adding operations. Each puts a copy (or the handed-over entry)
+  // at the end of children and returns the entry that is now in the tree.
+  // None sets parent, hasParent or childrenCount.
+  HDIR* addChild(const HDIR& child) { return addChild(child.mutableCopy()); }
+  HDIR* addChild(std::unique_ptr<HDIR> child);  // folders indexed in btreeHDIR
+  HDIR* addChildAdvScan(const HDIR& child) { return addChildAdvScan(child.mutableCopy()); }
+  HDIR* addChildAdvScan(std::unique_ptr<HDIR> child);  // folders indexed in btreeHDIRAdvScan
+  // Every entry, files too, goes into btreeHDIR. Returns the added entry
+  // rather than the table's always-YES result.
+  HDIR* addChildDelFile(const HDIR& child) { return addChildDelFile(child.mutableCopy()); }
+  HDIR* addChildDelFile(std::unique_ptr<HDIR> child);
+  HDIR* addChildFromScanFile(const HDIR& child) { return addChildFromScanFile(child.mutableCopy()); }
+  HDIR* addChildFromScanFile(std::unique_ptr<HDIR> child);
+  HDIR* addChildSig(const HDIR& child) { return addChildSig(child.mutableCopy()); }
+  HDIR* addChildSig(std::unique_ptr<HDIR> child);
+
+ private:
+  friend class CheckController;
+
+  // What this entry adds to its holder's childrenSelected().
+  int64_t contribution() const { return (selected_ == 1 ? 1 : 0) + (childrenCount_ > 0 ? selectedBelow_ : 0); }
+  // Adds d to `from`'s count and carries the change of each contribution up.
+  static void propagateSelected(HDIR* from, int64_t d);
+  HDIR* append(std::unique_ptr<HDIR> child);
+  void dropNameIndex() { nameIndex_.reset(); }
+
+  std::string fileName_;
+  uint8_t selected_ = 0;
+  int32_t childrenCount_ = 0;
+  ChildArray children_;
+  HDIR* holder_ = nullptr;
+  int64_t selectedBelow_ = 0;
+  std::unique_ptr<std::unordered_map<std::string_view, HDIR*>> nameIndex_;
+};
+
+template <class Pred>
+int64_t HDIR::removeChildrenIf(Pred remove) {
+  int64_t removedContribution = 0;
+  size_t kept = 0;
+  ChildArray doomed;
+  for (size_t i = 0; i < children_.size(); ++i) {
+    if (remove(*children_[i])) {
+      removedContribution += children_[i]->contribution();
+      children_[i]->holder_ = nullptr;
+      doomed.push_back(std::move(children_[i]));
+    } else {
+      if (kept != i) children_[kept] = std::move(children_[i]);
+      ++kept;
+    }
+  }
+  if (doomed.empty()) return 0;
+  children_.resize(kept);
+  dropNameIndex();
+  propagateSelected(this, -removedContribution);
+  return removedContribution;
+}
+
+}  // namespace ambrel
