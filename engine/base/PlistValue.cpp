@@ -4,10 +4,12 @@
 
 namespace ambrel {
 
+PlistArray::PlistArray() = default;
 PlistArray::PlistArray(std::initializer_list<PlistValue> init) : items(init) {}
 void PlistArray::push_back(PlistValue v) { items.push_back(std::move(v)); }
 bool PlistArray::operator==(const PlistArray& o) const { return items == o.items; }
 
+PlistDict::PlistDict() = default;
 PlistDict::PlistDict(std::initializer_list<std::pair<std::string, PlistValue>> init) {
   for (const auto& [k, v] : init) set(k, v);
 }

@@ -15,37 +15,39 @@ class PlistValue;
 using PlistData = std::vector<uint8_t>;
 
 struct PlistArray {
-  std::vector<PlistValue> items;
+  using Items = std::vector<PlistValue>;
+  Items items;
 
-  PlistArray() = default;
+  PlistArray();
   PlistArray(std::initializer_list<PlistValue> init);
-  size_t size() const { return items.size(); }
-  bool empty() const { return items.empty(); }
-  const PlistValue& operator[](size_t i) const { return items[i]; }
-  PlistValue& operator[](size_t i) { return items[i]; }
+  size_t size() const;
+  bool empty() const;
+  const PlistValue& operator[](size_t i) const;
+  PlistValue& operator[](size_t i);
   void push_back(PlistValue v);
-  auto begin() const { return items.begin(); }
-  auto end() const { return items.end(); }
-  auto begin() { return items.begin(); }
-  auto end() { return items.end(); }
+  Items::const_iterator begin() const;
+  Items::const_iterator end() const;
+  Items::iterator begin();
+  Items::iterator end();
   bool operator==(const PlistArray&) const;
 };
 
 // Keys keep the order they were first set in; dictionaries here are small.
 struct PlistDict {
-  std::vector<std::pair<std::string, PlistValue>> entries;
+  using Entries = std::vector<std::pair<std::string, PlistValue>>;
+  Entries entries;
 
-  PlistDict() = default;
+  PlistDict();
   PlistDict(std::initializer_list<std::pair<std::string, PlistValue>> init);
   bool contains(std::string_view key) const { return find(key) != nullptr; }
   const PlistValue* find(std::string_view key) const;
   PlistValue* find(std::string_view key);
   void set(std::string key, PlistValue value);
   bool erase(std::string_view key);
-  size_t size() const { return entries.size(); }
-  bool empty() const { return entries.empty(); }
-  auto begin() const { return entries.begin(); }
-  auto end() const { return entries.end(); }
+  size_t size() const;
+  bool empty() const;
+  Entries::const_iterator begin() const;
+  Entries::const_iterator end() const;
 
   // Typed look-ups with a fallback for a missing or differently typed value.
   std::string string(std::string_view key, std::string fallback = {}) const;
@@ -106,6 +108,19 @@ class PlistValue {
  private:
   std::variant<std::monostate, bool, int64_t, uint64_t, double, std::string, PlistData, PlistArray, PlistDict> v_;
 };
+
+inline size_t PlistArray::size() const { return items.size(); }
+inline bool PlistArray::empty() const { return items.empty(); }
+inline const PlistValue& PlistArray::operator[](size_t i) const { return items[i]; }
+inline PlistValue& PlistArray::operator[](size_t i) { return items[i]; }
+inline PlistArray::Items::const_iterator PlistArray::begin() const { return items.begin(); }
+inline PlistArray::Items::const_iterator PlistArray::end() const { return items.end(); }
+inline PlistArray::Items::iterator PlistArray::begin() { return items.begin(); }
+inline PlistArray::Items::iterator PlistArray::end() { return items.end(); }
+inline size_t PlistDict::size() const { return entries.size(); }
+inline bool PlistDict::empty() const { return entries.empty(); }
+inline PlistDict::Entries::const_iterator PlistDict::begin() const { return entries.begin(); }
+inline PlistDict::Entries::const_iterator PlistDict::end() const { return entries.end(); }
 
 // JSON string literal (with quotes) of UTF-8 text.
 std::string jsonQuote(std::string_view text);
