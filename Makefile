@@ -12,7 +12,7 @@ DEB_PACKAGES := cmake ninja-build g++ pkg-config python3 \
   libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev \
   xorriso sleuthkit gdisk fdisk p7zip-full xz-utils unzip
 
-.PHONY: all deps build test demo bench fuzz clean
+.PHONY: all deps build test demo bench fuzz fuzz-seeds clean
 
 all: build
 
@@ -35,9 +35,18 @@ build: deps $(BUILD)/build.ninja
 $(TEST_BUILD)/build.ninja:
 	cmake -S . -B $(TEST_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DAMBREL_SANITIZE=ON -DAMBREL_GUI=$(GUI)
 
-test: deps $(TEST_BUILD)/build.ninja
+test: deps $(TEST_BUILD)/build.ninja fuzz-seeds
 	cmake --build $(TEST_BUILD) -j $(JOBS)
 	cd $(TEST_BUILD) && ctest --output-on-failure -j $(JOBS)
+
+# The libFuzzer harnesses built with clang (which also proves the engine builds
+# with clang) and run once over their seed corpora.
+build/fuzz/build.ninja:
+	CC=clang CXX=clang++ cmake -S . -B build/fuzz -G Ninja -DCMAKE_BUILD_TYPE=Debug -DAMBREL_GUI=OFF -DAMBREL_TESTS=OFF -DAMBREL_FUZZ=ON
+
+fuzz-seeds: deps build/fuzz/build.ninja
+	cmake --build build/fuzz -j $(JOBS) --target fuzzers
+	./tools/fuzz.sh build/fuzz 0
 
 demo: build
 	./tools/demo.sh $(BUILD)
@@ -50,9 +59,9 @@ bench: deps $(BENCH_BUILD)/build.ninja
 	./tools/bench.sh $(BENCH_BUILD)
 
 # Real coverage-guided fuzzing (clang's libFuzzer); `make test` only replays the seed corpora.
-fuzz: deps
-	CC=clang CXX=clang++ cmake -S . -B build/fuzz -G Ninja -DCMAKE_BUILD_TYPE=Debug -DAMBREL_GUI=OFF -DAMBREL_FUZZ=ON
-	cmake --build build/fuzz -j $(JOBS)
+FUZZ_SECONDS ?= 60
+fuzz: deps build/fuzz/build.ninja
+	cmake --build build/fuzz -j $(JOBS) --target fuzzers
 	./tools/fuzz.sh build/fuzz $(FUZZ_SECONDS)
 
 clean:

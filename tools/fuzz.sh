@@ -7,6 +7,11 @@ for f in "$BUILD"/tests/fuzz_*; do
   [ -x "$f" ] || continue
   name=$(basename "$f"); corpus="tests/fuzz/corpus/${name#fuzz_}"
   work="$BUILD/fuzz-corpus/${name#fuzz_}"; mkdir -p "$work"
-  echo "== $name ($SECONDS_EACH s)"
-  "$f" -max_total_time="$SECONDS_EACH" -max_len=65536 "$work" "$corpus"
+  if [ "$SECONDS_EACH" = 0 ]; then
+    # Seeds only: run each input once.
+    "$f" -runs=0 "$corpus"
+  else
+    echo "== $name ($SECONDS_EACH s)"
+    "$f" -max_total_time="$SECONDS_EACH" -max_len=65536 "$work" "$corpus"
+  fi
 done
