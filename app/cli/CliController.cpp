@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 
 namespace ambrel::cli {
@@ -38,6 +39,15 @@ void CliController::apply(const ProgressReport& report) {
   if (const PlistValue* v = report.find(kProgressStatus); v && v->string()) status_ = *v->string();
   if (const PlistValue* v = report.find(kTimeRemaining); v && v->string()) timeRemaining_ = *v->string();
   if (!showProgress_) return;
+  // Redraw at most a few times a second, and whenever the status text changes;
+  // scans may send a report per node.
+  const auto now = std::chrono::steady_clock::now();
+  const bool statusChanged = report.contains(kProgressStatus) && status_ != lastDrawnStatus_;
+  if (!statusChanged && now - lastDraw_ < std::chrono::milliseconds(200) && !report.contains(kTreeComplete) &&
+      !report.contains(kScanComplete))
+    return;
+  lastDraw_ = now;
+  lastDrawnStatus_ = status_;
   const double span = barMax_ - barMin_;
   const double fraction = span > 0 ? std::clamp((barValue_ - barMin_) / span, 0.0, 1.0) : 0.0;
   constexpr int kWidth = 30;

@@ -3,6 +3,7 @@
 // button is taken), progress is drawn as a bar on stderr, and the drive list
 // holds just the drive the command opened.
 #include <atomic>
+#include <chrono>
 #include <mutex>
 #include <string>
 
@@ -35,7 +36,8 @@ class CliController : public AppControllerInterface {
   std::atomic<bool> terminated_{false};
   bool showProgress_ = true;
   double barMin_ = 0, barMax_ = 0, barValue_ = 0;
-  std::string status_, timeRemaining_;
+  std::string status_, timeRemaining_, lastDrawnStatus_;
+  std::chrono::steady_clock::time_point lastDraw_{};
 };
 
 }  // namespace ambrel::cli
