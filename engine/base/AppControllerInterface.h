@@ -28,6 +28,13 @@ class AppControllerInterface {
   virtual void terminateApp() = 0;
   virtual void previewClose() = 0;
 
+  // After a tree scan found no usable volume structures: give up the volume
+  // and go back to the partition list (not waited for).
+  virtual void destroyVolumeAndBackToPartList() {}
+
+  // Held while a long scan step runs, so the machine does not go to sleep.
+  virtual void preventSleep(bool on) {}
+
   // The drive and volume lists as they are now (drive dictionaries).
   virtual PlistArray driveDictArray() const = 0;
   virtual PlistArray volumeDictArray() const = 0;
