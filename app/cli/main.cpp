@@ -3,12 +3,17 @@
 #include <fmt/format.h>
 
 #include <cstdio>
+#include <functional>
 #include <memory>
 
 #include "cli/CliController.h"
 #include "media/DMedia.h"
 
 using namespace ambrel;
+
+namespace ambrel::cli {
+void registerPartitionCommands(CLI::App& app, std::function<int()>& run);
+}
 
 namespace {
 
@@ -58,6 +63,8 @@ int main(int argc, char** argv) {
   auto* infoCmd = app.add_subcommand("info", "Show a drive's or disk image's size and partition-table kind");
   infoCmd->add_option("PATH", info.path, "Block device or disk image file")->required();
   infoCmd->add_flag("--json", info.json, "Print a JSON object instead of text");
+  std::function<int()> run;  // set by the subcommand that was chosen
+  cli::registerPartitionCommands(app, run);
 
   try {
     app.parse(argc, argv);
@@ -65,5 +72,6 @@ int main(int argc, char** argv) {
     return app.exit(e);
   }
   if (*infoCmd) return runInfo(info);
+  if (run) return run();
   return 1;
 }

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -41,6 +42,39 @@ class DMedia {
   bool readSaveSector(uint64_t sector, int32_t count, void* buffer);
 
   PartitionTableKind partitionTableKind();
+
+  // Partition tables: initialize reads sectors 0 and 1, picks GPT, MBR or the
+  // Apple partition map, fills volumePMArray through one reader and a naming
+  // pass, and appends its dictionaries to partitionList.
+  void initialize(PlistArray& partitionList);
+  void readAndInterpretMBR();
+  // Appends the non-empty entries of the MBR or EBR at tableSector to list
+  // ("System ID", "Relative Sector", "Number Of Sectors"). A table sector
+  // already read adds nothing, which ends a chain that points back into itself.
+  void fillPTList(PlistArray& list, uint32_t tableSector, uint32_t firstExtOffset);
+  void readAndInterpretGPT();
+  void readAndInterpretPM();
+  void getVolumeNamesGPT();
+  void getVolumeNamesPM();
+
+  // Volume search. The scan request stands for the worker's argument array:
+  // the controller, the list receiving volume dictionaries and the list
+  // receiving result rows.
+  struct VolumeScanRequest {
+    AppControllerInterface* controller = nullptr;
+    PlistArray* volumes = nullptr;
+    PlistArray* rows = nullptr;
+  };
+  bool verifyVIB(const VolumeInformationBlock& header) const;
+  // vib and HPlusVolStart must be set first; result becomes "Valid",
+  // "Partial Valid" or "Invalid".
+  void verifyVolumeAndGetData(std::string& result, uint64_t whetherAlternateSector);
+  void initializeForVolumeQuickScan(const VolumeScanRequest& request);
+  void initializeForVolumeThoroughScan(const VolumeScanRequest& request);
+  // kNoSector for a node beyond the B-tree file's extents.
+  static constexpr uint64_t kNoSector = UINT64_MAX;
+  uint64_t catalogNodeToSector(uint32_t node) const;
+  uint64_t extentsNodeToSector(uint32_t node) const;
 
   void setAbortVolumeScan(bool value) { abortVolumeScan.store(value); }
   bool isOpen() const { return fd_ >= 0; }
@@ -85,6 +119,23 @@ class DMedia {
   bool ensureOpen();
   bool isListed(const PlistArray& dicts) const;
   bool reportGoneForPreviewOrSave(const char* title);
+  PlistDict volumeDictionary(uint64_t start, uint64_t sizeInSectors, std::string name, int scanType) const;
+  // Steps shared by both naming passes once vib holds a volume header: the
+  // B-tree files' extents and header nodes, then the root folder's name.
+  void nameVolumeFromHeader(PlistDict& volume);
+  // Fills extentsExt and catalogExt from vib and reads both header nodes;
+  // false members tell which header node was not good.
+  struct BTreeSetup {
+    bool extentsHeaderGood = false;
+    bool catalogHeaderGood = false;
+    uint32_t catalogLeafRecords = 0;
+    uint32_t catalogTotalNodes = 0;
+  };
+  BTreeSetup readBTreeHeaders();
+  uint32_t countLeafNodes(int32_t nodeSizeInSectors);
+  void reportNodeWalk(uint64_t done, uint64_t total, double elapsedSeconds);
+
+  std::set<uint32_t> mbrTablesRead_;
 
   std::mutex openMutex_;
   std::atomic<int> fd_{-1};

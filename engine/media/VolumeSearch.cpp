@@ -1,0 +1,322 @@
+// The search of a whole drive for HFS+ volume headers, the grading of each
+// volume found, and the mapping of B-tree nodes to drive sectors.
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <fmt/format.h>
+
+#include "base/Endian.h"
+#include "media/DMedia.h"
+#include "media/NodeChecks.h"
+
+namespace ambrel {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr uint64_t kChunkSectors = 63;
+constexpr uint64_t kChunkBytes = kChunkSectors * kSectorSize;  // 32256
+// Chunks fetched per read: the logic still works chunk by chunk, but the
+// drive is read in larger pieces so the search runs near read speed.
+constexpr uint64_t kChunksPerRead = 64;
+// The node size assumed when the catalog header node is unusable (8 KiB).
+constexpr int32_t kAssumedCatalogNodeSectors = 16;
+constexpr uint64_t kNodesPerReport = 50;
+constexpr uint64_t kChunksPerReport = 100;
+
+double secondsSince(Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); }
+
+bool isHFSPlusSignature(uint16_t sig) { return sig == kHFSPlusSigWord || sig == kHFSXSigWord; }
+
+// Consecutive 63-sector chunks read in larger pieces. Sectors past the drive's
+// end read as zeros.
+class ChunkWindow {
+ public:
+  ChunkWindow(DMedia& media) : media_(media), buffer_(kChunksPerRead * kChunkBytes) {}
+
+  const uint8_t* chunkAt(uint64_t sector) {
+    const uint64_t span = kChunksPerRead * kChunkSectors;
+    if (!valid_ || sector < start_ || sector + kChunkSectors > start_ + span) {
+      start_ = sector;
+      valid_ = true;
+      std::memset(buffer_.data(), 0, buffer_.size());
+      const uint64_t left = media_.sizeInSect > sector ? media_.sizeInSect - sector : 0;
+      const uint64_t count = std::min(left, span);
+      if (count > 0) media_.readSector(sector, static_cast<int32_t>(count), buffer_.data());
+    }
+    return buffer_.data() + (sector - start_) * kSectorSize;
+  }
+
+ private:
+  DMedia& media_;
+  std::vector<uint8_t> buffer_;
+  uint64_t start_ = 0;
+  bool valid_ = false;
+};
+
+// The "TimeRemaining" estimate of a chunk walk.
+std::string chunkEstimate(double elapsed, uint64_t done, uint64_t total) {
+  return timeRemainingText(elapsed, done, total);
+}
+
+}  // namespace
+
+bool DMedia::verifyVIB(const VolumeInformationBlock& h) const {
+  const uint32_t sectorsPerBlock = h.blockSize / kSectorSize;
+  const bool blockSizeOk = h.blockSize >= 1024 && h.blockSize % kSectorSize == 0 &&
+                           (sectorsPerBlock == 2 || sectorsPerBlock == 4 || sectorsPerBlock == 8 ||
+                            sectorsPerBlock == 16);
+  if (!blockSizeOk) return false;
+  if (h.totalBlocks == 0 || h.fileCount == 0 || h.folderCount == 0 || h.createDate == 0 || h.modifyDate == 0 ||
+      h.dataClumpSize == 0 || (h.signature == 0 && h.version == 0))
+    return false;
+  for (const HFSPlusForkData_* fork : {&h.catalogFile, &h.extentsFile}) {
+    if (fork->logicalSize == 0 || fork->clumpSize == 0 || fork->totalBlocks == 0 ||
+        fork->extents.extDesc[0].startBlock == 0 || fork->extents.extDesc[0].blockCount == 0)
+      return false;
+  }
+  return true;
+}
+
+uint64_t DMedia::catalogNodeToSector(uint32_t node) const {
+  if (catNodeSize <= 0 || blockSize <= 0) return kNoSector;
+  const uint32_t nodeSectors = static_cast<uint32_t>(catNodeSize);
+  const uint32_t bs = static_cast<uint32_t>(blockSize);
+  uint32_t r = node;
+  for (const Extent& e : catalogExt) {
+    // Byte counts in 32 bits, as the system computes them.
+    const uint32_t nodeBytes = r * nodeSectors * kSectorSize;
+    const uint32_t extentBytes = e.blockCount * bs * kSectorSize;
+    if (nodeBytes < extentBytes)
+      return HPlusVolStart + uint64_t{e.startBlock} * bs + uint64_t{r} * nodeSectors;
+    r -= e.blockCount * bs / nodeSectors;
+  }
+  return kNoSector;
+}
+
+uint64_t DMedia::extentsNodeToSector(uint32_t node) const {
+  if (extNodeSize <= 0 || blockSize <= 0) return kNoSector;
+  const uint32_t nodeSectors = static_cast<uint32_t>(extNodeSize);
+  const uint32_t bs = static_cast<uint32_t>(blockSize);
+  uint32_t r = node;
+  // Bounded by the header's eight descriptors.
+  for (const auto& d : vib.extentsFile.extents.extDesc) {
+    const uint32_t nodeBytes = r * nodeSectors * kSectorSize;
+    const uint32_t extentBytes = d.blockCount * bs * kSectorSize;
+    if (nodeBytes < extentBytes)
+      return HPlusVolStart + uint64_t{d.startBlock} * bs + uint64_t{r} * nodeSectors;
+    r -= d.blockCount * bs / nodeSectors;
+  }
+  return kNoSector;
+}
+
+void DMedia::reportNodeWalk(uint64_t done, uint64_t total, double elapsedSeconds) {
+  if (!appController) return;
+  appController->updateVolumeScanProgress(ProgressReport{
+      {progress::kTimeRemainingForSubTask, timeRemainingText(elapsedSeconds, done, total)},
+      {progress::kProgressStatus, 1}});
+}
+
+uint32_t DMedia::countLeafNodes(int32_t nodeSizeInSectors) {
+  if (nodeSizeInSectors <= 0 || blockSize <= 0) return 0;
+  const uint64_t bs = static_cast<uint32_t>(blockSize);
+  const uint64_t nodeSectors = static_cast<uint32_t>(nodeSizeInSectors);
+  uint64_t total = 0;
+  for (const Extent& e : catalogExt) total += e.blockCount * bs / nodeSectors;
+  uint64_t leaves = 0, done = 0;
+  const auto started = Clock::now();
+  uint8_t sector[kSectorSize];
+  for (const Extent& e : catalogExt) {
+    const uint64_t nodes = e.blockCount * bs / nodeSectors;
+    const uint64_t first = HPlusVolStart + e.startBlock * bs;
+    for (uint64_t n = 0; n < nodes && !abortVolumeScan.load(); ++n) {
+      std::memset(sector, 0, sizeof sector);
+      readSector(first + n * nodeSectors, 1, sector);
+      if (auto desc = nodeDescriptorOf(sector); desc && isLeafNode(*desc)) ++leaves;
+      if (++done % kNodesPerReport == 0) reportNodeWalk(done, total, secondsSince(started));
+    }
+  }
+  return total == 0 ? 0 : static_cast<uint32_t>(leaves * 100 / total);
+}
+
+void DMedia::verifyVolumeAndGetData(std::string& result, uint64_t whetherAlternateSector) {
+  const size_t countBefore = volumeScanArray.size();
+  btreeForUsedCatNodeSector.clear();
+  result = "Valid";
+  const BTreeSetup setup = readBTreeHeaders();
+  if (!setup.extentsHeaderGood) result = "Partial Valid";
+  const uint64_t volumeSize = uint64_t{static_cast<uint32_t>(blockSize)} * vib.totalBlocks;
+
+  bool haveValidity = false;
+  uint32_t validity = 0;
+  bool listed = false;
+  if (setup.catalogHeaderGood) {
+    // The leaf chain, guarded against cycles by the visited-node table.
+    uint64_t records = 0, done = 0;
+    const auto started = Clock::now();
+    uint8_t sector[kSectorSize];
+    for (uint32_t node = firstLeafNode; node != 0 && !abortVolumeScan.load();) {
+      if (btreeForUsedCatNodeSector.retrieveKeyField(node)) break;
+      const uint64_t at = catalogNodeToSector(node);
+      if (at == kNoSector) break;
+      std::memset(sector, 0, sizeof sector);
+      readSector(at, 1, sector);
+      auto desc = nodeDescriptorOf(sector);
+      if (!desc || !isLeafNode(*desc) || desc->numRecords == 0) break;
+      btreeForUsedCatNodeSector.insert(node, 0);
+      records += desc->numRecords;
+      if (++done % kNodesPerReport == 0) reportNodeWalk(done, setup.catalogTotalNodes, secondsSince(started));
+      node = desc->fLink;
+    }
+    validity = setup.catalogLeafRecords > records ? static_cast<uint32_t>(records * 100 / setup.catalogLeafRecords)
+                                                   : 100;
+    haveValidity = true;
+
+    const uint64_t at = catalogNodeToSector(firstLeafNode);
+    uint8_t node[2 * kSectorSize] = {};
+    if (at != kNoSector) readSector(at, 2, node);
+    if (auto name = at != kNoSector ? rootFolderNameOf(node) : std::nullopt) {
+      PlistDict volume = volumeDictionary(HPlusVolStart, volumeSize, {}, 1);
+      volume.set("Volume Validity", fmt::format("{}", validity));
+      volume.set("WhetherAlternateSector", whetherAlternateSector);
+      if (!name->empty()) volume.set("Volume Name", *name);
+      else volume.erase("Volume Name");
+      volumeScanArray.push_back(std::move(volume));
+      result = "Valid";
+      listed = true;
+    }
+  }
+  if (!listed) {
+    const uint32_t leafShare =
+        countLeafNodes(setup.catalogHeaderGood ? catNodeSize : kAssumedCatalogNodeSectors);
+    if (!haveValidity || leafShare > validity) validity = leafShare;
+    PlistDict volume = volumeDictionary(HPlusVolStart, volumeSize, "Untitled", 1);
+    volume.set("Volume Validity", fmt::format("{}", validity));
+    volume.set("WhetherAlternateSector", whetherAlternateSector);
+    volumeScanArray.push_back(std::move(volume));
+    result = "Partial Valid";
+  }
+  if (abortVolumeScan.load() && volumeScanArray.size() > countBefore) {
+    volumeScanArray.items.pop_back();
+    result = "Invalid";
+  }
+}
+
+void DMedia::initializeForVolumeQuickScan(const VolumeScanRequest& request) {
+  AppControllerInterface* controller = request.controller ? request.controller : appController;
+  auto send = [controller](ProgressReport r) {
+    if (controller) controller->updateVolumeScanProgress(r);
+  };
+  const uint64_t total = sizeInSect;
+  const uint64_t chunks = total / kChunkSectors;
+  send({{progress::kBarMaxValue, sizeInBytes / kChunkBytes}});
+  ChunkWindow window(*this);
+  const auto started = Clock::now();
+  uint64_t passes = 0;
+  uint64_t s = 0;
+  while (s < total && !abortVolumeScan.load()) {
+    if (++passes % kChunksPerReport == 0)
+      send({{progress::kBarIncrement, 100},
+            {progress::kTimeRemaining, chunkEstimate(secondsSince(started), passes, chunks)}});
+    const uint8_t* chunk = window.chunkAt(s);
+    uint64_t next = s + kChunkSectors;
+    for (uint64_t i = 0; i < kChunkSectors; ++i) {
+      if (!isHFSPlusSignature(loadBE16(chunk + i * kSectorSize))) continue;
+      // Only the first candidate of a chunk is examined.
+      if (s + i >= 2) {
+        std::memcpy(&vib, chunk + i * kSectorSize, sizeof vib);
+        convertVIB(&vib);
+        HPlusVolStart = s + i - 2;
+        const uint64_t end = HPlusVolStart + uint64_t{vib.blockSize / kSectorSize} * vib.totalBlocks;
+        if (end < total) {
+          std::string result;
+          verifyVolumeAndGetData(result, 0);
+          if (result == "Valid") {
+            if (request.rows)
+              request.rows->push_back(PlistDict{
+                  {"Found Column", fmt::format("Volume Start Signature Found At Sector: {}", HPlusVolStart)},
+                  {"Validity Column", result}});
+            send({{progress::kBarIncrement, (end - s) / kChunkSectors}});
+            send({{progress::kVolumesFound, 1}});
+            // Nothing inside a valid volume is searched.
+            if (end > s) next = end;
+          }
+        }
+      }
+      break;
+    }
+    s = next;
+  }
+  if (request.volumes)
+    for (const auto& v : volumeScanArray) request.volumes->push_back(v);
+  send({{progress::kScanComplete, true}});
+}
+
+void DMedia::initializeForVolumeThoroughScan(const VolumeScanRequest& request) {
+  AppControllerInterface* controller = request.controller ? request.controller : appController;
+  auto send = [controller](ProgressReport r) {
+    if (controller) controller->updateVolumeScanProgress(r);
+  };
+  volFoundAtSectorArray.clear();
+  send({{progress::kBarMaxValue, sizeInBytes / kChunkBytes}});
+  send({{progress::kBarDoubleValue, 0}});
+  send({{progress::kTimeRemaining, ""}});
+
+  const uint64_t total = sizeInSect;
+  const uint64_t chunks = (total + kChunkSectors - 1) / kChunkSectors;
+  ChunkWindow window(*this);
+  auto estimateStart = Clock::now();
+  uint64_t chunk = 0, chunkAtEstimateStart = 0;
+
+  auto verifyAt = [&](uint64_t start, uint64_t alternateSector) {
+    HPlusVolStart = start;
+    send({{progress::kStartAnimation, true}, {progress::kProgressStatus, true}});
+    std::string result;
+    verifyVolumeAndGetData(result, alternateSector);
+    send({{progress::kStopAnimation, true}});
+    const bool seen = std::find(volFoundAtSectorArray.begin(), volFoundAtSectorArray.end(), start) !=
+                      volFoundAtSectorArray.end();
+    if (result != "Invalid" && !seen) {
+      if (request.rows)
+        request.rows->push_back(PlistDict{{"Found Column", fmt::format("Volume Found At Sector: {}", start)},
+                                          {"Validity Column", result}});
+      volFoundAtSectorArray.push_back(start);
+      send({{progress::kVolumesFound, true}});
+    }
+    // The estimate starts afresh after each verification.
+    estimateStart = Clock::now();
+    chunkAtEstimateStart = chunk;
+  };
+
+  for (uint64_t pos = 0; pos < total && !abortVolumeScan.load(); pos += kChunkSectors, ++chunk) {
+    if ((chunk + 1) % kChunksPerReport == 0)
+      send({{progress::kTimeRemaining, chunkEstimate(secondsSince(estimateStart), chunk - chunkAtEstimateStart,
+                                                     chunks - chunkAtEstimateStart)},
+            {progress::kBarIncrement, 100}});
+    const uint8_t* bytes = window.chunkAt(pos);
+    for (uint64_t i = 0; i < kChunkSectors && !abortVolumeScan.load(); ++i) {
+      const uint8_t* sector = bytes + i * kSectorSize;
+      if (!isHFSPlusSignature(loadBE16(sector))) continue;
+      const uint64_t s = pos + i;
+      if (s >= total) break;
+      std::memcpy(&vib, sector, sizeof vib);
+      convertVIB(&vib);
+      if (!verifyVIB(vib) || btreeForVIBCreateDate.retrieveKeyField(vib.createDate)) continue;
+      // Primary and alternate headers share the creation date: one look per volume.
+      btreeForVIBCreateDate.insert(vib.createDate, 0);
+      const uint64_t size = uint64_t{vib.blockSize / kSectorSize} * vib.totalBlocks;
+      if (s >= 2 && s - 2 + size <= total) verifyAt(s - 2, 0);
+      if (s >= 2 && size < s - 2 && !abortVolumeScan.load()) {
+        std::memcpy(&vib, sector, sizeof vib);
+        convertVIB(&vib);
+        if (verifyVIB(vib)) verifyAt(s - size + 2, s);
+      }
+    }
+  }
+  if (request.volumes)
+    for (const auto& v : volumeScanArray) request.volumes->push_back(v);
+  send({{progress::kScanComplete, true}});
+}
+
+}  // namespace ambrel
