@@ -68,6 +68,22 @@ std::unique_ptr<HDIR> HDIR::removeChildAtIndex(size_t index) {
   return child;
 }
 
+void HDIR::forgetSubtreeInTables(const HDIR& top, const HDIR* holder) {
+  std::vector<std::pair<const HDIR*, const HDIR*>> work{{&top, holder}};
+  while (!work.empty()) {
+    auto [e, h] = work.back();
+    work.pop_back();
+    BTreeTableClass* tables[4] = {h ? h->btreeHDIR : nullptr, h ? h->btreeHDIRAdvScan : nullptr, e->btreeHDIR,
+                                  e->btreeHDIRAdvScan};
+    for (BTreeTableClass* t : tables) {
+      if (!t) continue;
+      auto* item = t->retrieveKeyField(e->fileID);
+      if (item && item->dir == e) item->dir = nullptr;
+    }
+    for (const auto& c : e->children_) work.emplace_back(c.get(), e);
+  }
+}
+
 int64_t HDIR::countChildrenSelectedInArray(const ChildArray& array) {
   int64_t count = 0;
   std::vector<const ChildArray*> stack{&array};

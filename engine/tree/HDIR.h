@@ -82,8 +82,9 @@ class HDIR {
   // Takes one child out of the tree and hands it back.
   std::unique_ptr<HDIR> removeChildAtIndex(size_t index);
   // Destroys every child for which `remove` is true, keeping the order of the
-  // rest; linear however many go. Returns what the removed ones contributed
-  // to childrenSelected() of this entry.
+  // rest; linear however many go. Table items that pointed at a destroyed
+  // entry are set to nullptr (the tables cannot delete). Returns what the
+  // removed ones contributed to childrenSelected() of this entry.
   template <class Pred>
   int64_t removeChildrenIf(Pred remove);
 
@@ -142,6 +143,8 @@ class HDIR {
   static void propagateSelected(HDIR* from, int64_t d);
   HDIR* append(std::unique_ptr<HDIR> child);
   void dropNameIndex() { nameIndex_.reset(); }
+  // Clears the table items that point into the subtree of `top` (held by `holder`).
+  static void forgetSubtreeInTables(const HDIR& top, const HDIR* holder);
 
   std::string fileName_;
   uint8_t selected_ = 0;
@@ -151,6 +154,13 @@ class HDIR {
   int64_t selectedBelow_ = 0;
   std::unique_ptr<std::unordered_map<std::string_view, HDIR*>> nameIndex_;
 };
+
+// The entry under `id` in a table, or nullptr when absent or removed since.
+inline HDIR* findDir(BTreeTableClass* table, uint32_t id) {
+  if (!table) return nullptr;
+  auto* item = table->retrieveKeyField(id);
+  return item ? item->dir : nullptr;
+}
 
 template <class Pred>
 int64_t HDIR::removeChildrenIf(Pred remove) {
@@ -169,6 +179,7 @@ int64_t HDIR::removeChildrenIf(Pred remove) {
   }
   if (doomed.empty()) return 0;
   children_.resize(kept);
+  for (auto& d : doomed) forgetSubtreeInTables(*d, this);
   dropNameIndex();
   propagateSelected(this, -removedContribution);
   return removedContribution;
