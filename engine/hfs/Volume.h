@@ -1,0 +1,143 @@
+#pragma once
+// One HFS+ or HFSX volume (or, for the raw signature search, a whole drive)
+// while it is reconstructed: its header, where its B-trees and bitmap lie,
+// node and block mapping, overflow extents, lost entries and clean-up.
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "media/DMedia.h"
+#include "tree/HDIR.h"
+
+namespace ambrel {
+
+// What catNodeToSector / extNodeToSector answer for a node beyond the last
+// extent (or with no node size known): no sector of any drive.
+inline constexpr int64_t kInvalidSector = -1;
+
+// Reserved catalog node IDs of the recovered tree.
+inline constexpr uint32_t kRootParentID = 1;
+inline constexpr uint32_t kRootFolderID = 2;
+inline constexpr uint32_t kExtentsFileID = 3;
+inline constexpr uint32_t kCatalogFileID = 4;
+inline constexpr uint32_t kAllocationFileID = 6;
+inline constexpr uint32_t kLostFilesID = 7;
+inline constexpr uint32_t kLostFoldersID = 8;
+
+class Volume : public DMedia {
+ public:
+  // A drive dictionary ("WhetherDiskDict": whole drive; "WhetherVolume":
+  // volume device) or a volume dictionary (partition or header search).
+  Volume(const PlistDict& dict, AppControllerInterface* appController);
+  ~Volume() override;
+
+  bool initializeVIB();
+  void fillVIB();
+  bool checkCatalogAndExtentsFile();
+  void checkAllocationFile();
+  void fillAllocationExt();
+  void getCatalogExtFromVIB();
+
+  int64_t catNodeToSector(uint32_t node) const;
+  int64_t extNodeToSector(uint32_t node) const;
+  // Overflow extents of a fork from the extents B-tree; empty with *found
+  // false when the tree has no root (the original's nil).
+  std::vector<Extent> extentsForID(uint32_t fileID, uint8_t fork, uint32_t startBlock, uint32_t totalBlocks,
+                                   bool* found = nullptr);
+
+  bool sectorIsInThisExtArray(const std::vector<Extent>& extents, uint64_t sector) const;
+  bool sectorIsInCatalogFile(uint64_t sector) const;
+
+  // Flags of free blocks among the 40 from `block` are cleared; none is set.
+  void get40BlocksUsedStatusFromBlock(uint32_t block, uint8_t flags[40]);
+  uint32_t getAllocationBlockForBlock(uint32_t block, uint32_t* returnedBitIndex) const;
+  int64_t allocationOffsetToSector(uint64_t offset, uint32_t* skipOffset) const;
+  bool getIfUnusedSector(uint64_t sector);
+  bool getIfUnusedSectorForCatalogNode(uint64_t sector);
+  void getJournalSizeAndStart();
+
+  void setCPath() { cPath = path; }
+  std::string description() const;
+
+  // Lost and orphan entries.
+  void processOrphanEntriesWithIncrement(bool increment, bool showVolNameOnly);
+  void processAdvScanEntries();
+
+  // Duplicate names and empty folders.
+  std::string suggestedRepeatFileName(const std::string& name, HDIR* dir) const;
+  void processDuplicateEntries();
+  void removeZeroSizeFolders(HDIR* dir);
+
+  void setStopTreeThread(bool value) { stopTreeThread.store(value); }
+
+  uint64_t startSector = 0;
+  std::string volumeName;
+  std::string rootName;
+  std::string scanMode;
+  std::string lostFoldersPath;
+  std::string lostFilesPath;
+  std::string lostFileName;
+  std::string deletedFilesPath;
+  std::string deletedFileName;
+  std::unique_ptr<BTreeTableClass> btree;
+  BTreeTableClassUInt32 btreeFirstFileBlock;
+  uint32_t entryCount = 0;
+  uint32_t folderCount = 0;
+  uint32_t fileCount = 0;
+  uint64_t dataSize = 0;
+  uint64_t journalStart = 0;
+  uint64_t journalSize = 0;
+  std::atomic<bool> stopTreeThread{false};
+  std::unique_ptr<HDIR> dirRoot;
+  HDIR* dirLostFiles = nullptr;    // inside dirRoot's tree
+  HDIR* dirLostFolders = nullptr;  // inside dirRoot's tree
+  uint32_t leafRecords = 0;
+  int32_t catTreeDepth = 0;
+  std::vector<Extent> allocationExt;
+  HDIR::ChildArray orphanEntryArray;
+  uint32_t maxFileID = 0;
+  int32_t volumeScanType = 0;
+  std::vector<uint64_t> CatNodeArray;
+  HDIR::ChildArray advScanFolderArray;
+  HDIR::ChildArray advScanFileArray;
+  BTreeTableClass* btreeAdvScan = nullptr;  // btree itself unless a scan gives it its own
+  uint64_t totalBlocks = 0;
+  bool scanInfoSaved = false;
+  uint64_t vibAtSector = 0;
+  bool previewWarningShown = false;
+  bool isJournaled = false;
+  bool openedScanInfo = false;
+  std::vector<uint32_t> leafNodePointerArray;
+  std::vector<uint32_t> leafNodePointerTotalArray;
+  bool advScanEntriesCanBePutIntoOrphanEntryArray = false;
+  std::vector<Extent> catalogExtAsPerVIB;
+  bool level2IndexNodeHasProblems = false;
+  int32_t treeScanMode = 0;
+  float startPos = 0;
+  float endPos = 0;
+  bool updateStatus = true;
+  bool isUSBDevice = false;
+  bool lookForRtfAttachments = false;
+
+ private:
+  // Reads sector as a master directory block into mdb; false on a read error.
+  bool readMDB(uint64_t sector);
+  bool readVIB(uint64_t sector);
+  bool embeddedVolume(uint64_t volumeStart);
+  void report(ProgressReport r);
+  ProgressReport counters() const;
+  // Bitmap block `index` (in bitmap-file blocks) read into buf; false when
+  // the index lies beyond allocationExt or the read fails.
+  bool readBitmapBlock(uint64_t index, std::vector<uint8_t>& buf);
+  void subtractChildrenUp(HDIR* from, int32_t n);
+  void addChildrenUp(HDIR* from, int32_t n, uint64_t size, uint32_t files);
+  HDIR* makeLostFolderFor(uint32_t missingID);
+};
+
+// The path name of an entry placed under `parent`: its path and its name with
+// every "/" shown as ":".
+std::string childPathName(const HDIR& parent);
+
+}  // namespace ambrel
