@@ -131,6 +131,9 @@ uint32_t DMedia::countLeafNodes(int32_t nodeSizeInSectors) {
     const uint64_t nodes = e.blockCount * bs / nodeSectors;
     const uint64_t first = HPlusVolStart + e.startBlock * bs;
     for (uint64_t n = 0; n < nodes && !abortVolumeScan.load(); ++n) {
+      // Block counts come from disk: nodes past the drive's end are not read
+      // (and are no leaves).
+      if (first + n * nodeSectors >= sizeInSect) break;
       std::memset(sector, 0, sizeof sector);
       readSector(first + n * nodeSectors, 1, sector);
       if (auto desc = nodeDescriptorOf(sector); desc && isLeafNode(*desc)) ++leaves;
