@@ -37,7 +37,7 @@ def decode(objects, uid, seen, foundation_only):
         keys = [decode(objects, k, seen, foundation_only) for k in obj.get("NS.keys", [])]
         vals = [decode(objects, v, seen, foundation_only) for v in obj.get("NS.objects", [])]
         return dict(zip(keys, vals))
-    if "NSArray" in classes or "NSSet" in classes:
+    if "NSArray" in classes or "NSSet" in classes or "NSOrderedSet" in classes:
         return [decode(objects, v, seen, foundation_only) for v in obj.get("NS.objects", [])]
     if "NSString" in classes:
         s = obj["NS.string"]
