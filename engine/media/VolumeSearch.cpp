@@ -19,7 +19,7 @@ constexpr uint64_t kChunkSectors = 63;
 constexpr uint64_t kChunkBytes = kChunkSectors * kSectorSize;  // 32256
 // Chunks fetched per read: the logic still works chunk by chunk, but the
 // drive is read in larger pieces so the search runs near read speed.
-constexpr uint64_t kChunksPerRead = 64;
+constexpr uint64_t kChunksPerRead = 32;
 // The node size assumed when the catalog header node is unusable (8 KiB).
 constexpr int32_t kAssumedCatalogNodeSectors = 16;
 constexpr uint64_t kNodesPerReport = 50;
@@ -40,10 +40,12 @@ class ChunkWindow {
     if (!valid_ || sector < start_ || sector + kChunkSectors > start_ + span) {
       start_ = sector;
       valid_ = true;
-      std::memset(buffer_.data(), 0, buffer_.size());
       const uint64_t left = media_.sizeInSect > sector ? media_.sizeInSect - sector : 0;
       const uint64_t count = std::min(left, span);
-      if (count > 0) media_.readSector(sector, static_cast<int32_t>(count), buffer_.data());
+      // Past the drive's end, and after a failed read, no stale candidates stay behind.
+      std::memset(buffer_.data() + count * kSectorSize, 0, buffer_.size() - count * kSectorSize);
+      if (count > 0 && !media_.readSector(sector, static_cast<int32_t>(count), buffer_.data()))
+        std::memset(buffer_.data(), 0, count * kSectorSize);
     }
     return buffer_.data() + (sector - start_) * kSectorSize;
   }
