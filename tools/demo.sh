@@ -17,3 +17,11 @@ echo "hello from a Mac volume" > "$OUT/tree/Documents/readme.txt"
 xorriso -as mkisofs -quiet -hfsplus -o "$OUT/apm-drive.iso" "$OUT/tree" 2>/dev/null
 echo "-- $OUT/apm-drive.iso"
 "$CLI" info "$OUT/apm-drive.iso"
+
+# The sample drive of our own image builder: GPT, a journaled HFS+ volume with
+# a small tree (some files deleted and kept only in the journal's old catalog
+# nodes, some only as data in free space) and a second, HFSX volume.
+"$BUILD/tools/mkimage/ambrel-mkimage" --demo -o "$OUT/demo-drive.img" --layout "$OUT/demo-drive.layout.json"
+echo "-- $OUT/demo-drive.img"
+"$CLI" info "$OUT/demo-drive.img"
+"$CLI" partitions "$OUT/demo-drive.img"
