@@ -1,0 +1,116 @@
+#include "scaninfo/VolumeScanInfo.h"
+
+#include <cstring>
+
+namespace ambrel {
+
+VolumeArchive volumeArchiveOf(const Volume& v) {
+  VolumeArchive a;
+  a.volumeScanType = v.volumeScanType;
+  a.volumeName = v.volumeName;
+  a.rootName = v.rootName;
+  a.deletedFilesPath = v.deletedFilesPath;
+  a.path = v.path;
+  a.sizeInSect = v.sizeInSect;
+  a.HPlusVolStart = v.HPlusVolStart;
+  a.blockSize = v.blockSize;
+  if (v.volumeScanType != 2) {
+    a.startSector = v.startSector;
+    a.scanMode = v.scanMode;
+    a.lostFoldersPath = v.lostFoldersPath;
+    a.lostFilesPath = v.lostFilesPath;
+    a.lostFileName = v.lostFileName;
+    a.deletedFileName = v.deletedFileName;
+    a.model = v.model;
+    a.serial = v.serial;
+    a.revision = v.revision;
+  }
+  return a;
+}
+
+std::unique_ptr<Volume> volumeFromArchive(const VolumeArchive& a, AppControllerInterface* controller) {
+  // An empty dictionary gives the plain partition-volume setup with a fresh
+  // btree; every archived field is then taken from the file.
+  auto v = std::make_unique<Volume>(PlistDict{}, controller);
+  v->volumeScanType = a.volumeScanType;
+  v->startSector = a.startSector;
+  v->volumeName = a.volumeName;
+  v->rootName = a.rootName;
+  v->scanMode = a.scanMode;
+  v->lostFoldersPath = a.lostFoldersPath;
+  v->lostFilesPath = a.lostFilesPath;
+  v->lostFileName = a.lostFileName;
+  v->deletedFilesPath = a.deletedFilesPath;
+  v->deletedFileName = a.deletedFileName;
+  v->path = a.path;
+  v->model = a.model;
+  v->serial = a.serial;
+  v->revision = a.revision;
+  v->sizeInSect = a.sizeInSect;
+  v->HPlusVolStart = a.HPlusVolStart;
+  v->blockSize = a.blockSize;
+  v->setCPath();
+  return v;
+}
+
+std::optional<ScanInfoError> saveScanInfo(const std::string& path, Volume& volume, const PlistArray& partitionList,
+                                          AppControllerInterface* controller, uint64_t* entriesWritten) {
+  if (!volume.dirRoot) return ScanInfoError{"! Error", "There is no recovered tree to save."};
+  ScanInfo info;
+  info.volume = volumeArchiveOf(volume);
+  if (volume.volumeScanType == 0 || volume.volumeScanType == 1) info.partitionList = partitionList;
+  if (volume.volumeScanType != 2) {
+    info.first5Sectors.assign(kScanInfoDriveBytes, 0);
+    volume.readSector(0, 5, info.first5Sectors.data());
+  }
+  auto error = writeScanInfo(path, info, *volume.dirRoot, controller, entriesWritten);
+  if (!error) volume.scanInfoSaved = true;
+  return error;
+}
+
+OpenScanInfoResult openScanInfo(const std::string& path, AppControllerInterface* controller) {
+  OpenScanInfoResult result;
+  auto read = readScanInfo(path, controller);
+  if (!read.contents) {
+    result.error = read.error;
+    return result;
+  }
+  OpenedScanInfo opened;
+  opened.volume = volumeFromArchive(read.contents->info.volume, controller);
+  opened.volume->dirRoot = std::move(read.contents->root);
+  opened.volume->openedScanInfo = true;
+  opened.volume->scanInfoSaved = true;
+  opened.partitionList = std::move(read.contents->info.partitionList);
+  opened.first5Sectors = std::move(read.contents->info.first5Sectors);
+  opened.entryCount = read.contents->entryCount;
+  result.opened = std::move(opened);
+  return result;
+}
+
+int findScanInfoDrive(const Volume& volume, const std::vector<uint8_t>& first5Sectors, const PlistArray& driveDicts) {
+  if (first5Sectors.size() != kScanInfoDriveBytes) return -1;
+  std::vector<uint8_t> sectors(kScanInfoDriveBytes);
+  for (size_t i = 0; i < driveDicts.size(); ++i) {
+    const PlistDict* dict = driveDicts[i].dict();
+    if (!dict) continue;
+    // A DMedia reads the identity the way the volume's was read when saved.
+    DMedia drive(*dict, nullptr);
+    std::fill(sectors.begin(), sectors.end(), 0);
+    if (!drive.readSector(0, 5, sectors.data())) continue;
+    if (sectors == first5Sectors && drive.model == volume.model && drive.serial == volume.serial)
+      return static_cast<int>(i);
+  }
+  return -1;
+}
+
+int findScanInfoVolume(const Volume& volume, const PlistArray& volumeDicts) {
+  for (size_t i = 0; i < volumeDicts.size(); ++i) {
+    const PlistDict* dict = volumeDicts[i].dict();
+    if (!dict) continue;
+    if ((dict->u64("device size") >> 9) == volume.sizeInSect && dict->string("Volume Name") == volume.volumeName)
+      return static_cast<int>(i);
+  }
+  return -1;
+}
+
+}  // namespace ambrel
