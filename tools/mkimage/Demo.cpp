@@ -111,7 +111,7 @@ DriveSpec demoDrive() {
   data.hfsx = true;
   data.blockSize = 4096;
   data.nodeSize = 4096;
-  data.created = t;
+  data.created = t + 86400;
   data.seed = 2024;
   data.root = {file("readme.txt", textBytes("lower case\n"), t + 10), file("README.txt", textBytes("UPPER CASE\n"), t + 20),
                folder("Backups", {file("photos.tar", generatedBytes(5, 40000), t + 30)})};

@@ -66,13 +66,17 @@ void mbrEntry(uint8_t* sector, int slot, uint8_t type, uint64_t absStart, uint64
 }
 
 struct Planned {
-  const PartitionSpec* spec;
+  const PartitionSpec* spec = nullptr;
+  std::string name;
   std::unique_ptr<VolumeBuilder> builder;
   uint64_t start = 0, sectors = 0, ebr = 0;
 };
 
-VolumeSpec volumeFor(const PartitionSpec& p) {
+// Volumes left at the default creation date get dates a day apart, since a
+// header search tells volumes apart by their creation dates.
+VolumeSpec volumeFor(const PartitionSpec& p, size_t index) {
   VolumeSpec v = p.volume ? *p.volume : VolumeSpec{};
+  if (v.created == VolumeSpec{}.created) v.created += static_cast<HfsDate>(index * 86400);
   if (!p.volume && !p.name.empty()) v.name = p.name;
   if (p.kind == PartitionSpec::Kind::HFSX) v.hfsx = true;
   return v;
@@ -99,9 +103,12 @@ DriveLayout buildImage(const DriveSpec& spec, const std::filesystem::path& out) 
   // Place partitions: primaries in order, then the logical ones (MBR) inside
   // one extended partition at the end, each behind its own boot record.
   std::vector<Planned> planned;
-  for (const auto& p : spec.partitions) {
-    Planned pl{&p, nullptr};
-    if (isHfs(p.kind)) pl.builder = std::make_unique<VolumeBuilder>(volumeFor(p));
+  for (size_t i = 0; i < spec.partitions.size(); ++i) {
+    const PartitionSpec& p = spec.partitions[i];
+    Planned pl{};
+    pl.spec = &p;
+    pl.name = p.name.empty() && isHfs(p.kind) ? volumeFor(p, i).name : p.name;
+    if (isHfs(p.kind)) pl.builder = std::make_unique<VolumeBuilder>(volumeFor(p, i));
     if (p.logical && spec.table != TableKind::MBR) throw BuildError("logical partitions exist only in an MBR");
     pl.sectors = p.sizeSectors ? p.sizeSectors : (pl.builder ? roundUp(pl.builder->minimumSectors(), kAlign) : kAlign);
     planned.push_back(std::move(pl));
@@ -198,8 +205,7 @@ DriveLayout buildImage(const DriveSpec& spec, const std::filesystem::path& out) 
       randomGuid(e + 16);
       storeLE64(e + 32, pl.start);
       storeLE64(e + 40, pl.start + pl.sectors - 1);
-      std::string name = pl.spec->name.empty() && pl.builder ? volumeFor(*pl.spec).name : pl.spec->name;
-      std::u16string uname = utf8ToUtf16(name);
+      std::u16string uname = utf8ToUtf16(pl.name);
       for (size_t i = 0; i < uname.size() && i < 36; ++i) storeLE16(e + 56 + 2 * i, uname[i]);
     }
     uint32_t entriesCrc = crc32Of(entries.data(), entries.size());
@@ -245,8 +251,7 @@ DriveLayout buildImage(const DriveSpec& spec, const std::filesystem::path& out) 
           case PartitionSpec::Kind::Other: type = "Apple_UNIX_SVR2"; break;
         }
       }
-      std::string name = pl.spec->name.empty() && pl.builder ? volumeFor(*pl.spec).name : pl.spec->name;
-      map.push_back({pl.start, pl.sectors, name.empty() ? "Extra" : name, type});
+      map.push_back({pl.start, pl.sectors, pl.name.empty() ? "Extra" : pl.name, type});
       at = pl.start + pl.sectors;
     }
     if (driveSectors > at) map.push_back({at, driveSectors - at, "Extra", "Apple_Free"});
@@ -279,7 +284,7 @@ DriveLayout buildImage(const DriveSpec& spec, const std::filesystem::path& out) 
     p.type = kindName(pl.spec->kind);
     p.logical = pl.spec->logical;
     p.tableSector = pl.ebr;
-    p.name = pl.spec->name.empty() && pl.builder ? volumeFor(*pl.spec).name : pl.spec->name;
+    p.name = pl.name;
     if (pl.builder) p.volume = pl.builder->write(image, pl.start, pl.sectors);
     layout.partitions.push_back(std::move(p));
   }
