@@ -64,7 +64,11 @@ std::string imagePath() {
     v.name = fmt::format("Bench {}", i + 1);
     v.seed = static_cast<uint64_t>(i + 1);
     v.created = mkimage::hfsDateFromUnix(1700000000 + i);
-    v.generate = mkimage::GenerateSpec{.files = 2000, .folders = 50, .seed = static_cast<uint64_t>(i + 1)};
+    mkimage::GenerateSpec tree;
+    tree.files = 2000;
+    tree.folders = 50;
+    tree.seed = static_cast<uint64_t>(i + 1);
+    v.generate = tree;
     p.volume = v;
     spec.partitions.push_back(p);
   }

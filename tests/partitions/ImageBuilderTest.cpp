@@ -20,7 +20,12 @@ mk::PartitionSpec hfsPartition(const std::string& volumeName, bool logical = fal
   v.seed = std::hash<std::string>{}(volumeName);
   v.created = mk::hfsDateFromUnix(1700000000 + static_cast<int64_t>(v.seed % 100000));
   // The search wants at least one file and one folder besides the root.
-  v.root = {mk::EntrySpec{.name = "note.txt", .dataSize = 3000}, mk::EntrySpec{.name = "Documents", .folder = true}};
+  mk::EntrySpec file, folder;
+  file.name = "note.txt";
+  file.dataSize = 3000;
+  folder.name = "Documents";
+  folder.folder = true;
+  v.root = {file, folder};
   p.volume = v;
   return p;
 }
@@ -138,7 +143,10 @@ TEST(BuiltDrives, DamagedVolumesOnAWipedDrive) {
   auto broken = hfsPartition("Catalog Broken");
   broken.volume->damage.catalogHeaderCorrupted = true;
   auto looped = hfsPartition("Leaf Loop");
-  looped.volume->generate = mk::GenerateSpec{.files = 400, .folders = 10};
+  mk::GenerateSpec many;
+  many.files = 400;
+  many.folders = 10;
+  looped.volume->generate = many;
   looped.volume->damage.leafChain = mk::LeafChainDamage{mk::LeafChainDamage::Mode::Loop, -1};
   spec.partitions = {zeroed, broken, looped};
   auto b = build(spec);
