@@ -13,6 +13,8 @@ using namespace ambrel;
 
 namespace ambrel::cli {
 void registerPartitionCommands(CLI::App& app, std::function<int()>& run);
+void registerScanInfoCommands(CLI::App& app, std::function<int()>& run);
+void registerTreeCommands(CLI::App& app, std::function<int()>& run);
 }
 
 namespace {
@@ -65,6 +67,8 @@ int main(int argc, char** argv) {
   infoCmd->add_flag("--json", info.json, "Print a JSON object instead of text");
   std::function<int()> run;  // set by the subcommand that was chosen
   cli::registerPartitionCommands(app, run);
+  cli::registerScanInfoCommands(app, run);
+  cli::registerTreeCommands(app, run);
 
   try {
     app.parse(argc, argv);

@@ -3,11 +3,14 @@
 // while it is reconstructed: its header, where its B-trees and bitmap lie,
 // node and block mapping, overflow extents, lost entries and clean-up.
 #include <atomic>
+#include <chrono>
+#include <functional>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "hfs/CatalogRecords.h"
 #include "media/DMedia.h"
 #include "tree/HDIR.h"
 
@@ -72,6 +75,29 @@ class Volume : public DMedia {
 
   void setStopTreeThread(bool value) { stopTreeThread.store(value); }
 
+  // The tree scan: the body of the scan thread. mode is "Normal Scan" or
+  // "Advanced Scan"; reports go to the controller.
+  void startMakingTree(AppControllerInterface* controller, const std::string& mode);
+  bool makeTree();
+  bool readFilesAndFolders();
+  static bool verifyLeafNodeDesc(const BTNodeDescriptor_& desc);
+  // Bounded: refuses (false) a name length over 255, leaving the name unswapped.
+  static bool convertHPlusCatalogKey(HFSPlusCatalogKey_* key);
+
+  // Catalog node searches.
+  void enumerateLevel2IndexNodes();
+  void searchForLevel2IndexNodes();
+  void searchForLeafNodes();
+  bool makeAdvTree();
+  void searchCatFrags();
+  void processCatFrags();
+  void addToOrphanEntryArray(const HDIR& entry);
+  void addToAdvScanFolderArray(const HDIR& entry);
+  void addToAdvScanFileArray(const HDIR& entry);
+
+  void startPreventingSleep();
+  void stopPreventingSleep();
+
   uint64_t startSector = 0;
   std::string volumeName;
   std::string rootName;
@@ -120,6 +146,8 @@ class Volume : public DMedia {
   bool updateStatus = true;
   bool isUSBDevice = false;
   bool lookForRtfAttachments = false;
+  // leafNodePointerArray has been made (the original's non-nil array).
+  bool leafNodePointerArrayMade_ = false;
 
  private:
   // Reads sector as a master directory block into mdb; false on a read error.
@@ -134,6 +162,23 @@ class Volume : public DMedia {
   void subtractChildrenUp(HDIR* from, int32_t n);
   void addChildrenUp(HDIR* from, int32_t n, uint64_t size, uint32_t files);
   HDIR* makeLostFolderFor(uint32_t missingID);
+
+  // Tree scan helpers.
+  std::string driveText(const char* format) const;  // format with volume name, model, serial, revision
+  void withSleepPrevented(const std::function<void()>& step);
+  void makeRoot();
+  void processLeafRecord(const std::vector<uint8_t>& node, uint32_t numRecords, uint32_t index, bool tolerant);
+  bool collectForkExtents(const HFSPlusForkData_& fork, uint32_t fileID, uint8_t forkType, std::vector<Extent>& out);
+  bool plausibleForks(const HFSPlusCatalogFile_& f) const;
+  void reportEntryProgress();
+  bool readCatalogNode(uint32_t number, std::vector<uint8_t>& node);
+  uint64_t catalogNodeCount() const;
+  void forEachCatalogFileNode(const std::function<bool(uint64_t sector, uint64_t number)>& visit);
+  void collectLevel2Chain(uint32_t number, std::vector<uint8_t>& node);
+  RecordCheck processFragmentRecord(const std::vector<uint8_t>& node, uint32_t numRecords, uint32_t index, bool live);
+
+  std::chrono::steady_clock::time_point scanStart_{};
+  uint64_t scanRecordsSeen_ = 0;
 };
 
 // The path name of an entry placed under `parent`: its path and its name with

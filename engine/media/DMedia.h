@@ -78,6 +78,8 @@ class DMedia {
 
   void setAbortVolumeScan(bool value) { abortVolumeScan.store(value); }
   bool isOpen() const { return fd_ >= 0; }
+  // Opens the device now if it is not open yet (reads do this themselves).
+  bool openDevice() { return ensureOpen(); }
 
   std::string path;
   uint64_t sizeInBytes = 0;

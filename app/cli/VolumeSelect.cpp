@@ -1,0 +1,75 @@
+#include "cli/VolumeSelect.h"
+
+#include <fmt/format.h>
+
+#include <filesystem>
+
+#include "media/DMedia.h"
+
+namespace ambrel::cli {
+
+PlistDict chooseVolume(const VolumeChoice& choice, CliController& controller, std::string& error) {
+  PlistDict drive = driveDictionaryForPath(choice.path, error);
+  if (drive.empty()) return {};
+  controller.setDrives(PlistArray{drive});
+  DMedia media(drive, &controller);
+  if (!media.isOpen()) {
+    error = fmt::format("cannot open {} read-only", choice.path);
+    return {};
+  }
+  auto rangeDict = [&](uint64_t start, uint64_t sectors, std::string name) {
+    return PlistDict{{"Volume Start", start}, {"Volume Size In Sectors", sectors}, {"Volume Name", std::move(name)},
+                     {"Volume Scan Type", 0}, {"Path", media.path}, {"Model", media.model},
+                     {"Serial", media.serial}, {"Revision", media.revision}};
+  };
+  const std::string imageName = std::filesystem::path(choice.path).filename().string();
+
+  if (choice.startSector || choice.sectorCount) {
+    if (!choice.startSector || !choice.sectorCount) {
+      error = "--start and --sectors go together";
+      return {};
+    }
+    if (*choice.sectorCount == 0 || *choice.startSector >= media.sizeInSect ||
+        *choice.sectorCount > media.sizeInSect - *choice.startSector) {
+      error = fmt::format("sectors {} to {} do not lie within the drive's {} sectors", *choice.startSector,
+                          *choice.startSector + *choice.sectorCount, media.sizeInSect);
+      return {};
+    }
+    return rangeDict(*choice.startSector, *choice.sectorCount, imageName);
+  }
+
+  if (media.partitionTableKind() == PartitionTableKind::None) {
+    if (choice.volumeNumber > 1) {
+      error = fmt::format("{} has no partition table: it is read as one volume", choice.path);
+      return {};
+    }
+    return rangeDict(0, media.sizeInSect, imageName);
+  }
+  PlistArray volumes;
+  media.initialize(volumes);
+  if (volumes.empty()) {
+    error = fmt::format("the partition table of {} lists no HFS+ or HFSX volume (try find-volumes, or --start and --sectors)",
+                        choice.path);
+    return {};
+  }
+  const int number = choice.volumeNumber == 0 ? 1 : choice.volumeNumber;
+  if (number < 1 || static_cast<size_t>(number) > volumes.size()) {
+    error = fmt::format("there is no volume {}: {} lists {} (see the partitions command)", number, choice.path,
+                        volumes.size());
+    return {};
+  }
+  return *volumes[static_cast<size_t>(number - 1)].dict();
+}
+
+std::unique_ptr<Volume> openVolume(const VolumeChoice& choice, CliController& controller, std::string& error) {
+  PlistDict dict = chooseVolume(choice, controller, error);
+  if (dict.empty()) return nullptr;
+  auto volume = std::make_unique<Volume>(dict, &controller);
+  if (!volume->openDevice()) {
+    error = fmt::format("cannot open {} read-only", choice.path);
+    return nullptr;
+  }
+  return volume;
+}
+
+}  // namespace ambrel::cli

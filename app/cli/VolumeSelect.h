@@ -1,0 +1,30 @@
+#pragma once
+// Which volume of a drive or image a command works on: a volume of the
+// partition table by number, an explicit sector range, or, for an image with
+// no partition table, the whole image as one volume.
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "base/PlistValue.h"
+#include "cli/CliController.h"
+#include "hfs/Volume.h"
+
+namespace ambrel::cli {
+
+struct VolumeChoice {
+  std::string path;
+  int volumeNumber = 0;                 // 1-based; 0: the first
+  std::optional<uint64_t> startSector;  // with sectorCount: an explicit range
+  std::optional<uint64_t> sectorCount;
+};
+
+// The volume dictionary for the choice; empty with `error` set when there is
+// none. The controller's drive list is set to the opened drive.
+PlistDict chooseVolume(const VolumeChoice& choice, CliController& controller, std::string& error);
+
+// A Volume made from the chosen dictionary, or nullptr with `error` set.
+std::unique_ptr<Volume> openVolume(const VolumeChoice& choice, CliController& controller, std::string& error);
+
+}  // namespace ambrel::cli

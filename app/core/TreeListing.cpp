@@ -1,0 +1,89 @@
+#include "core/TreeListing.h"
+
+#include <fmt/format.h>
+
+#include <ctime>
+#include <vector>
+
+#include "base/PlistValue.h"
+
+namespace ambrel {
+
+namespace {
+
+constexpr int64_t kHfsToUnix = 2082844800;
+
+const char* const kColumns[] = {"path",     "type",     "fileID",  "parentID", "fileSize",    "dataSize",
+                                "rscSize",  "fileCount", "created", "modified", "dataExtents", "rscExtents"};
+
+std::string extentsText(const std::vector<Extent>& extents) {
+  std::string out;
+  for (const Extent& e : extents) {
+    if (!out.empty()) out += ',';
+    out += fmt::format("{}+{}", e.startBlock, e.blockCount);
+  }
+  return out;
+}
+
+// TSV cells cannot hold tabs or line breaks: those, and the backslash, are escaped.
+std::string tsvCell(const std::string& text) {
+  std::string out;
+  for (char c : text) {
+    switch (c) {
+      case '\t': out += "\\t"; break;
+      case '\n': out += "\\n"; break;
+      case '\r': out += "\\r"; break;
+      case '\\': out += "\\\\"; break;
+      default: out += c;
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
+std::string hfsDateText(uint32_t hfsSeconds) {
+  if (hfsSeconds == 0) return {};
+  const std::time_t t = static_cast<std::time_t>(int64_t{hfsSeconds} - kHfsToUnix);
+  std::tm tm{};
+  gmtime_r(&t, &tm);
+  char buf[32];
+  std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &tm);
+  return buf;
+}
+
+void writeTreeListing(const HDIR& root, ListingFormat format, std::FILE* out) {
+  const bool json = format == ListingFormat::Json;
+  if (json) {
+    fmt::print(out, "[");
+  } else {
+    for (size_t i = 0; i < std::size(kColumns); ++i) fmt::print(out, "{}{}", i ? "\t" : "", kColumns[i]);
+    fmt::print(out, "\n");
+  }
+  bool first = true;
+  // Iterative pre-order: trees can be deeper than the stack allows.
+  std::vector<const HDIR*> stack{&root};
+  while (!stack.empty()) {
+    const HDIR* e = stack.back();
+    stack.pop_back();
+    const std::string path = e->pathName + "/" + e->fileName();
+    const char* type = e->fileType == kHDIRFolder ? "folder" : "file";
+    if (json) {
+      fmt::print(out, "{}\n{{\"path\":{},\"type\":\"{}\",\"fileID\":{},\"parentID\":{},\"fileSize\":{},\"dataSize\":{},"
+                 "\"rscSize\":{},\"fileCount\":{},\"created\":{},\"modified\":{},\"dataExtents\":{},\"rscExtents\":{}}}",
+                 first ? "" : ",", jsonQuote(path), type, e->fileID, e->parentID, e->fileSize, e->dataSize, e->rscSize,
+                 e->fileCount, jsonQuote(hfsDateText(e->createDate)), jsonQuote(hfsDateText(e->modDate)),
+                 jsonQuote(extentsText(e->dataExt)), jsonQuote(extentsText(e->rscExt)));
+    } else {
+      fmt::print(out, "{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\n", tsvCell(path), type, e->fileID, e->parentID,
+                 e->fileSize, e->dataSize, e->rscSize, e->fileCount, hfsDateText(e->createDate),
+                 hfsDateText(e->modDate), extentsText(e->dataExt), extentsText(e->rscExt));
+    }
+    first = false;
+    const auto& children = e->children();
+    for (auto it = children.rbegin(); it != children.rend(); ++it) stack.push_back(it->get());
+  }
+  if (json) fmt::print(out, "\n]\n");
+}
+
+}  // namespace ambrel

@@ -1,0 +1,304 @@
+// The tree scan of one volume: the catalog leaf walk ("Normal Scan") and its
+// entry point, which also drives the node searches of the advanced scan.
+#include <chrono>
+#include <cstring>
+#include <fmt/format.h>
+
+#include "base/Endian.h"
+#include "hfs/CatalogRecords.h"
+#include "hfs/Volume.h"
+
+namespace ambrel {
+
+namespace {
+
+constexpr const char* kNormalScan = "Normal Scan";
+constexpr const char* kAdvancedScan = "Advanced Scan";
+
+// A retrieve count above this means the chain has led back to a node
+// several times: the walk ends.
+constexpr uint32_t kMaxNodeVisits = 4;
+
+}  // namespace
+
+std::string Volume::driveText(const char* format) const {
+  return fmt::format(fmt::runtime(format), volumeName, model, serial, revision);
+}
+
+void Volume::withSleepPrevented(const std::function<void()>& step) {
+  startPreventingSleep();
+  step();
+  stopPreventingSleep();
+}
+
+void Volume::startPreventingSleep() {
+  if (appController) appController->preventSleep(true);
+}
+
+void Volume::stopPreventingSleep() {
+  if (appController) appController->preventSleep(false);
+}
+
+bool Volume::verifyLeafNodeDesc(const BTNodeDescriptor_& desc) { return desc.height == 1 && desc.kind == kBTLeafNode; }
+
+bool Volume::convertHPlusCatalogKey(HFSPlusCatalogKey_* key) { return convertHPlusCatalogKeyBounded(key); }
+
+void Volume::makeRoot() {
+  if (dirRoot) return;
+  auto root = std::make_unique<HDIR>();
+  root->fileType = kHDIRFolder;
+  root->fileID = kRootFolderID;
+  root->parentID = kRootParentID;
+  root->setFileName("Root");
+  root->pathName = "";
+  root->btreeHDIR = btree.get();
+  btree->insert(kRootFolderID, root.get());
+  dirRoot = std::move(root);
+}
+
+bool Volume::makeTree() {
+  makeRoot();
+  readFilesAndFolders();
+  return true;
+}
+
+void Volume::startMakingTree(AppControllerInterface* controller, const std::string& mode) {
+  if (controller) appController = controller;
+  scanMode = mode;
+  treeScanMode = mode == kAdvancedScan ? 1 : 0;
+  advScanEntriesCanBePutIntoOrphanEntryArray = false;
+  const bool advanced = treeScanMode == 1;
+  bool alertShown = false;
+
+  bool usable = initializeVIB();
+  if (usable) {
+    advScanEntriesCanBePutIntoOrphanEntryArray = true;
+    usable = checkCatalogAndExtentsFile();
+    if (!usable) getCatalogExtFromVIB();
+  }
+  if (usable) {
+    if (catTreeDepth > 1) withSleepPrevented([this] { enumerateLevel2IndexNodes(); });
+    if (leafNodePointerArrayMade_ && (leafNodePointerArray.empty() || level2IndexNodeHasProblems))
+      withSleepPrevented([this] { searchForLevel2IndexNodes(); });
+    if (level2IndexNodeHasProblems) withSleepPrevented([this] { searchForLeafNodes(); });
+
+    if (firstLeafNode != 0 && catNodeSize != 0) {
+      makeTree();
+      if (!orphanEntryArray.empty()) processOrphanEntriesWithIncrement(false, false);
+    }
+    if (advanced) makeAdvTree();
+  } else if (advanced) {
+    // Allocation blocks are taken as 4096 bytes when the headers cannot be trusted.
+    blockSize = 8;
+    makeAdvTree();
+  } else {
+    if (appController) {
+      appController->alert("Can not process",
+                           "Key data structures not found. Please try Advance Scan for tree on the desired volume.",
+                           {"OK"});
+      appController->destroyVolumeAndBackToPartList();
+    }
+    alertShown = true;
+  }
+
+  withSleepPrevented([this] { processDuplicateEntries(); });
+  if (!alertShown) {
+    report({{progress::kProgressStatus, driveText("Tree Completed for {} on drive {} {} {}")},
+                  {progress::kTreeComplete, true},
+                  {progress::kBarDoubleValue, uint64_t{0}}});
+  }
+}
+
+bool Volume::readFilesAndFolders() {
+  const std::string status = driveText("Making Tree for {} on drive {} {} {}");
+  report({{progress::kProgressStatus, status}, {progress::kProgressType, 1}, {progress::kBarMaxValue, uint64_t{leafRecords}}});
+  report({{progress::kTimeRemaining, ""}});
+  scanStart_ = std::chrono::steady_clock::now();
+  scanRecordsSeen_ = 0;
+
+  const size_t nodeBytes = static_cast<size_t>(catNodeSize) * kSectorSize;
+  std::vector<uint8_t> node(nodeBytes);
+  bool strict = true;
+  size_t nextA = 0, nextT = 0;
+  uint32_t number = firstLeafNode;
+
+  // The next node from the collected lists: level-2 pointers while strict,
+  // then every leaf-looking node of the catalog in tolerant mode.
+  auto fromLists = [&](uint32_t& out) {
+    if (strict && nextA < leafNodePointerArray.size()) {
+      out = leafNodePointerArray[nextA++];
+      return true;
+    }
+    strict = false;
+    if (nextT < leafNodePointerTotalArray.size()) {
+      out = leafNodePointerTotalArray[nextT++];
+      return true;
+    }
+    return false;
+  };
+
+  while (number != 0 && !stopTreeThread) {
+    const int64_t sector = catNodeToSector(number);
+    BTNodeDescriptor_ desc{};
+    const bool read = sector != kInvalidSector &&
+                      readSector(static_cast<uint64_t>(sector), catNodeSize, node.data());
+    if (read) {
+      std::memcpy(&desc, node.data(), sizeof desc);
+      convertBTNodeDesc(&desc);
+    }
+    if (!read || !verifyLeafNodeDesc(desc)) {
+      if (!fromLists(number)) break;
+      continue;
+    }
+    const uint32_t key = static_cast<uint32_t>(sector);
+    if (auto* seen = btreeForUsedCatNodeSector.retrieveKeyField(key)) {
+      if (seen->retrieveCount > kMaxNodeVisits) break;
+      if (strict && desc.fLink != 0) {
+        number = desc.fLink;
+      } else if (!fromLists(number)) {
+        break;
+      }
+      continue;
+    }
+    btreeForUsedCatNodeSector.insert(key, 1);
+    scanRecordsSeen_ += desc.numRecords;
+    for (uint32_t i = 0; i < desc.numRecords && !stopTreeThread; ++i)
+      processLeafRecord(node, desc.numRecords, i, !strict);
+
+    if (!strict) {
+      if (!fromLists(number)) break;
+    } else if (desc.fLink != 0) {
+      number = desc.fLink;
+    } else {
+      if (scanRecordsSeen_ >= 2ULL * leafRecords) break;
+      if (!fromLists(number)) break;
+    }
+  }
+
+  ProgressReport done = counters();
+  done.set(progress::kProgressStatus, status);
+  done.set(progress::kBarDoubleValue, uint64_t{leafRecords});
+  report(std::move(done));
+  return true;
+}
+
+void Volume::reportEntryProgress() {
+  if (entryCount % 100 != 0) return;
+  const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - scanStart_).count();
+  ProgressReport r = counters();
+  r.set(progress::kTimeRemaining, timeRemainingText(elapsed, scanRecordsSeen_, 2ULL * leafRecords));
+  r.set(progress::kProgressStatus, driveText("Making Tree for {} on drive {} {} {}"));
+  r.set(progress::kBarIncrement, uint64_t{100});
+  report(std::move(r));
+}
+
+// The extents of one fork: its record's own up to the first empty one, then
+// the overflow file's. False when they do not add up to the fork's blocks.
+bool Volume::collectForkExtents(const HFSPlusForkData_& fork, uint32_t fileID, uint8_t forkType,
+                                std::vector<Extent>& out) {
+  uint64_t sum = 0;
+  for (const auto& d : fork.extents.extDesc) {
+    if (d.startBlock == 0) break;
+    out.push_back({d.startBlock, d.blockCount});
+    sum += d.blockCount;
+  }
+  if (sum < fork.totalBlocks) {
+    for (const Extent& e : extentsForID(fileID, forkType, static_cast<uint32_t>(sum), fork.totalBlocks)) {
+      out.push_back(e);
+      sum += e.blockCount;
+    }
+  }
+  return sum == fork.totalBlocks;
+}
+
+void Volume::processLeafRecord(const std::vector<uint8_t>& node, uint32_t numRecords, uint32_t index, bool tolerant) {
+  const CatalogRecordView rec = catalogRecordAt(node, numRecords, index, tolerant);
+  if (!rec.ok()) return;
+  if (rec.name == ".DS_Store") return;
+  if (rec.recordType != kHFSPlusFolderRecord && rec.recordType != kHFSPlusFileRecord) return;
+  if (rec.parentID == kRootParentID) return;
+
+  HDIR* parent = findDir(btree.get(), rec.parentID);
+  auto entry = std::make_unique<HDIR>();
+  entry->parentID = rec.parentID;
+
+  if (rec.recordType == kHFSPlusFolderRecord) {
+    HFSPlusCatalogFolder_ folder;
+    if (!rec.folder(folder)) return;
+    if (tolerant && !plausibleFolderRecord(folder)) return;
+    entry->fileType = kHDIRFolder;
+    entry->createDate = folder.createDate;
+    entry->modDate = folder.contentModDate;
+    entry->fileID = folder.folderID;
+    maxFileID = std::max(maxFileID, folder.folderID);
+    ++folderCount;
+    ++entryCount;
+    entry->btreeHDIR = btree.get();
+    if (parent) {
+      entry->setFileName(suggestedRepeatFileName(rec.name, parent));
+      entry->pathName = childPathName(*parent);
+      entry->parent = parent;
+      for (HDIR* up = parent; up; up = up->parent) up->addToChildrenCount(1);
+      parent->addChild(std::move(entry));
+    } else {
+      entry->setFileName(rec.name);
+      orphanEntryArray.push_back(std::move(entry));
+    }
+    reportEntryProgress();
+    return;
+  }
+
+  HFSPlusCatalogFile_ file;
+  if (!rec.file(file)) return;
+  if (tolerant && !plausibleFileRecord(file)) return;
+  if (!plausibleForks(file)) return;
+  entry->fileType = kHDIRFile;
+  entry->createDate = file.createDate;
+  entry->modDate = file.contentModDate;
+  entry->fileID = file.fileID;
+  maxFileID = std::max(maxFileID, file.fileID);
+  entry->setFileName(parent ? suggestedRepeatFileName(rec.name, parent) : rec.name);
+  entry->dataSize = file.dataFork.logicalSize;
+  entry->rscSize = file.resourceFork.logicalSize;
+  entry->fileSize = entry->dataSize + entry->rscSize;
+  entry->blockSize = blockSize;
+  ++fileCount;
+  ++entryCount;
+  dataSize += entry->fileSize;
+  if (!collectForkExtents(file.dataFork, file.fileID, kDataForkType, entry->dataExt)) return;
+  if (!collectForkExtents(file.resourceFork, file.fileID, kResourceForkType, entry->rscExt)) return;
+
+  entry->addToFileCount(1);
+  if (parent) {
+    entry->pathName = childPathName(*parent);
+    entry->parent = parent;
+    for (HDIR* up = parent; up; up = up->parent) {
+      up->addToChildrenCount(1);
+      up->addToFileSize(entry->fileSize);
+      up->addToFileCount(1);
+    }
+    parent->addChild(std::move(entry));
+  } else {
+    orphanEntryArray.push_back(std::move(entry));
+  }
+  reportEntryProgress();
+}
+
+// Sizes must fit the volume and agree with the blocks the forks claim; forks
+// of 4 GiB and more are left out on purpose.
+bool Volume::plausibleForks(const HFSPlusCatalogFile_& f) const {
+  const uint64_t blockBytes = static_cast<uint64_t>(blockSize) * kSectorSize;
+  if (blockBytes == 0) return false;
+  const uint64_t volumeBytes = sizeInSect * kSectorSize;
+  const uint64_t data = f.dataFork.logicalSize, rsrc = f.resourceFork.logicalSize;
+  if (data > volumeBytes || rsrc > volumeBytes || data + rsrc >= volumeBytes) return false;
+  const uint64_t volumeBlocks = vib.totalBlocks;
+  for (const HFSPlusForkData_* fork : {&f.dataFork, &f.resourceFork}) {
+    if (fork->logicalSize >= (uint64_t{1} << 32)) return false;
+    if (fork->logicalSize > volumeBlocks * blockBytes) return false;
+    if (fork->totalBlocks != (fork->logicalSize + blockBytes - 1) / blockBytes) return false;
+  }
+  return true;
+}
+
+}  // namespace ambrel
