@@ -33,7 +33,7 @@ bool isHFSPlusSignature(uint16_t sig) { return sig == kHFSPlusSigWord || sig == 
 // end read as zeros.
 class ChunkWindow {
  public:
-  ChunkWindow(DMedia& media) : media_(media), buffer_(kChunksPerRead * kChunkBytes) {}
+  explicit ChunkWindow(DMedia& media) : media_(media), buffer_(kChunksPerRead * kChunkBytes) {}
 
   const uint8_t* chunkAt(uint64_t sector) {
     const uint64_t span = kChunksPerRead * kChunkSectors;
@@ -56,11 +56,6 @@ class ChunkWindow {
   uint64_t start_ = 0;
   bool valid_ = false;
 };
-
-// The "TimeRemaining" estimate of a chunk walk.
-std::string chunkEstimate(double elapsed, uint64_t done, uint64_t total) {
-  return timeRemainingText(elapsed, done, total);
-}
 
 }  // namespace
 
@@ -223,7 +218,7 @@ void DMedia::initializeForVolumeQuickScan(const VolumeScanRequest& request) {
   while (s < total && !abortVolumeScan.load()) {
     if (++passes % kChunksPerReport == 0)
       send({{progress::kBarIncrement, 100},
-            {progress::kTimeRemaining, chunkEstimate(secondsSince(started), passes, chunks)}});
+            {progress::kTimeRemaining, timeRemainingText(secondsSince(started), passes, chunks)}});
     const uint8_t* chunk = window.chunkAt(s);
     uint64_t next = s + kChunkSectors;
     for (uint64_t i = 0; i < kChunkSectors; ++i) {
@@ -296,7 +291,7 @@ void DMedia::initializeForVolumeThoroughScan(const VolumeScanRequest& request) {
 
   for (uint64_t pos = 0; pos < total && !abortVolumeScan.load(); pos += kChunkSectors, ++chunk) {
     if ((chunk + 1) % kChunksPerReport == 0)
-      send({{progress::kTimeRemaining, chunkEstimate(secondsSince(estimateStart), chunk - chunkAtEstimateStart,
+      send({{progress::kTimeRemaining, timeRemainingText(secondsSince(estimateStart), chunk - chunkAtEstimateStart,
                                                      chunks - chunkAtEstimateStart)},
             {progress::kBarIncrement, 100}});
     const uint8_t* bytes = window.chunkAt(pos);
