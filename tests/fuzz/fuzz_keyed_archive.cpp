@@ -6,6 +6,7 @@
 #include <string>
 
 #include "scaninfo/ArchivedClasses.h"
+#include "scaninfo/HDIRArchive.h"
 #include "scaninfo/KeyedArchive.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -20,5 +21,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   (void)ambrel::VolumeArchive::decode(root, error);
   (void)ambrel::DMediaArchive::decode(root, error);
   (void)ambrel::unarchiveSignatureDatabase(bytes, error);
+  (void)ambrel::unarchiveHDIR(bytes, error);
   return 0;
 }
