@@ -254,7 +254,9 @@ TEST(MkimageStructure, JournalKeepsOldLeafNodesWithTheDeletedEntries) {
     }
   }
   for (const auto& e : v.entries)
-    if (e.deleted) EXPECT_TRUE(names.count(e.name)) << e.name << " is in no journal copy";
+    if (e.deleted) {
+      EXPECT_TRUE(names.count(e.name)) << e.name << " is in no journal copy";
+    }
 
   std::vector<std::string> live;
   expectCatalogChain(image, v, &live);

@@ -104,7 +104,6 @@ DriveSpec demoDrive() {
   PayloadSpec carvedPdf;
   carvedPdf.bytes = pdfLike("Invoice 7", 9000);
   mac.freePayloads = {carvedPhoto, carvedPdf};
-  mac.damage.oldNodeCopies = 1;
 
   VolumeSpec data;
   data.name = "Data";

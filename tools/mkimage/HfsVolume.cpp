@@ -13,10 +13,7 @@ namespace ambrel::mkimage {
 namespace {
 
 constexpr uint32_t kRootID = 2;
-constexpr uint32_t kExtentsFileID = 3;
 constexpr uint32_t kCatalogFileID = 4;
-constexpr uint32_t kAllocationFileID = 6;
-constexpr uint32_t kAttributesFileID = 8;
 constexpr uint32_t kFirstUserID = 16;
 constexpr uint32_t kJournalHeaderSize = 512;
 constexpr uint32_t kBlockListHeaderSize = 4096;
