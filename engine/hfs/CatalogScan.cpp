@@ -2,6 +2,7 @@
 // entry point, which also drives the node searches of the advanced scan.
 #include <chrono>
 #include <cstring>
+#include <unordered_set>
 #include <fmt/format.h>
 
 #include "base/Endian.h"
@@ -123,16 +124,19 @@ bool Volume::readFilesAndFolders() {
   uint32_t number = firstLeafNode;
 
   // The next node from the collected lists: level-2 pointers while strict,
-  // then every leaf-looking node of the catalog in tolerant mode.
+  // then every leaf-looking node of the catalog in tolerant mode. Nodes whose
+  // records were already read are passed over: going back through the part
+  // of the chain already walked would only count as revisits and end the walk.
+  std::unordered_set<uint32_t> processed;
   auto fromLists = [&](uint32_t& out) {
-    if (strict && nextA < leafNodePointerArray.size()) {
+    while (strict && nextA < leafNodePointerArray.size()) {
       out = leafNodePointerArray[nextA++];
-      return true;
+      if (!processed.count(out)) return true;
     }
     strict = false;
-    if (nextT < leafNodePointerTotalArray.size()) {
+    while (nextT < leafNodePointerTotalArray.size()) {
       out = leafNodePointerTotalArray[nextT++];
-      return true;
+      if (!processed.count(out)) return true;
     }
     return false;
   };
@@ -152,7 +156,12 @@ bool Volume::readFilesAndFolders() {
     }
     const uint32_t key = static_cast<uint32_t>(sector);
     if (auto* seen = btreeForUsedCatNodeSector.retrieveKeyField(key)) {
-      if (seen->retrieveCount > kMaxNodeVisits) break;
+      // A chain that keeps leading back here loops: it ends, and the lists
+      // bridge to the nodes it never reached.
+      if (seen->retrieveCount > kMaxNodeVisits) {
+        if (!fromLists(number)) break;
+        continue;
+      }
       if (strict && desc.fLink != 0) {
         number = desc.fLink;
       } else if (!fromLists(number)) {
@@ -161,6 +170,7 @@ bool Volume::readFilesAndFolders() {
       continue;
     }
     btreeForUsedCatNodeSector.insert(key, 1);
+    processed.insert(number);
     scanRecordsSeen_ += desc.numRecords;
     for (uint32_t i = 0; i < desc.numRecords && !stopTreeThread; ++i)
       processLeafRecord(node, desc.numRecords, i, !strict);
