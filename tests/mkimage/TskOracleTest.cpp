@@ -248,7 +248,10 @@ TEST_P(MkimageGeometry, BareVolumeReadsBack) {
 
 INSTANTIATE_TEST_SUITE_P(BlockAndNodeSizes, MkimageGeometry,
                          ::testing::Values(Geometry{512, 4096}, Geometry{1024, 8192}, Geometry{2048, 4096},
-                                           Geometry{4096, 8192}, Geometry{8192, 4096}));
+                                           Geometry{4096, 8192}, Geometry{8192, 4096}),
+                         [](const auto& info) {
+                           return "block" + std::to_string(info.param.blockSize) + "_node" + std::to_string(info.param.nodeSize);
+                         });
 
 // Thousands of generated files: three index levels, varied names, and (HFSX)
 // names that differ only in case; the catalog also spread over eleven extents.

@@ -3,12 +3,13 @@
 
 #include "Internal.h"
 #include "base/Endian.h"
+#include "media/Records.h"
 
 namespace ambrel::mkimage {
 namespace {
 
-constexpr uint32_t kDescriptorSize = 14;
-constexpr uint32_t kHeaderMapOffset = 14 + 106 + 128;
+constexpr uint32_t kDescriptorSize = sizeof(BTNodeDescriptor_);
+constexpr uint32_t kHeaderMapOffset = kDescriptorSize + sizeof(BTHeaderRecord) + 128;  // after the user data record
 
 // Bits held by the header node's map record and by one map node.
 uint32_t headerMapBits(uint32_t nodeSize) { return (nodeSize - 256) * 8; }
@@ -37,12 +38,13 @@ std::vector<BTreePlan::PlannedNode> pack(uint32_t items, uint32_t nodeSize, Size
 }
 
 void putDescriptor(uint8_t* node, uint32_t fLink, uint32_t bLink, int8_t kind, uint8_t height, uint16_t numRecords) {
-  storeBE32(node, fLink);
-  storeBE32(node + 4, bLink);
-  node[8] = static_cast<uint8_t>(kind);
-  node[9] = height;
-  storeBE16(node + 10, numRecords);
-  storeBE16(node + 12, 0);
+  using D = BTNodeDescriptor_;
+  storeBE32(node + offsetof(D, fLink), fLink);
+  storeBE32(node + offsetof(D, bLink), bLink);
+  node[offsetof(D, kind)] = static_cast<uint8_t>(kind);
+  node[offsetof(D, height)] = height;
+  storeBE16(node + offsetof(D, numRecords), numRecords);
+  storeBE16(node + offsetof(D, reserved), 0);
 }
 
 void setBit(uint8_t* map, uint32_t bit) { map[bit / 8] |= static_cast<uint8_t>(0x80 >> (bit % 8)); }
@@ -97,26 +99,27 @@ void writeBTree(const BTreePlan& plan, const BTreeSource& source, const BTreePar
   uint8_t* h = node.data() + kDescriptorSize;
   uint32_t firstLeaf = plan.levels.empty() ? 0 : plan.levels[0].front().number;
   uint32_t lastLeaf = plan.levels.empty() ? 0 : plan.levels[0].back().number;
-  storeBE16(h + 0, static_cast<uint16_t>(plan.depth()));
-  storeBE32(h + 2, plan.rootNode());
-  storeBE32(h + 6, leafRecords);
-  storeBE32(h + 10, firstLeaf);
-  storeBE32(h + 14, lastLeaf);
-  storeBE16(h + 18, static_cast<uint16_t>(ns));
-  storeBE16(h + 20, params.maxKeyLength);
-  storeBE32(h + 22, totalNodes);
-  storeBE32(h + 26, totalNodes - used);
-  storeBE32(h + 32, params.clumpSize);
-  h[36] = params.btreeType;
-  h[37] = params.keyCompareType;
-  storeBE32(h + 38, params.attributes);
+  using R = BTHeaderRecord;
+  storeBE16(h + offsetof(R, treeDepth), static_cast<uint16_t>(plan.depth()));
+  storeBE32(h + offsetof(R, rootNode), plan.rootNode());
+  storeBE32(h + offsetof(R, leafRecords), leafRecords);
+  storeBE32(h + offsetof(R, firstLeafNode), firstLeaf);
+  storeBE32(h + offsetof(R, lastLeafNode), lastLeaf);
+  storeBE16(h + offsetof(R, nodeSize), static_cast<uint16_t>(ns));
+  storeBE16(h + offsetof(R, maxKeyLength), params.maxKeyLength);
+  storeBE32(h + offsetof(R, totalNodes), totalNodes);
+  storeBE32(h + offsetof(R, freeNodes), totalNodes - used);
+  storeBE32(h + offsetof(R, clumpSize), params.clumpSize);
+  h[offsetof(R, btreeType)] = params.btreeType;
+  h[offsetof(R, keyCompareType)] = params.keyCompareType;
+  storeBE32(h + offsetof(R, attributes), params.attributes);
   // Map bits cover nodes 0..used-1 across the header and the map nodes.
   auto markUsed = [&](uint8_t* map, uint32_t fromNode, uint32_t bits) {
     for (uint32_t b = 0; b < bits && fromNode + b < used; ++b) setBit(map, b);
   };
   markUsed(node.data() + kHeaderMapOffset, 0, headerMapBits(ns));
-  storeBE16(&node[ns - 2], 14);
-  storeBE16(&node[ns - 4], 14 + 106);
+  storeBE16(&node[ns - 2], kDescriptorSize);
+  storeBE16(&node[ns - 4], kDescriptorSize + sizeof(BTHeaderRecord));
   storeBE16(&node[ns - 6], kHeaderMapOffset);
   storeBE16(&node[ns - 8], static_cast<uint16_t>(ns - 8));
   sink(0, node.data());
@@ -160,7 +163,7 @@ void writeBTree(const BTreePlan& plan, const BTreeSource& source, const BTreePar
     putDescriptor(node.data(), m + 1 < mapNodes ? number + 1 : 0, 0, 2, 0, 1);
     markUsed(node.data() + kDescriptorSize, covered, mapNodeBits(ns));
     covered += mapNodeBits(ns);
-    storeBE16(&node[ns - 2], 14);
+    storeBE16(&node[ns - 2], kDescriptorSize);
     storeBE16(&node[ns - 4], static_cast<uint16_t>(ns - 6));
     sink(number, node.data());
     record({number, 2, 0, 1, 0});

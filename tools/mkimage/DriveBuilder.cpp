@@ -56,14 +56,17 @@ void chs(uint64_t lba, uint8_t* out) {
 }
 
 void mbrEntry(uint8_t* sector, int slot, uint8_t type, uint64_t absStart, uint64_t relStart, uint64_t count) {
-  uint8_t* e = sector + 446 + 16 * slot;
-  e[0] = 0;
-  chs(absStart, e + 1);
-  e[4] = type;
-  chs(absStart + count - 1, e + 5);
-  storeLE32(e + 8, static_cast<uint32_t>(relStart));
-  storeLE32(e + 12, static_cast<uint32_t>(count));
+  using E = Fdisk_Partition_Table;
+  uint8_t* e = sector + offsetof(MasterBootRecord, partitions) + sizeof(E) * slot;
+  e[offsetof(E, bootIndicator)] = 0;
+  chs(absStart, e + offsetof(E, startHead));
+  e[offsetof(E, systemID)] = type;
+  chs(absStart + count - 1, e + offsetof(E, endHead));
+  storeLE32(e + offsetof(E, relativeSector), static_cast<uint32_t>(relStart));
+  storeLE32(e + offsetof(E, numberOfSectors), static_cast<uint32_t>(count));
 }
+
+void bootSignature(uint8_t* sector) { storeLE16(sector + offsetof(MasterBootRecord, bootSignature), 0xAA55); }
 
 struct Planned {
   const PartitionSpec* spec = nullptr;
@@ -168,24 +171,22 @@ DriveLayout buildImage(const DriveSpec& spec, const std::filesystem::path& out) 
           const Planned& n = *logicals[i + 1];
           mbrEntry(ebr.data(), 1, spec.extendedType, n.ebr, n.ebr - extendedStart, n.start + n.sectors - n.ebr);
         }
-        ebr[510] = 0x55;
-        ebr[511] = 0xAA;
+        bootSignature(ebr.data());
         image.write(l.ebr * 512, ebr.data(), 512);
         tableSectors.push_back(l.ebr);
         layout.ebrSectors.push_back(l.ebr);
       }
     }
-    sector[510] = 0x55;
-    sector[511] = 0xAA;
+    bootSignature(sector.data());
     image.write(0, sector.data(), 512);
     tableSectors.push_back(0);
   } else if (spec.table == TableKind::GPT) {
     mbrEntry(sector.data(), 0, 0xEE, 1, 1, std::min<uint64_t>(driveSectors - 1, 0xFFFFFFFFULL));
-    sector[446 + 1] = 0;  // protective entry starts at CHS 0/0/2
-    sector[446 + 2] = 2;
-    sector[446 + 3] = 0;
-    sector[510] = 0x55;
-    sector[511] = 0xAA;
+    uint8_t* protective = &sector[offsetof(MasterBootRecord, partitions)];
+    protective[offsetof(Fdisk_Partition_Table, startHead)] = 0;  // CHS 0/0/2, as tools write it
+    protective[offsetof(Fdisk_Partition_Table, startSector)] = 2;
+    protective[offsetof(Fdisk_Partition_Table, startCylinder)] = 0;
+    bootSignature(sector.data());
     image.write(0, sector.data(), 512);
     std::vector<uint8_t> entries(kGptEntries * 128, 0);
     uint64_t rng = 0x6770ULL + driveSectors;
@@ -200,32 +201,35 @@ DriveLayout buildImage(const DriveSpec& spec, const std::filesystem::path& out) 
     for (const auto& pl : planned) {
       if (pl.spec->kind == PartitionSpec::Kind::Free) continue;
       if (n >= kGptEntries) throw BuildError("too many GPT partitions");
-      uint8_t* e = &entries[128 * n++];
-      guidBytes(isHfs(pl.spec->kind) ? kHfsPlusGuid : kLinuxDataGuid, e);
-      randomGuid(e + 16);
-      storeLE64(e + 32, pl.start);
-      storeLE64(e + 40, pl.start + pl.sectors - 1);
+      using E = GUIDPartitionTableEntry;
+      uint8_t* e = &entries[sizeof(E) * n++];
+      guidBytes(isHfs(pl.spec->kind) ? kHfsPlusGuid : kLinuxDataGuid, e + offsetof(E, typeGUIDHigh));
+      randomGuid(e + offsetof(E, uniqueGUID));
+      storeLE64(e + offsetof(E, startingLBA), pl.start);
+      storeLE64(e + offsetof(E, endingLBA), pl.start + pl.sectors - 1);
       std::u16string uname = utf8ToUtf16(pl.name);
-      for (size_t i = 0; i < uname.size() && i < 36; ++i) storeLE16(e + 56 + 2 * i, uname[i]);
+      for (size_t i = 0; i < uname.size() && i < 36; ++i) storeLE16(e + offsetof(E, partitionName) + 2 * i, uname[i]);
     }
     uint32_t entriesCrc = crc32Of(entries.data(), entries.size());
     uint8_t diskGuid[16];
     randomGuid(diskGuid);
     auto header = [&](uint64_t my, uint64_t alt, uint64_t entryLba) {
-      std::vector<uint8_t> h(512, 0);
-      std::memcpy(&h[0], "EFI PART", 8);
-      storeLE32(&h[8], 0x00010000);
-      storeLE32(&h[12], 92);
-      storeLE64(&h[24], my);
-      storeLE64(&h[32], alt);
-      storeLE64(&h[40], 2 + kGptEntrySectors);
-      storeLE64(&h[48], driveSectors - 2 - kGptEntrySectors);
-      std::memcpy(&h[56], diskGuid, 16);
-      storeLE64(&h[72], entryLba);
-      storeLE32(&h[80], kGptEntries);
-      storeLE32(&h[84], 128);
-      storeLE32(&h[88], entriesCrc);
-      storeLE32(&h[16], crc32Of(h.data(), 92));
+      using G = GUIDPartitionTableHeader;
+      std::vector<uint8_t> h(sizeof(G), 0);
+      auto at = [&](size_t offset) { return &h[offset]; };
+      std::memcpy(at(offsetof(G, signature)), "EFI PART", 8);
+      storeLE32(at(offsetof(G, revision)), 0x00010000);
+      storeLE32(at(offsetof(G, headerSize)), 92);
+      storeLE64(at(offsetof(G, myLBA)), my);
+      storeLE64(at(offsetof(G, alternateLBA)), alt);
+      storeLE64(at(offsetof(G, firstUsableLBA)), 2 + kGptEntrySectors);
+      storeLE64(at(offsetof(G, lastUsableLBA)), driveSectors - 2 - kGptEntrySectors);
+      std::memcpy(at(offsetof(G, diskGUID)), diskGuid, 16);
+      storeLE64(at(offsetof(G, partitionEntryLBA)), entryLba);
+      storeLE32(at(offsetof(G, numberOfPartitionEntries)), kGptEntries);
+      storeLE32(at(offsetof(G, sizeOfPartitionEntry)), sizeof(GUIDPartitionTableEntry));
+      storeLE32(at(offsetof(G, partitionEntryArrayCRC32)), entriesCrc);
+      storeLE32(at(offsetof(G, headerCRC32)), crc32Of(h.data(), 92));
       return h;
     };
     image.write(512, header(1, driveSectors - 1, 2).data(), 512);
@@ -263,15 +267,17 @@ DriveLayout buildImage(const DriveSpec& spec, const std::filesystem::path& out) 
     image.write(0, ddr.data(), 512);
     tableSectors.push_back(0);
     for (size_t i = 0; i < map.size(); ++i) {
-      std::vector<uint8_t> pm(512, 0);
-      storeBE16(&pm[0], kPartitionMapSignature);
-      storeBE32(&pm[4], static_cast<uint32_t>(map.size()));
-      storeBE32(&pm[8], static_cast<uint32_t>(map[i].start));
-      storeBE32(&pm[12], static_cast<uint32_t>(map[i].count));
-      std::memcpy(&pm[16], map[i].name.data(), std::min<size_t>(31, map[i].name.size()));
-      std::memcpy(&pm[48], map[i].type.data(), std::min<size_t>(31, map[i].type.size()));
-      storeBE32(&pm[84], static_cast<uint32_t>(map[i].count));
-      storeBE32(&pm[88], map[i].type == "Apple_Free" ? 0 : (i == 0 ? 0x3 : 0x40000033));
+      using P = PartitionMap;
+      std::vector<uint8_t> pm(sizeof(P), 0);
+      storeBE16(&pm[offsetof(P, pmSig)], kPartitionMapSignature);
+      storeBE32(&pm[offsetof(P, pmMapBlkCnt)], static_cast<uint32_t>(map.size()));
+      storeBE32(&pm[offsetof(P, pmPyPartStart)], static_cast<uint32_t>(map[i].start));
+      storeBE32(&pm[offsetof(P, pmPartBlkCnt)], static_cast<uint32_t>(map[i].count));
+      std::memcpy(&pm[offsetof(P, pmPartName)], map[i].name.data(), std::min<size_t>(31, map[i].name.size()));
+      std::memcpy(&pm[offsetof(P, pmParType)], map[i].type.data(), std::min<size_t>(31, map[i].type.size()));
+      // In the rest of the entry: data area length (pmDataCnt) and status (pmPartStatus).
+      storeBE32(&pm[offsetof(P, rest) + 4], static_cast<uint32_t>(map[i].count));
+      storeBE32(&pm[offsetof(P, rest) + 8], map[i].type == "Apple_Free" ? 0 : (i == 0 ? 0x3 : 0x40000033));
       image.write((1 + i) * 512, pm.data(), 512);
       tableSectors.push_back(1 + i);
     }

@@ -68,12 +68,14 @@ std::vector<uint32_t> pieceSizes(uint64_t blocks, uint32_t pieces, uint32_t unit
 
 void putForkData(uint8_t* p, uint64_t logicalSize, uint32_t clump, uint32_t totalBlocks,
                  const std::vector<ExtentLayout>& ext) {
-  storeBE64(p, logicalSize);
-  storeBE32(p + 8, clump);
-  storeBE32(p + 12, totalBlocks);
+  using K = HFSPlusForkData_;
+  storeBE64(p + offsetof(K, logicalSize), logicalSize);
+  storeBE32(p + offsetof(K, clumpSize), clump);
+  storeBE32(p + offsetof(K, totalBlocks), totalBlocks);
   for (size_t i = 0; i < ext.size() && i < 8; ++i) {
-    storeBE32(p + 16 + 8 * i, ext[i].startBlock);
-    storeBE32(p + 20 + 8 * i, ext[i].blockCount);
+    uint8_t* e = p + offsetof(K, extents) + i * sizeof(HFSPlusExtentDescriptor_);
+    storeBE32(e + offsetof(HFSPlusExtentDescriptor_, startBlock), ext[i].startBlock);
+    storeBE32(e + offsetof(HFSPlusExtentDescriptor_, blockCount), ext[i].blockCount);
   }
 }
 
@@ -248,17 +250,18 @@ struct VolumeBuilder::Impl {
   size_t recSize(const CatRec& r) const {
     const Item& it = items[r.item];
     if (r.thread) return keySize(r) + 10 + 2 * it.name.size();
-    return keySize(r) + (it.folder ? 88 : 248);
+    return keySize(r) + (it.folder ? sizeof(HFSPlusCatalogFolder_) : sizeof(HFSPlusCatalogFile_));
   }
 
   size_t writeKey(const CatRec& r, uint8_t* p) const {
+    using K = HFSPlusCatalogKey_;
     const Item& it = items[r.item];
     size_t n = r.thread ? 0 : it.name.size();
-    storeBE16(p, static_cast<uint16_t>(6 + 2 * n));
-    storeBE32(p + 2, keyParent(r));
-    storeBE16(p + 6, static_cast<uint16_t>(n));
-    for (size_t i = 0; i < n; ++i) storeBE16(p + 8 + 2 * i, it.name[i]);
-    return 8 + 2 * n;
+    storeBE16(p + offsetof(K, keyLength), static_cast<uint16_t>(6 + 2 * n));
+    storeBE32(p + offsetof(K, parentID), keyParent(r));
+    storeBE16(p + offsetof(K, nodeName), static_cast<uint16_t>(n));
+    for (size_t i = 0; i < n; ++i) storeBE16(p + offsetof(K, nodeName) + 2 + 2 * i, it.name[i]);
+    return offsetof(K, nodeName) + 2 + 2 * n;
   }
 
   size_t writeRecord(const CatRec& r, uint8_t* p) const {
@@ -266,36 +269,42 @@ struct VolumeBuilder::Impl {
     size_t k = writeKey(r, p);
     uint8_t* d = p + k;
     if (r.thread) {
-      storeBE16(d, it.folder ? kHFSPlusFolderThreadRecord : kHFSPlusFileThreadRecord);
-      storeBE16(d + 2, 0);
-      storeBE32(d + 4, it.parent);
-      storeBE16(d + 8, static_cast<uint16_t>(it.name.size()));
-      for (size_t i = 0; i < it.name.size(); ++i) storeBE16(d + 10 + 2 * i, it.name[i]);
-      return k + 10 + 2 * it.name.size();
+      using T = HFSPlusCatalogThread_;
+      storeBE16(d + offsetof(T, recordType), it.folder ? kHFSPlusFolderThreadRecord : kHFSPlusFileThreadRecord);
+      storeBE16(d + offsetof(T, reserved), 0);
+      storeBE32(d + offsetof(T, parentID), it.parent);
+      storeBE16(d + offsetof(T, nodeName), static_cast<uint16_t>(it.name.size()));
+      for (size_t i = 0; i < it.name.size(); ++i) storeBE16(d + offsetof(T, nodeName) + 2 + 2 * i, it.name[i]);
+      return k + offsetof(T, nodeName) + 2 + 2 * it.name.size();
     }
-    const size_t size = it.folder ? 88 : 248;
+    // Folder and file records share their first 88 bytes' layout.
+    using F = HFSPlusCatalogFile_;
+    static_assert(offsetof(HFSPlusCatalogFolder_, folderID) == offsetof(F, fileID));
+    static_assert(offsetof(HFSPlusCatalogFolder_, permissions) == offsetof(F, permissions));
+    static_assert(offsetof(FolderInfo_, finderFlags) == offsetof(FileInfo_, finderFlags));
+    const size_t size = it.folder ? sizeof(HFSPlusCatalogFolder_) : sizeof(F);
     std::memset(d, 0, size);
-    storeBE16(d, it.folder ? kHFSPlusFolderRecord : kHFSPlusFileRecord);
-    storeBE16(d + 2, it.folder ? 0 : kFileThreadExists);
-    if (it.folder) storeBE32(d + 4, it.valence);
-    storeBE32(d + 8, it.cnid);
-    storeBE32(d + 12, it.created);
-    storeBE32(d + 16, it.modified);
-    storeBE32(d + 20, it.modified);
-    storeBE32(d + 24, it.modified);
-    storeBE32(d + 32, it.uid);
-    storeBE32(d + 36, it.gid);
+    storeBE16(d + offsetof(F, recordType), it.folder ? kHFSPlusFolderRecord : kHFSPlusFileRecord);
+    storeBE16(d + offsetof(F, flags), it.folder ? 0 : kFileThreadExists);
+    if (it.folder) storeBE32(d + offsetof(HFSPlusCatalogFolder_, valence), it.valence);
+    storeBE32(d + offsetof(F, fileID), it.cnid);
+    storeBE32(d + offsetof(F, createDate), it.created);
+    storeBE32(d + offsetof(F, contentModDate), it.modified);
+    storeBE32(d + offsetof(F, attributeModDate), it.modified);
+    storeBE32(d + offsetof(F, accessDate), it.modified);
+    uint8_t* bsd = d + offsetof(F, permissions);
+    storeBE32(bsd + offsetof(HFSPlusBSDInfo_, ownerID), it.uid);
+    storeBE32(bsd + offsetof(HFSPlusBSDInfo_, groupID), it.gid);
     uint16_t mode = it.mode ? it.mode : (it.folder ? 0755 : 0644);
-    storeBE16(d + 42, static_cast<uint16_t>((it.folder ? 0040000 : 0100000) | (mode & 07777)));
-    if (it.folder) {
-      storeBE16(d + 56, it.finderFlags);
-    } else {
-      storeBE32(d + 44, 1);  // link count
-      std::memcpy(d + 48, it.type, 4);
-      std::memcpy(d + 52, it.creator, 4);
-      storeBE16(d + 56, it.finderFlags);
-      putForkData(d + 88, it.dataSize, 0, sumBlocks(it.dataExt), it.dataExt);
-      putForkData(d + 168, it.rsrcSize, 0, sumBlocks(it.rsrcExt), it.rsrcExt);
+    storeBE16(bsd + offsetof(HFSPlusBSDInfo_, fileMode), static_cast<uint16_t>((it.folder ? 0040000 : 0100000) | (mode & 07777)));
+    uint8_t* info = d + offsetof(F, userInfo);
+    storeBE16(info + offsetof(FileInfo_, finderFlags), it.finderFlags);
+    if (!it.folder) {
+      storeBE32(bsd + offsetof(HFSPlusBSDInfo_, special), 1);  // link count
+      std::memcpy(info + offsetof(FileInfo_, fileType), it.type, 4);
+      std::memcpy(info + offsetof(FileInfo_, fileCreator), it.creator, 4);
+      putForkData(d + offsetof(F, dataFork), it.dataSize, 0, sumBlocks(it.dataExt), it.dataExt);
+      putForkData(d + offsetof(F, resourceFork), it.rsrcSize, 0, sumBlocks(it.rsrcExt), it.rsrcExt);
     }
     return k + size;
   }
@@ -323,13 +332,14 @@ struct VolumeBuilder::Impl {
     s.leafSize = [](size_t) { return size_t(12 + 64); };
     s.indexKeySize = [](size_t) { return size_t(12); };
     s.indexKey = [this](size_t i, uint8_t* p) {
+      using K = HFSPlusExtentKey_;
       const auto& r = overflow[i];
-      storeBE16(p, 10);
-      p[2] = r.forkType;
-      p[3] = 0;
-      storeBE32(p + 4, r.fileID);
-      storeBE32(p + 8, r.startBlock);
-      return size_t(12);
+      storeBE16(p + offsetof(K, keyLength), sizeof(K) - 2);
+      p[offsetof(K, forkType)] = r.forkType;
+      p[offsetof(K, pad)] = 0;
+      storeBE32(p + offsetof(K, fileID), r.fileID);
+      storeBE32(p + offsetof(K, startBlock), r.startBlock);
+      return sizeof(K);
     };
     s.leafRecord = [this, s](size_t i, uint8_t* p) {
       s.indexKey(i, p);
@@ -563,33 +573,35 @@ struct VolumeBuilder::Impl {
   }
 
   std::vector<uint8_t> volumeHeader(const VolumeLayout& v) const {
-    std::vector<uint8_t> h(512, 0);
-    storeBE16(&h[0], spec.hfsx ? kHFSXSigWord : kHFSPlusSigWord);
-    storeBE16(&h[2], spec.hfsx ? 5 : 4);
-    storeBE32(&h[4], kVolumeUnmounted | (spec.journal ? kVolumeJournaled : 0));
-    storeBE32(&h[8], spec.journal ? 0x4846534A : 0x31302E30);  // 'HFSJ' / '10.0'
-    storeBE32(&h[12], v.journalInfoBlock);
-    storeBE32(&h[16], spec.created);
-    storeBE32(&h[20], spec.created + 3600);
-    storeBE32(&h[28], spec.created);
-    storeBE32(&h[32], v.fileCount);
-    storeBE32(&h[36], v.folderCount);
-    storeBE32(&h[40], bs);
-    storeBE32(&h[44], v.totalBlocks);
-    storeBE32(&h[48], v.freeBlocks);
-    storeBE32(&h[52], static_cast<uint32_t>(next));
-    storeBE32(&h[56], 65536);
-    storeBE32(&h[60], 65536);
-    storeBE32(&h[64], v.nextCatalogID);
-    storeBE32(&h[68], 1);
-    storeBE64(&h[72], 1);
+    using H = VolumeInformationBlock;
+    std::vector<uint8_t> bytes(sizeof(H), 0);
+    auto at = [&](size_t offset) { return &bytes[offset]; };
+    storeBE16(at(offsetof(H, signature)), spec.hfsx ? kHFSXSigWord : kHFSPlusSigWord);
+    storeBE16(at(offsetof(H, version)), spec.hfsx ? 5 : 4);
+    storeBE32(at(offsetof(H, attributes)), kVolumeUnmounted | (spec.journal ? kVolumeJournaled : 0));
+    storeBE32(at(offsetof(H, lastMountedVersion)), spec.journal ? 0x4846534A : 0x31302E30);  // 'HFSJ' / '10.0'
+    storeBE32(at(offsetof(H, journalInfoBlock)), v.journalInfoBlock);
+    storeBE32(at(offsetof(H, createDate)), spec.created);
+    storeBE32(at(offsetof(H, modifyDate)), spec.created + 3600);
+    storeBE32(at(offsetof(H, checkedDate)), spec.created);
+    storeBE32(at(offsetof(H, fileCount)), v.fileCount);
+    storeBE32(at(offsetof(H, folderCount)), v.folderCount);
+    storeBE32(at(offsetof(H, blockSize)), bs);
+    storeBE32(at(offsetof(H, totalBlocks)), v.totalBlocks);
+    storeBE32(at(offsetof(H, freeBlocks)), v.freeBlocks);
+    storeBE32(at(offsetof(H, nextAllocation)), static_cast<uint32_t>(next));
+    storeBE32(at(offsetof(H, rsrcClumpSize)), 65536);
+    storeBE32(at(offsetof(H, dataClumpSize)), 65536);
+    storeBE32(at(offsetof(H, nextCatalogID)), v.nextCatalogID);
+    storeBE32(at(offsetof(H, writeCount)), 1);
+    storeBE64(at(offsetof(H, encodingsBitmap)), 1);  // MacRoman
     uint64_t idState = spec.seed ^ 0x5EEDu;
-    storeBE64(&h[80 + 24], splitmix64(idState));
-    putForkData(&h[112], uint64_t(sumBlocks(allocExtents)) * bs, 0, sumBlocks(allocExtents), allocExtents);
-    putForkData(&h[192], uint64_t(extBlocks) * bs, extBlocks * bs, extBlocks, extentsExtents);
-    putForkData(&h[272], uint64_t(catBlocks) * bs, catBlocks * bs, catBlocks, catalogExtents);
-    putForkData(&h[352], uint64_t(attrBlocks) * bs, attrBlocks * bs, attrBlocks, attrExtents);
-    return h;
+    storeBE64(at(offsetof(H, finderInfo) + 24), splitmix64(idState));  // the volume identifier
+    putForkData(at(offsetof(H, allocationFile)), uint64_t(sumBlocks(allocExtents)) * bs, 0, sumBlocks(allocExtents), allocExtents);
+    putForkData(at(offsetof(H, extentsFile)), uint64_t(extBlocks) * bs, extBlocks * bs, extBlocks, extentsExtents);
+    putForkData(at(offsetof(H, catalogFile)), uint64_t(catBlocks) * bs, catBlocks * bs, catBlocks, catalogExtents);
+    putForkData(at(offsetof(H, attributesFile)), uint64_t(attrBlocks) * bs, attrBlocks * bs, attrBlocks, attrExtents);
+    return bytes;
   }
 
   std::string pathOf(uint32_t index, std::vector<std::string>& cache) const {
@@ -857,23 +869,25 @@ struct VolumeBuilder::Impl {
   }
 
   void writeWrapper(uint64_t start, uint32_t unit, uint32_t blocks, uint64_t sectors) {
+    using M = MasterDirectoryBlock;
     std::vector<uint8_t> m(512, 0);
-    storeBE16(&m[0], kHFSSigWord);
-    storeBE32(&m[2], spec.created);
-    storeBE32(&m[6], spec.created + 3600);
-    storeBE16(&m[10], kVolumeUnmounted);
-    storeBE16(&m[14], 3);
-    storeBE16(&m[18], static_cast<uint16_t>(blocks));
-    storeBE32(&m[20], unit);
-    storeBE32(&m[24], unit);
-    storeBE16(&m[28], 4);
-    storeBE32(&m[30], 16);
+    auto at = [&](size_t offset) { return &m[offset]; };
+    storeBE16(at(offsetof(M, drSigWord)), kHFSSigWord);
+    storeBE32(at(offsetof(M, drCrDate)), spec.created);
+    storeBE32(at(offsetof(M, drLsMod)), spec.created + 3600);
+    storeBE16(at(offsetof(M, drAtrb)), kVolumeUnmounted);
+    storeBE16(at(offsetof(M, drVBMSt)), 3);
+    storeBE16(at(offsetof(M, drNmAlBlks)), static_cast<uint16_t>(blocks));
+    storeBE32(at(offsetof(M, drAlBlkSiz)), unit);
+    storeBE32(at(offsetof(M, drClpSiz)), unit);
+    storeBE16(at(offsetof(M, drAlBlSt)), 4);
+    storeBE32(at(offsetof(M, drNxtCNID)), 16);
     std::string name = spec.name.substr(0, 27);
-    m[36] = static_cast<uint8_t>(name.size());
-    std::memcpy(&m[37], name.data(), name.size());
-    storeBE16(&m[124], spec.hfsx ? kHFSXSigWord : kHFSPlusSigWord);
-    storeBE16(&m[126], 1);
-    storeBE16(&m[128], static_cast<uint16_t>(blocks - 1));
+    m[offsetof(M, nameLength)] = static_cast<uint8_t>(name.size());
+    std::memcpy(at(offsetof(M, drVN)), name.data(), name.size());
+    storeBE16(at(offsetof(M, drEmbedSigWord)), spec.hfsx ? kHFSXSigWord : kHFSPlusSigWord);
+    storeBE16(at(offsetof(M, drEmbedExtent) + offsetof(HFSExtentDecriptor, xdrStABN)), 1);
+    storeBE16(at(offsetof(M, drEmbedExtent) + offsetof(HFSExtentDecriptor, xdrNumABlks)), static_cast<uint16_t>(blocks - 1));
     image->write((start + 2) * 512, m.data(), m.size());
     image->write((start + sectors - 2) * 512, m.data(), m.size());
     std::vector<uint8_t> wb(512, 0);
