@@ -8,7 +8,8 @@
 
 namespace ambrel::cli {
 
-PlistDict chooseVolume(const VolumeChoice& choice, CliController& controller, std::string& error) {
+PlistDict chooseVolume(const VolumeChoice& choice, CliController& controller, std::string& error,
+                       PlistArray* volumeList) {
   PlistDict drive = driveDictionaryForPath(choice.path, error);
   if (drive.empty()) return {};
   controller.setDrives(PlistArray{drive});
@@ -35,7 +36,9 @@ PlistDict chooseVolume(const VolumeChoice& choice, CliController& controller, st
                           *choice.startSector + *choice.sectorCount, media.sizeInSect);
       return {};
     }
-    return rangeDict(*choice.startSector, *choice.sectorCount, imageName);
+    PlistDict dict = rangeDict(*choice.startSector, *choice.sectorCount, imageName);
+    if (volumeList) *volumeList = PlistArray{PlistValue(dict)};
+    return dict;
   }
 
   if (media.partitionTableKind() == PartitionTableKind::None) {
@@ -43,7 +46,9 @@ PlistDict chooseVolume(const VolumeChoice& choice, CliController& controller, st
       error = fmt::format("{} has no partition table: it is read as one volume", choice.path);
       return {};
     }
-    return rangeDict(0, media.sizeInSect, imageName);
+    PlistDict dict = rangeDict(0, media.sizeInSect, imageName);
+    if (volumeList) *volumeList = PlistArray{PlistValue(dict)};
+    return dict;
   }
   PlistArray volumes;
   media.initialize(volumes);
@@ -58,11 +63,13 @@ PlistDict chooseVolume(const VolumeChoice& choice, CliController& controller, st
                         volumes.size());
     return {};
   }
+  if (volumeList) *volumeList = volumes;
   return *volumes[static_cast<size_t>(number - 1)].dict();
 }
 
-std::unique_ptr<Volume> openVolume(const VolumeChoice& choice, CliController& controller, std::string& error) {
-  PlistDict dict = chooseVolume(choice, controller, error);
+std::unique_ptr<Volume> openVolume(const VolumeChoice& choice, CliController& controller, std::string& error,
+                                   PlistArray* volumeList) {
+  PlistDict dict = chooseVolume(choice, controller, error, volumeList);
   if (dict.empty()) return nullptr;
   auto volume = std::make_unique<Volume>(dict, &controller);
   if (!volume->openDevice()) {

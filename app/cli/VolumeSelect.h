@@ -21,10 +21,14 @@ struct VolumeChoice {
 };
 
 // The volume dictionary for the choice; empty with `error` set when there is
-// none. The controller's drive list is set to the opened drive.
-PlistDict chooseVolume(const VolumeChoice& choice, CliController& controller, std::string& error);
+// none. The controller's drive list is set to the opened drive. `volumeList`,
+// when given, receives the list the volume was chosen from (what a scan info
+// file keeps as the partition list).
+PlistDict chooseVolume(const VolumeChoice& choice, CliController& controller, std::string& error,
+                       PlistArray* volumeList = nullptr);
 
 // A Volume made from the chosen dictionary, or nullptr with `error` set.
-std::unique_ptr<Volume> openVolume(const VolumeChoice& choice, CliController& controller, std::string& error);
+std::unique_ptr<Volume> openVolume(const VolumeChoice& choice, CliController& controller, std::string& error,
+                                   PlistArray* volumeList = nullptr);
 
 }  // namespace ambrel::cli
