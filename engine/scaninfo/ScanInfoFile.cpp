@@ -491,6 +491,7 @@ class EntryReader {
  private:
   bool readText(uint16_t units, std::string& out) {
     if (units == 0) return true;
+    if (size_t{units} * 2 > in_.remaining()) return false;
     bytes_.resize(size_t{units} * 2);
     if (!in_.read(bytes_.data(), bytes_.size())) return false;
     out = utf8FromUtf16BE(bytes_.data(), units);
