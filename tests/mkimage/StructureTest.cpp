@@ -1,5 +1,7 @@
 // On-disk structures of built volumes checked byte by byte against the
 // layout report: allocation bitmap, catalog B-tree, journal, wrapper, damage.
+#include <sys/stat.h>
+
 #include <cstring>
 #include <set>
 
@@ -469,6 +471,45 @@ TEST(MkimageStructure, DriveDamageWipesTablesAndTruncates) {
     EXPECT_EQ(cut.sizeBytes, clean.sizeBytes / 2 + 512);
     EXPECT_EQ(std::filesystem::file_size(path), clean.sizeBytes / 2 + 512);
   }
+}
+
+}  // namespace
+}  // namespace ambrel::mkimage::test
+
+namespace ambrel::mkimage::test {
+namespace {
+
+TEST(MkimageStructure, SparseFilesOfFourGigabytesCostNoDiskSpace) {
+  TempDir dir;
+  DriveSpec d;
+  d.table = TableKind::None;
+  d.volume = VolumeSpec{};
+  EntrySpec huge;
+  huge.name = "huge.mov";
+  huge.dataSize = 5ULL << 30;
+  huge.sparse = true;
+  d.volume->root = {huge, textFile("small.txt", "small")};
+  auto image = dir / "sparse.img";
+  VolumeLayout v = *buildImage(d, image).volume;
+  const FileLayout* f = v.find("huge.mov");
+  ASSERT_TRUE(f);
+  EXPECT_TRUE(f->sparse);
+  EXPECT_FALSE(f->generatedData);
+  ASSERT_EQ(f->dataExtents.size(), 1u);
+  EXPECT_EQ(uint64_t(f->dataExtents[0].blockCount) * v.blockSize, 5ULL << 30);
+  EXPECT_GT(std::filesystem::file_size(image), 5ULL << 30);
+  struct stat st {};
+  ASSERT_EQ(::stat(image.c_str(), &st), 0);
+  EXPECT_LT(uint64_t(st.st_blocks) * 512, 64ULL << 20);
+  if (haveTsk()) {
+    std::string istat = tsk("istat", image, 0, "", nullptr, std::to_string(f->cnid));
+    EXPECT_NE(istat.find("size: 5368709120"), std::string::npos) << istat;
+    EXPECT_EQ(icat(image, 0, v.find("small.txt")->cnid, false), "small");
+  }
+  EntrySpec contradictory = huge;
+  contradictory.data = std::vector<uint8_t>{1};
+  d.volume->root = {contradictory};
+  EXPECT_THROW(buildImage(d, image), BuildError);
 }
 
 }  // namespace

@@ -81,6 +81,7 @@ EntrySpec entryOf(const json& j, const std::filesystem::path& base) {
   if (j.contains("size")) e.dataSize = sizeOf(j["size"], "size");
   e.rsrc = bytesOf(j, "rsrcText", "rsrcFile", base);
   if (j.contains("rsrcSize")) e.rsrcSize = sizeOf(j["rsrcSize"], "rsrcSize");
+  e.sparse = j.value("sparse", false);
   e.dataFragments = j.value("fragments", 1u);
   e.rsrcFragments = j.value("rsrcFragments", 1u);
   if (j.contains("created")) e.created = dateOf(j["created"]);

@@ -35,6 +35,7 @@ struct Item {
   uint32_t dataFrags = 1, rsrcFrags = 1;
   uint64_t dataSeed = 0, rsrcSeed = 0;
   bool genData = true, genRsrc = true;
+  bool sparse = false;
   HfsDate created = 0, modified = 0;
   uint32_t valence = 0;
   uint16_t mode = 0, finderFlags = 0;
@@ -149,6 +150,8 @@ struct VolumeBuilder::Impl {
     it.rsrcSize = e.rsrcLength();
     it.genData = !e.data;
     it.genRsrc = !e.rsrc;
+    it.sparse = e.sparse;
+    if (e.sparse && (e.data || e.rsrc)) throw BuildError("a sparse file has no explicit contents: " + e.name);
     it.dataFrags = std::max(1u, e.dataFragments);
     it.rsrcFrags = std::max(1u, e.rsrcFragments);
     if (e.created) it.created = *e.created;
@@ -715,6 +718,7 @@ struct VolumeBuilder::Impl {
     for (const auto& it : items) {
       if (it.folder) continue;
       if (spec.journal && (&it == &items[jibItem] || &it == &items[journalItem])) continue;
+      if (it.sparse) continue;
       writeFork(it.dataExt, it.dataSize, it.genData, it.dataSeed, it.spec && it.spec->data ? &*it.spec->data : nullptr);
       writeFork(it.rsrcExt, it.rsrcSize, it.genRsrc, it.rsrcSeed, it.spec && it.spec->rsrc ? &*it.spec->rsrc : nullptr);
     }
@@ -771,6 +775,9 @@ struct VolumeBuilder::Impl {
       f.modified = it.modified;
       f.generatedData = it.genData && !it.folder;
       f.generatedRsrc = it.genRsrc && !it.folder;
+      f.sparse = it.sparse;
+      f.generatedData = f.generatedData && !it.sparse;
+      f.generatedRsrc = f.generatedRsrc && !it.sparse;
       f.dataSeed = it.dataSeed;
       f.rsrcSeed = it.rsrcSeed;
       v.entries.push_back(std::move(f));
