@@ -8,8 +8,8 @@
 
 #include "ImageBuilder.h"
 #include "core/TreeListing.h"
-#include "scan/ScanHelpers.h"
 #include "scaninfo/VolumeScanInfo.h"
+#include "support/RecordingController.h"
 #include "support/TempDir.h"
 
 namespace ambrel {
@@ -17,6 +17,26 @@ namespace {
 
 namespace fs = std::filesystem;
 using test::TempDir;
+
+PlistDict volumeDict(const std::string& image, uint64_t start, uint64_t sectors) {
+  return PlistDict{{"Volume Start", start}, {"Volume Size In Sectors", sectors}, {"Volume Name", "Test"},
+                   {"Volume Scan Type", 0},  {"Path", image},                    {"Model", "Disk Image"},
+                   {"Serial", ""},           {"Revision", ""}};
+}
+
+struct Scanned {
+  std::unique_ptr<test::RecordingController> controller = std::make_unique<test::RecordingController>();
+  std::unique_ptr<Volume> volume;
+};
+
+// A standard scan of the volume at [start, start + sectors) of the image.
+Scanned scan(const std::string& image, uint64_t start, uint64_t sectors) {
+  Scanned s;
+  s.controller->drives.push_back(PlistDict{{"device path", image}});
+  s.volume = std::make_unique<Volume>(volumeDict(image, start, sectors), s.controller.get());
+  s.volume->startMakingTree(s.controller.get(), "Normal Scan");
+  return s;
+}
 
 std::string listing(const HDIR& root) {
   char* buf = nullptr;
@@ -99,13 +119,13 @@ TEST(ScannedTree, RoundTripOfAScannedVolumeKeepsEveryEntry) {
   auto layout = mkimage::buildImage(namesDrive(), image);
   ASSERT_EQ(layout.partitions.size(), 1u);
   const auto& part = layout.partitions[0];
-  auto scanned = test::scan(image.string(), part.startSector, part.sizeSectors, "Normal Scan");
+  auto scanned = scan(image.string(), part.startSector, part.sizeSectors);
   ASSERT_TRUE(scanned.volume->dirRoot);
   // Marks survive too.
   scanned.volume->dirRoot->children()[0]->children()[1]->setSelected(1);
 
   fs::path file = dir / "names.asi";
-  PlistArray list{PlistValue(test::volumeDict(image.string(), part.startSector, part.sizeSectors))};
+  PlistArray list{PlistValue(volumeDict(image.string(), part.startSector, part.sizeSectors))};
   uint64_t written = 0;
   ASSERT_FALSE(saveScanInfo(file.string(), *scanned.volume, list, nullptr, &written));
   auto opened = openScanInfo(file.string(), nullptr);
@@ -175,7 +195,7 @@ TEST(ScannedTree, SharedImagesRoundTrip) {
     TempDir dir;
     fs::path image = dir / "volume.img";
     ASSERT_EQ(test::runCommand("xz -dc '" + xz.string() + "' > '" + image.string() + "'"), 0);
-    auto scanned = test::scan(image.string(), 0, fs::file_size(image) / 512, "Normal Scan");
+    auto scanned = scan(image.string(), 0, fs::file_size(image) / 512);
     ASSERT_TRUE(scanned.volume->dirRoot);
     fs::path file = dir / "volume.asi";
     uint64_t written = 0;
