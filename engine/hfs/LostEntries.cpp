@@ -138,6 +138,7 @@ void Volume::processOrphanEntriesWithIncrement(bool increment, bool showVolNameO
       e->btreeHDIR = btree.get();
       folder = true;
     } else if (e->fileType == kHDIRFile) {
+      e->pathName = childPathName(*parent);
       e->parent = parent;
       addChildrenUp(parent, 1, e->fileSize, 1);
       if (increment) {
@@ -195,6 +196,7 @@ void Volume::processOrphanEntriesWithIncrement(bool increment, bool showVolNameO
     e->setFileName(suggestedRepeatFileName(e->fileName(), dirLostFiles));
     e->parentID = kLostFilesID;
     e->parent = dirLostFiles;
+    e->pathName = childPathName(*dirLostFiles);
     // A folder still orphaned here is left out of the tree, as built.
     if (e->fileType != kHDIRFile) continue;
     addChildrenUp(dirLostFiles, 1, e->fileSize, 1);
@@ -313,6 +315,7 @@ void Volume::processAdvScanEntries() {
       f->setFileName(suggestedRepeatFileName(f->fileName(), parent));
       f->parent = parent;
       f->parentID = parent->fileID;
+      f->pathName = childPathName(*parent);
       parent->addChildAdvScan(std::move(f));
       addChildrenUp(parent, 1, size, 1);
       ++fileCount;
@@ -322,6 +325,7 @@ void Volume::processAdvScanEntries() {
       // files of the same parent find it.
       HDIR* lost = makeLostFolderFor(f->parentID);
       f->parent = lost;
+      f->pathName = childPathName(*lost);
       lost->addChildAdvScan(std::move(f));
       addChildrenUp(lost, 1, size, 1);
       ++folderCount;

@@ -70,10 +70,13 @@ inline std::ostream& operator<<(std::ostream& os, const Listed& l) {
   return os << (l.folder ? "folder" : "file") << " #" << l.id << " " << l.size << " bytes";
 }
 
-// Names the way fls shows them: a "/" inside a catalog name reads ":".
+// Names the way fls shows them: a "/" inside a catalog name reads ":", a NUL
+// (as in the hard-link folder's name) reads "^".
 inline std::string flsName(std::string name) {
-  for (char& c : name)
+  for (char& c : name) {
     if (c == '/') c = ':';
+    if (c == '\0') c = '^';
+  }
   return name;
 }
 

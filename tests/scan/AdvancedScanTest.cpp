@@ -1,0 +1,240 @@
+// The node searches and the advanced scan: which nodes are found where, and
+// what becomes of the records in them.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "ImageBuilder.h"
+#include "scan/ScanHelpers.h"
+
+using namespace ambrel;
+using namespace ambrel::test;
+namespace mk = ambrel::mkimage;
+
+namespace {
+
+mk::EntrySpec file(const std::string& name, uint64_t size, bool deleted = false) {
+  mk::EntrySpec e;
+  e.name = name;
+  e.dataSize = size;
+  e.deleted = deleted;
+  return e;
+}
+
+mk::EntrySpec folder(const std::string& name, std::vector<mk::EntrySpec> children, bool deleted = false) {
+  mk::EntrySpec e;
+  e.name = name;
+  e.folder = true;
+  e.children = std::move(children);
+  e.deleted = deleted;
+  return e;
+}
+
+struct Built {
+  TempDir dir;
+  std::string image = (dir / "vol.img").string();
+  mk::VolumeLayout layout;
+};
+
+std::unique_ptr<Built> buildVolume(const mk::VolumeSpec& v) {
+  auto b = std::make_unique<Built>();
+  mk::DriveSpec d;
+  d.table = mk::TableKind::None;
+  d.volume = v;
+  b->layout = *mk::buildImage(d, b->image).volume;
+  return b;
+}
+
+// Every entry of the tree by file ID (an ID can appear more than once).
+std::multimap<uint32_t, const HDIR*> entriesByID(const HDIR& root) {
+  std::multimap<uint32_t, const HDIR*> out;
+  std::vector<const HDIR*> stack{&root};
+  while (!stack.empty()) {
+    const HDIR* e = stack.back();
+    stack.pop_back();
+    out.emplace(e->fileID, e);
+    for (const auto& c : e->children()) stack.push_back(c.get());
+  }
+  return out;
+}
+
+bool sameExtents(const std::vector<Extent>& got, const std::vector<mk::ExtentLayout>& want) {
+  if (got.size() != want.size()) return false;
+  for (size_t i = 0; i < got.size(); ++i)
+    if (got[i].startBlock != want[i].startBlock || got[i].blockCount != want[i].blockCount) return false;
+  return true;
+}
+
+bool isBelow(const HDIR* e, const HDIR* folder) {
+  for (const HDIR* up = e->parent; up; up = up->parent)
+    if (up == folder) return true;
+  return false;
+}
+
+std::vector<uint32_t> leafNodesInChainOrder(const mk::BTreeLayout& tree) {
+  std::vector<uint32_t> leaves;
+  for (const auto& n : tree.nodes)
+    if (n.kind == -1) leaves.push_back(n.node);
+  return leaves;
+}
+
+}  // namespace
+
+TEST(NodeSearch, LevelTwoIndexNodesAndEveryLeafOfTheCatalogFile) {
+  mk::VolumeSpec v;
+  v.nodeSize = 4096;
+  v.catalogExtents = 3;  // nodes are found across the catalog's extents
+  v.generate = mk::GenerateSpec{3000, 100, 11, 1, 500, true};
+  auto b = buildVolume(v);
+  ASSERT_GE(b->layout.catalog.depth, 3u);
+
+  RecordingController controller;
+  Volume volume(volumeDict(b->image, 0, b->layout.sizeSectors), &controller);
+  ASSERT_TRUE(volume.initializeVIB());
+  ASSERT_TRUE(volume.checkCatalogAndExtentsFile());
+
+  // The builder numbers leaves in key order, which is the chain's order.
+  const auto leaves = leafNodesInChainOrder(b->layout.catalog);
+  volume.enumerateLevel2IndexNodes();
+  EXPECT_FALSE(volume.level2IndexNodeHasProblems);
+  EXPECT_EQ(volume.leafNodePointerArray, leaves);
+
+  // Found by visiting the catalog file: the same list, from whichever
+  // level-2 node the visit meets first.
+  volume.leafNodePointerArray.clear();
+  volume.searchForLevel2IndexNodes();
+  EXPECT_FALSE(volume.level2IndexNodeHasProblems);
+  EXPECT_EQ(volume.leafNodePointerArray, leaves);
+
+  volume.searchForLeafNodes();
+  std::vector<uint32_t> sorted = leaves;
+  std::sort(sorted.begin(), sorted.end());
+  EXPECT_EQ(volume.leafNodePointerTotalArray, sorted);  // file order
+}
+
+TEST(NodeSearch, OneLevelCatalogAddsNothingAndFlagsNothing) {
+  mk::VolumeSpec v;
+  v.root = {file("a", 10), file("b", 20)};
+  auto b = buildVolume(v);
+  ASSERT_EQ(b->layout.catalog.depth, 1u);
+  RecordingController controller;
+  Volume volume(volumeDict(b->image, 0, b->layout.sizeSectors), &controller);
+  ASSERT_TRUE(volume.initializeVIB());
+  ASSERT_TRUE(volume.checkCatalogAndExtentsFile());
+  volume.enumerateLevel2IndexNodes();
+  EXPECT_TRUE(volume.leafNodePointerArray.empty());
+  EXPECT_FALSE(volume.level2IndexNodeHasProblems);
+}
+
+TEST(NodeSearch, SectorSearchFindsLiveLeavesAndOldCopiesAnywhere) {
+  mk::VolumeSpec v;
+  v.journal = true;
+  v.root = {folder("Keep", {file("kept.txt", 10000)}), file("old.txt", 3000, true),
+            folder("Gone", {file("gone1.txt", 5000), file("gone2.txt", 7000)}, true)};
+  v.generate = mk::GenerateSpec{400, 20, 3, 1, 100, false};
+  v.damage.oldNodeCopies = 2;
+  auto b = buildVolume(v);
+  ASSERT_FALSE(b->layout.journalNodeCopySectors.empty());
+  ASSERT_FALSE(b->layout.freeSpaceNodeCopySectors.empty());
+
+  RecordingController controller;
+  Volume volume(volumeDict(b->image, 0, b->layout.sizeSectors), &controller);
+  ASSERT_TRUE(volume.initializeVIB());
+  ASSERT_TRUE(volume.checkCatalogAndExtentsFile());
+  volume.searchCatFrags();
+
+  // A node is taken for a leaf only with 1 to 254 records; a leaf packed with
+  // more short thread records is passed over.
+  std::vector<uint64_t> expected;
+  size_t crowded = 0;
+  for (const auto& n : b->layout.catalog.nodes) {
+    if (n.kind != -1) continue;
+    if (n.numRecords <= 254) expected.push_back(n.sector);
+    else ++crowded;
+  }
+  EXPECT_GT(crowded, 0u);
+  for (uint64_t s : b->layout.journalNodeCopySectors) expected.push_back(s);
+  for (uint64_t s : b->layout.freeSpaceNodeCopySectors) expected.push_back(s);
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(volume.CatNodeArray, expected);
+
+  // Live nodes are those inside the catalog file.
+  for (const auto& n : b->layout.catalog.nodes) EXPECT_TRUE(volume.sectorIsInCatalogFile(n.sector));
+  for (uint64_t s : b->layout.freeSpaceNodeCopySectors) EXPECT_FALSE(volume.sectorIsInCatalogFile(s));
+}
+
+TEST(AdvancedScan, DeletedEntriesFromOldCopiesLandUnderLostFolders) {
+  mk::VolumeSpec v;
+  v.journal = true;
+  v.root = {folder("Keep", {file("kept.txt", 10000)}), file("old.txt", 3000, true),
+            folder("Gone", {file("gone1.txt", 5000), file("gone2.txt", 7000)}, true)};
+  v.damage.oldNodeCopies = 1;
+  auto b = buildVolume(v);
+
+  ScanResult normal = scan(b->image, 0, b->layout.sizeSectors, "Normal Scan");
+  ScanResult advanced = scan(b->image, 0, b->layout.sizeSectors, "Advanced Scan");
+  ASSERT_NE(advanced.volume->dirRoot, nullptr);
+  ASSERT_NE(advanced.volume->dirLostFolders, nullptr);
+  EXPECT_EQ(advanced.volume->dirLostFolders->fileName(), "Lost Folders");
+  EXPECT_EQ(advanced.volume->dirLostFolders->fileID, kLostFoldersID);
+
+  const auto normalIDs = entriesByID(*normal.volume->dirRoot);
+  const auto advancedIDs = entriesByID(*advanced.volume->dirRoot);
+  for (const auto& e : b->layout.entries) {
+    if (!e.deleted || e.folder) continue;
+    SCOPED_TRACE(e.path);
+    EXPECT_EQ(normalIDs.count(e.cnid), 0u);
+    auto [first, last] = advancedIDs.equal_range(e.cnid);
+    ASSERT_NE(first, last);
+    const HDIR* h = first->second;
+    EXPECT_EQ(h->dataSize, e.dataSize);
+    EXPECT_TRUE(sameExtents(h->dataExt, e.dataExtents));
+    // A deleted folder's files go into a lost folder named after it.
+    if (e.parentID != kRootFolderID) {
+      EXPECT_TRUE(isBelow(h, advanced.volume->dirLostFolders));
+      EXPECT_EQ(h->parent->fileName(), "LostFolder" + std::to_string(e.parentID));
+      EXPECT_EQ(h->pathName, "/Root/Lost Folders/LostFolder" + std::to_string(e.parentID));
+    }
+  }
+  // Every live file of the normal scan is in the advanced tree too.
+  for (const auto& [id, entry] : normalIDs) EXPECT_TRUE(advancedIDs.count(id)) << entry->fileName();
+}
+
+TEST(AdvancedScan, CorruptCatalogHeaderRecoversEveryFileWhoseRecordSurvives) {
+  mk::VolumeSpec v;
+  v.generate = mk::GenerateSpec{800, 40, 9, 1, 30000, true};
+  v.damage.catalogHeaderCorrupted = true;
+  auto b = buildVolume(v);
+
+  ScanResult r = scan(b->image, 0, b->layout.sizeSectors, "Advanced Scan");
+  ASSERT_NE(r.volume->dirRoot, nullptr);
+  EXPECT_TRUE(r.controller->sawTreeComplete());
+  const auto ids = entriesByID(*r.volume->dirRoot);
+  size_t files = 0;
+  for (const auto& e : b->layout.entries) {
+    if (e.folder || e.deleted) continue;
+    ++files;
+    auto it = ids.find(e.cnid);
+    ASSERT_NE(it, ids.end()) << e.path;
+    EXPECT_EQ(it->second->dataSize, e.dataSize) << e.path;
+    EXPECT_TRUE(sameExtents(it->second->dataExt, e.dataExtents)) << e.path;
+  }
+  EXPECT_GT(files, 700u);
+}
+
+TEST(StandardScan, AFifthVisitToANodeEndsTheChain) {
+  mk::VolumeSpec v;
+  v.nodeSize = 4096;
+  v.generate = mk::GenerateSpec{1500, 60, 3, 1, 2000, false};
+  v.damage.leafChain = mk::LeafChainDamage{mk::LeafChainDamage::Mode::Loop, -1};
+  auto b = buildVolume(v);
+  ScanResult r = scan(b->image, 0, b->layout.sizeSectors, "Normal Scan");
+  uint32_t most = 0;
+  for (const auto& n : b->layout.catalog.nodes) {
+    if (n.kind != -1) continue;
+    if (auto* item = r.volume->btreeForUsedCatNodeSector.retrieveKeyField(static_cast<uint32_t>(n.sector)))
+      most = std::max(most, item->retrieveCount - 1);  // less the look-up just made
+  }
+  EXPECT_EQ(most, 5u);
+  EXPECT_TRUE(r.controller->sawTreeComplete());
+}
