@@ -92,6 +92,9 @@ TEST(MkimageDescription, RefusesWhatCannotBeBuilt) {
     EXPECT_THROW(parseDescription(bad, dir.path()), BuildError) << bad;
   auto build = [&](const char* text) { return buildImage(parseDescription(text, dir.path()), dir / "x.img"); };
   EXPECT_THROW(build(R"({"table": "none", "volume": {"blockSize": 3000}})"), BuildError);
+  EXPECT_THROW(build(R"({"table": "none", "volume": {"size": "2K"}})"), BuildError);
+  EXPECT_THROW(build(R"({"table": "gpt", "partitions": [{"size": "1M", "volume": {"size": "2M"}}]})"), BuildError);
+  EXPECT_THROW(build(R"({"table": "gpt", "partitions": [{"size": "64K", "volume": {"generate": {"files": 100}}}]})"), BuildError);
   EXPECT_THROW(build(R"({"table": "none", "volume": {"size": "64K", "generate": {"files": 500}}})"), BuildError);
   EXPECT_THROW(build(R"({"table": "none", "volume": {"tree": [{"name": "f", "size": 10, "fragments": 4}]}})"), BuildError);
   EXPECT_THROW(build(R"({"table": "gpt", "partitions": [{"logical": true}]})"), BuildError);

@@ -114,6 +114,7 @@ DriveLayout buildImage(const DriveSpec& spec, const std::filesystem::path& out) 
     if (isHfs(p.kind)) pl.builder = std::make_unique<VolumeBuilder>(volumeFor(p, i));
     if (p.logical && spec.table != TableKind::MBR) throw BuildError("logical partitions exist only in an MBR");
     pl.sectors = p.sizeSectors ? p.sizeSectors : (pl.builder ? roundUp(pl.builder->minimumSectors(), kAlign) : kAlign);
+    if (p.volume && p.volume->sizeBytes > pl.sectors * 512) throw BuildError("partition smaller than its volume");
     planned.push_back(std::move(pl));
   }
   std::stable_partition(planned.begin(), planned.end(), [](const Planned& p) { return !p.spec->logical; });

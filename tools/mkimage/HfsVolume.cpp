@@ -644,6 +644,7 @@ struct VolumeBuilder::Impl {
     v.HPlusVolStart = volStart;
     totalBlocks = volSectors * 512 / bs;
     if (totalBlocks > UINT32_MAX) throw BuildError("volume has too many blocks; use a larger block size");
+    if (totalBlocks < uint64_t(headBlocks()) + tailBlocks() + 8) throw BuildError("volume too small for its content");
     volSectors = totalBlocks * bs / 512;
     bitmap.assign(ceilDiv(totalBlocks, 8), 0);
     next = 0;
