@@ -15,6 +15,7 @@ namespace ambrel::cli {
 void registerPartitionCommands(CLI::App& app, std::function<int()>& run);
 void registerScanInfoCommands(CLI::App& app, std::function<int()>& run);
 void registerTreeCommands(CLI::App& app, std::function<int()>& run);
+void registerRecoverCommands(CLI::App& app, std::function<int()>& run);
 }
 
 namespace {
@@ -69,6 +70,7 @@ int main(int argc, char** argv) {
   cli::registerPartitionCommands(app, run);
   cli::registerScanInfoCommands(app, run);
   cli::registerTreeCommands(app, run);
+  cli::registerRecoverCommands(app, run);
 
   try {
     app.parse(argc, argv);

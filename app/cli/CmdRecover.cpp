@@ -1,0 +1,199 @@
+// `recover`: scan a volume (or open a scan info file), mark what the patterns
+// select, and save it under a folder.
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <fnmatch.h>
+
+#include <atomic>
+#include <cctype>
+#include <csignal>
+#include <filesystem>
+#include <functional>
+
+#include "cli/CliController.h"
+#include "cli/VolumeSelect.h"
+#include "output/Saver.h"
+#include "scaninfo/VolumeScanInfo.h"
+#include "tree/CheckController.h"
+
+namespace ambrel::cli {
+
+namespace {
+
+struct RecoverOptions {
+  VolumeChoice choice;
+  bool advanced = false;
+  std::string out;
+  std::vector<std::string> patterns;
+};
+
+bool endsWithAsi(const std::string& path) {
+  if (path.size() < 4) return false;
+  std::string ext = path.substr(path.size() - 4);
+  for (char& c : ext) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return ext == ".asi";
+}
+
+std::atomic<Volume*> gScanning{nullptr};
+std::atomic<Saver*> gSaving{nullptr};
+
+extern "C" void stopRecover(int) {
+  if (Volume* v = gScanning.load()) v->stopTreeThread.store(true);
+  if (Saver* s = gSaving.load()) s->abort();
+}
+
+class RecoverController : public CliController {
+ public:
+  void destroyVolumeAndBackToPartList() override { gaveUp = true; }
+  bool gaveUp = false;
+};
+
+// Marks every entry whose listed path (as `tree` prints it) matches a pattern;
+// a folder brings its whole subtree. Returns how many entries matched.
+size_t markMatching(HDIR& root, const std::vector<std::string>& patterns) {
+  if (patterns.empty()) {
+    CheckController(&root, true).run();
+    return 1;
+  }
+  size_t matched = 0;
+  std::vector<HDIR*> stack{&root};
+  while (!stack.empty()) {
+    HDIR* e = stack.back();
+    stack.pop_back();
+    const std::string path = e->pathName + "/" + e->fileName();
+    for (const auto& p : patterns) {
+      if (::fnmatch(p.c_str(), path.c_str(), 0) == 0) {
+        CheckController(e, true).run();
+        ++matched;
+        break;
+      }
+    }
+    for (const auto& c : e->children()) stack.push_back(c.get());
+  }
+  return matched;
+}
+
+// A volume from a scan info file, with its drive checked to be the one the
+// file was made from.
+std::unique_ptr<Volume> volumeFromScanInfo(const std::string& path, RecoverController& controller) {
+  auto result = openScanInfo(path, &controller);
+  fmt::print(stderr, "\n");
+  if (!result.opened) {
+    fmt::print(stderr, "ambrel-cli: {}: {}\n", result.error.title, result.error.message);
+    return nullptr;
+  }
+  auto volume = std::move(result.opened->volume);
+  std::string error;
+  PlistDict drive = driveDictionaryForPath(volume->path, error);
+  bool connected = !drive.empty();
+  if (connected && volume->volumeScanType != 2)
+    connected = findScanInfoDrive(*volume, result.opened->first5Sectors, PlistArray{drive}) == 0;
+  if (!connected) {
+    fmt::print(stderr,
+               "ambrel-cli: Drive Not Connected: the drive {} to which this scan info belongs is either not "
+               "connected or has been modified.\n",
+               volume->path);
+    return nullptr;
+  }
+  controller.setDrives(PlistArray{drive});
+  return volume;
+}
+
+int runRecover(RecoverOptions& opt) {
+  RecoverController controller;
+  std::unique_ptr<Volume> volume;
+  auto previous = std::signal(SIGINT, stopRecover);
+  if (endsWithAsi(opt.choice.path)) {
+    volume = volumeFromScanInfo(opt.choice.path, controller);
+    if (!volume) {
+      std::signal(SIGINT, previous);
+      return 2;
+    }
+  } else {
+    std::string error;
+    volume = openVolume(opt.choice, controller, error);
+    if (!volume) {
+      std::signal(SIGINT, previous);
+      fmt::print(stderr, "ambrel-cli: {}\n", error);
+      return 2;
+    }
+    gScanning.store(volume.get());
+    volume->startMakingTree(&controller, opt.advanced ? "Advanced Scan" : "Normal Scan");
+    gScanning.store(nullptr);
+    fmt::print(stderr, "\n");
+    if (volume->stopTreeThread) {
+      std::signal(SIGINT, previous);
+      fmt::print(stderr, "ambrel-cli: scan stopped; nothing saved\n");
+      return 130;
+    }
+    if (controller.gaveUp || !volume->dirRoot) {
+      std::signal(SIGINT, previous);
+      fmt::print(stderr, "ambrel-cli: no usable volume structures found; try --advanced\n");
+      return 1;
+    }
+  }
+
+  if (markMatching(*volume->dirRoot, opt.patterns) == 0) {
+    std::signal(SIGINT, previous);
+    fmt::print(stderr, "ambrel-cli: no recovered entry matches the --select patterns\n");
+    return 1;
+  }
+  const MarkedCount marked = countMarkedDataAndFiles(*volume->dirRoot);
+  fmt::print(stderr, "Marked: {}\n", markedDataText(marked));
+
+  std::error_code ec;
+  std::filesystem::create_directories(opt.out, ec);
+  const DestinationInfo dest = destinationInfo(opt.out);
+  if (!dest.exists || !dest.writable) {
+    std::signal(SIGINT, previous);
+    fmt::print(stderr, "ambrel-cli: ! Can not save: the folder {} is not writable.\n", opt.out);
+    return 2;
+  }
+  if (dest.freeBytes < marked.markedData) {
+    std::signal(SIGINT, previous);
+    fmt::print(stderr, "ambrel-cli: ! Not enough free disk space: {} needed, {} free in {}\n",
+               sizeText(marked.markedData), sizeText(dest.freeBytes), opt.out);
+    return 2;
+  }
+
+  Saver saver(*volume->dirRoot, saveSourceOf(*volume), &controller);
+  gSaving.store(&saver);
+  const SaveResult r = saver.saveFilesAndFolders(opt.out);
+  gSaving.store(nullptr);
+  std::signal(SIGINT, previous);
+
+  for (const auto& line : r.renames) fmt::print(stderr, "renamed: {}\n", line);
+  for (const auto& line : r.problems) fmt::print(stderr, "failed: {}\n", line);
+  if (r.renames.size() < r.renamed) fmt::print(stderr, "renamed: ... {} more\n", r.renamed - r.renames.size());
+  const uint32_t failures = r.failedCreates + r.failedWrites + r.failedReads;
+  if (r.problems.size() < failures) fmt::print(stderr, "failed: ... {} more\n", failures - r.problems.size());
+  fmt::print("{} {}: {} files, {} bytes ({}) in {}\n", r.aborted ? "Aborted" : "Saved", opt.out, r.saveCount,
+             r.savedData, sizeText(r.savedData), r.foldersCreated == 1 ? "1 folder" : fmt::format("{} folders", r.foldersCreated));
+  fmt::print("Failures: {} creates, {} writes, {} reads; {} names changed\n", r.failedCreates, r.failedWrites,
+             r.failedReads, r.renamed);
+  if (r.aborted) return 130;
+  return r.anyFailure() ? 1 : 0;
+}
+
+}  // namespace
+
+void registerRecoverCommands(CLI::App& app, std::function<int()>& run) {
+  static RecoverOptions opt;
+  auto* cmd = app.add_subcommand("recover", "Scan a volume (or open a scan info file) and save the selected entries");
+  cmd->add_option("PATH", opt.choice.path, "Drive, disk image or bare volume image, or a scan info file (.asi)")
+      ->required();
+  cmd->add_option("--volume", opt.choice.volumeNumber, "Volume number as the partitions command lists it (default 1)")
+      ->check(CLI::PositiveNumber);
+  auto* start = cmd->add_option("--start", opt.choice.startSector, "First sector of the volume");
+  auto* sectors = cmd->add_option("--sectors", opt.choice.sectorCount, "Length of the volume in sectors");
+  start->needs(sectors);
+  sectors->needs(start);
+  cmd->add_flag("--advanced", opt.advanced, "Advanced scan: also search the volume for catalog nodes");
+  cmd->add_option("--out", opt.out, "Folder to save into (made when missing)")->required();
+  cmd->add_option("--select", opt.patterns,
+                  "Save the entries whose path, as the tree command lists it, matches this shell pattern "
+                  "(repeatable; default: everything)");
+  cmd->callback([&run] { run = [] { return runRecover(opt); }; });
+}
+
+}  // namespace ambrel::cli

@@ -1,0 +1,120 @@
+#pragma once
+// Saving the marked entries of a recovered tree into a folder the user chose:
+// both forks of every marked file, read sector by sector through the entry's
+// extents. Runs in the calling thread (the GUI puts it on a worker); abort()
+// may be called from any thread.
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/AppControllerInterface.h"
+#include "tree/HDIR.h"
+
+namespace ambrel {
+
+class Volume;
+
+// A sector reader: sector, count of 512-byte sectors, buffer; false on failure.
+using SectorReadFn = std::function<bool(uint64_t sector, int32_t count, void* buffer)>;
+
+// What a save or a preview reads from: the tree's volume geometry and a reader.
+struct ForkSource {
+  uint64_t HPlusVolStart = 0;
+  int32_t blockSize = 0;  // sectors per allocation block, for entries that carry none
+  int32_t volumeScanType = 0;
+  SectorReadFn read;
+};
+// The volume's readSaveSector / readPreviewSector as sources.
+ForkSource saveSourceOf(Volume& volume);
+ForkSource previewSourceOf(Volume& volume);
+
+// The destination as the checks before a save see it.
+struct DestinationInfo {
+  bool exists = false;
+  bool writable = false;
+  uint64_t freeBytes = 0;
+  bool infoAvailable = false;  // file-system type known
+  bool canSaveSlashes = true;  // an "hfs" destination, or unknown
+};
+DestinationInfo destinationInfo(const std::string& path);
+
+struct MarkedCount {
+  uint64_t markedData = 0;  // sum of fileSize of marked files
+  uint32_t markedFiles = 0;
+};
+// countMarkedDataAndFiles: every marked file in the tree, marked folders or not.
+MarkedCount countMarkedDataAndFiles(const HDIR& root);
+// "%@ in %@ Files" with "0 KB" for nothing marked.
+std::string markedDataText(const MarkedCount& count);
+// "Saved: %.2f KB" and so on.
+std::string savedDataText(uint64_t bytes);
+
+struct SaveResult {
+  bool aborted = false;
+  int32_t saveCount = 0;    // marked files visited
+  uint64_t savedData = 0;   // bytes written, both forks
+  uint32_t filesWritten = 0;
+  uint32_t foldersCreated = 0;
+  uint32_t failedCreates = 0;
+  uint32_t failedWrites = 0;
+  uint32_t failedReads = 0;  // each abandoned the rest of one folder level
+  uint32_t renamed = 0;      // names made safe or numbered to avoid a collision
+  // The first problems and renames, as lines a user can read.
+  std::vector<std::string> problems;
+  std::vector<std::string> renames;
+
+  bool anyFailure() const { return failedCreates + failedWrites + failedReads > 0; }
+};
+
+class Saver {
+ public:
+  struct Options {
+    // How "/" in names is written; from the destination's type when unset.
+    std::optional<bool> canSaveSlashes;
+    // Ask the controller the final "Saving Completed" / "Saving Aborted" alert.
+    bool finalAlert = true;
+  };
+
+  Saver(const HDIR& root, ForkSource source, AppControllerInterface* controller);
+  Saver(const HDIR& root, ForkSource source, AppControllerInterface* controller, Options options);
+
+  // saveFilesAndFolders: writes the marked entries of the tree under
+  // `destination` (the root folder itself becomes its first level).
+  SaveResult saveFilesAndFolders(const std::string& destination);
+
+  // abortDataSaving: noticed before the next child, extent, group or block.
+  void abort() { abortSaving_.store(true); }
+  bool aborting() const { return abortSaving_.load(); }
+
+  // Progress so far; safe to read from another thread.
+  uint64_t savedData() const { return savedData_.load(); }
+
+  static constexpr size_t kMaxListedProblems = 1000;
+  static constexpr size_t kMaxOpenFolders = 64;
+
+ private:
+  struct Walk;
+  enum class Copy { Done, ReadFailed, WriteFailed, Aborted };
+
+  Copy copyFork(const HDIR& entry, const std::vector<Extent>& extents, uint64_t logicalSize, int fd,
+                uint64_t* written);
+  bool writeAll(int fd, const uint8_t* data, size_t size);
+  void reportWrite(uint64_t bytes);
+  void problem(std::string text);
+  void renamedEntry(const std::string& from, const std::string& to);
+  int32_t blockSizeOf(const HDIR& entry) const;
+
+  const HDIR& root_;
+  ForkSource source_;
+  AppControllerInterface* controller_;
+  Options options_;
+  std::atomic<bool> abortSaving_{false};
+  std::atomic<uint64_t> savedData_{0};
+  std::vector<uint8_t> buffer_;
+  SaveResult result_;
+};
+
+}  // namespace ambrel
