@@ -20,7 +20,7 @@ TEST(MkimageDescription, ReadsEveryField) {
         "created": "2020-02-03T04:05:06Z",
         "tree": [{"name": "Docs", "children": [
                    {"name": "a.txt", "text": "hi", "rsrcSize": "2K", "fragments": 2, "type": "TEXT",
-                    "creator": "ttxt", "mode": 384, "uid": 7, "gid": 8, "modified": 86400, "deleted": true}]},
+                    "creator": "ttxt", "mode": 384, "uid": 7, "gid": 8, "modified": 86400, "deleted": true, "inOldNodes": false}]},
                  {"name": "p.bin", "file": "payload.bin"}],
         "generate": {"files": 10, "folders": 2, "seed": 4, "minSize": 1, "maxSize": "1K", "variedNames": false},
         "freePayloads": [{"text": "JPEG"}, {"size": 100, "seed": 5}],
@@ -61,6 +61,8 @@ TEST(MkimageDescription, ReadsEveryField) {
   EXPECT_EQ(a.uid, 7u);
   EXPECT_EQ(*a.modified, hfsDateFromUnix(86400));
   EXPECT_TRUE(a.deleted);
+  EXPECT_FALSE(a.inOldNodes);
+  EXPECT_TRUE(v.root[0].inOldNodes);
   EXPECT_EQ(*v.root[1].data, (std::vector<uint8_t>{1, 2, 3, 4}));
   ASSERT_TRUE(v.generate);
   EXPECT_EQ(v.generate->files, 10u);

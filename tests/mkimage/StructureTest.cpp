@@ -514,3 +514,56 @@ TEST(MkimageStructure, SparseFilesOfFourGigabytesCostNoDiskSpace) {
 
 }  // namespace
 }  // namespace ambrel::mkimage::test
+
+namespace ambrel::mkimage::test {
+namespace {
+
+// Names of the file and folder records in the journal's old node copies.
+std::set<std::string> journalRecordNames(const std::filesystem::path& image, const VolumeLayout& v) {
+  std::set<std::string> names;
+  for (uint64_t sector : v.journalNodeCopySectors) {
+    auto node = readSector(image, sector, v.catalog.nodeSize / 512);
+    for (uint16_t r = 0; r < loadBE16(&node[10]); ++r) {
+      uint16_t off = loadBE16(&node[node.size() - 2 * (r + 1)]);
+      int16_t type = static_cast<int16_t>(loadBE16(&node[off + 2 + loadBE16(&node[off])]));
+      if (type != kHFSPlusFileRecord && type != kHFSPlusFolderRecord) continue;
+      std::string n;
+      for (uint16_t i = 0; i < loadBE16(&node[off + 6]); ++i) n += static_cast<char>(loadBE16(&node[off + 8 + 2 * i]));
+      names.insert(n);
+    }
+  }
+  return names;
+}
+
+TEST(MkimageStructure, DeletedParentCanBeLeftOutOfTheOldNodes) {
+  TempDir dir;
+  DriveSpec d;
+  d.table = TableKind::None;
+  d.volume = VolumeSpec{};
+  d.volume->journal = true;
+  EntrySpec parent;
+  parent.name = "Vanished";
+  parent.folder = true;
+  parent.deleted = true;
+  parent.inOldNodes = false;
+  parent.children = {textFile("orphan.txt", "orphaned")};
+  EntrySpec kept;
+  kept.name = "Kept Folder";
+  kept.folder = true;
+  kept.deleted = true;
+  kept.children = {textFile("child.txt", "child")};
+  d.volume->root = {parent, kept, textFile("live.txt", "live")};
+  auto image = dir / "orphans.img";
+  VolumeLayout v = *buildImage(d, image).volume;
+  auto names = journalRecordNames(image, v);
+  EXPECT_EQ(names.count("orphan.txt"), 1u);
+  EXPECT_EQ(names.count("Vanished"), 0u);
+  EXPECT_EQ(names.count("Kept Folder"), 1u);
+  EXPECT_EQ(names.count("child.txt"), 1u);
+  EXPECT_EQ(names.count("live.txt"), 1u) << "old nodes also hold the live records beside the deleted ones";
+  EXPECT_TRUE(v.find("Vanished")->deleted);
+  EXPECT_EQ(v.find("Vanished/orphan.txt")->parentID, v.find("Vanished")->cnid);
+}
+
+}  // namespace
+}  // namespace ambrel::mkimage::test

@@ -93,6 +93,7 @@ EntrySpec entryOf(const json& j, const std::filesystem::path& base) {
   e.uid = j.value("uid", 501u);
   e.gid = j.value("gid", 20u);
   e.deleted = j.value("deleted", false);
+  e.inOldNodes = j.value("inOldNodes", true);
   return e;
 }
 

@@ -36,6 +36,7 @@ struct Item {
   uint64_t dataSeed = 0, rsrcSeed = 0;
   bool genData = true, genRsrc = true;
   bool sparse = false;
+  bool inOldNodes = true;
   HfsDate created = 0, modified = 0;
   uint32_t valence = 0;
   uint16_t mode = 0, finderFlags = 0;
@@ -151,6 +152,7 @@ struct VolumeBuilder::Impl {
     it.genData = !e.data;
     it.genRsrc = !e.rsrc;
     it.sparse = e.sparse;
+    it.inOldNodes = e.inOldNodes;
     if (e.sparse && (e.data || e.rsrc)) throw BuildError("a sparse file has no explicit contents: " + e.name);
     it.dataFrags = std::max(1u, e.dataFragments);
     it.rsrcFrags = std::max(1u, e.rsrcFragments);
@@ -395,8 +397,10 @@ struct VolumeBuilder::Impl {
         liveRecs.push_back({i, false});
         liveRecs.push_back({i, true});
       }
-      oldRecs.push_back({i, false});
-      oldRecs.push_back({i, true});
+      if (!items[i].deleted || items[i].inOldNodes) {
+        oldRecs.push_back({i, false});
+        oldRecs.push_back({i, true});
+      }
     }
     sortRecords(liveRecs);
     bool anyDeleted = oldRecs.size() != liveRecs.size();

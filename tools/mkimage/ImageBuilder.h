@@ -51,6 +51,9 @@ struct EntrySpec {
   // free space) but not in the live catalog; its blocks are free but still
   // hold its data. A deleted folder's whole subtree is deleted.
   bool deleted = false;
+  // A deleted entry whose records no old node copy keeps: its children are
+  // then found without their parent.
+  bool inOldNodes = true;
 
   uint64_t dataLength() const { return data ? data->size() : dataSize; }
   uint64_t rsrcLength() const { return rsrc ? rsrc->size() : rsrcSize; }
