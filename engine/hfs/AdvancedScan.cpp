@@ -205,37 +205,48 @@ void Volume::searchCatFrags() {
   report({{progress::kTimeRemaining, ""}});
   const auto start = std::chrono::steady_clock::now();
 
-  std::vector<uint8_t> chunk(kSearchChunkSectors * kSectorSize);
+  // Reads are batched (32 chunks, about 1 MiB, per read) so the search keeps
+  // up with the disk; the search itself still goes chunk by chunk.
+  constexpr uint64_t kBatchSectors = uint64_t{kSearchChunkSectors} * 32;
+  std::vector<uint8_t> batch(kBatchSectors * kSectorSize);
   uint8_t first[kSectorSize];
   uint64_t done = 0;
   // The volume's own sectors: a partition starts where its table says.
   const uint64_t begin = startSector, end = startSector + sizeInSect;
-  for (uint64_t pos = begin; pos < end && !stopTreeThread; pos += kSearchChunkSectors, ++done) {
-    if (done > 0 && done % 100 == 0)
-      report({{progress::kProgressStatus, status},
-                    {progress::kBarIncrement, uint64_t{100}},
-                    {progress::kTimeRemaining, timeRemainingText(secondsSince(start), done, chunks)}});
-    const uint32_t count = static_cast<uint32_t>(std::min<uint64_t>(kSearchChunkSectors, end - pos));
-    if (!readSector(pos, static_cast<int32_t>(count), chunk.data())) continue;
-    for (uint32_t s = 0; s < count; ++s) {
-      const uint8_t* sector = &chunk[s * kSectorSize];
-      if (loadBE16(sector + 510) != 14 || loadBE16(sector + 508) <= 14) continue;
-      if (catNodeSize == 0) catNodeSize = kAssumedCatNodeSectors;
-      const uint64_t here = pos + s;
-      if (here + 1 < static_cast<uint64_t>(catNodeSize) + begin) continue;
-      const uint64_t nodeStart = here - static_cast<uint64_t>(catNodeSize) + 1;
-      const uint8_t* head = nullptr;
-      if (nodeStart >= pos) {
-        head = &chunk[(nodeStart - pos) * kSectorSize];
-      } else if (readSector(nodeStart, 1, first)) {
-        head = first;
+  for (uint64_t batchStart = begin; batchStart < end && !stopTreeThread; batchStart += kBatchSectors) {
+    const uint64_t batchCount = std::min<uint64_t>(kBatchSectors, end - batchStart);
+    const bool batchRead = readSector(batchStart, static_cast<int32_t>(batchCount), batch.data());
+    for (uint64_t pos = batchStart; pos < batchStart + batchCount && !stopTreeThread; pos += kSearchChunkSectors, ++done) {
+      if (done > 0 && done % 100 == 0)
+        report({{progress::kProgressStatus, status},
+                {progress::kBarIncrement, uint64_t{100}},
+                {progress::kTimeRemaining, timeRemainingText(secondsSince(start), done, chunks)}});
+      const uint64_t count = std::min<uint64_t>(kSearchChunkSectors, batchStart + batchCount - pos);
+      // A bad sector fails the whole batch: read its chunks one by one, so
+      // that only the chunk holding it is lost.
+      if (!batchRead &&
+          !readSector(pos, static_cast<int32_t>(count), &batch[(pos - batchStart) * kSectorSize]))
+        continue;
+      for (uint64_t s = 0; s < count; ++s) {
+        const uint64_t here = pos + s;
+        const uint8_t* sector = &batch[(here - batchStart) * kSectorSize];
+        if (loadBE16(sector + 510) != 14 || loadBE16(sector + 508) <= 14) continue;
+        if (catNodeSize == 0) catNodeSize = kAssumedCatNodeSectors;
+        if (here + 1 < static_cast<uint64_t>(catNodeSize) + begin) continue;
+        const uint64_t nodeStart = here - static_cast<uint64_t>(catNodeSize) + 1;
+        const uint8_t* head = nullptr;
+        if (nodeStart >= batchStart) {
+          head = &batch[(nodeStart - batchStart) * kSectorSize];
+        } else if (readSector(nodeStart, 1, first)) {
+          head = first;
+        }
+        if (!head) continue;
+        BTNodeDescriptor_ d;
+        std::memcpy(&d, head, sizeof d);
+        convertBTNodeDesc(&d);
+        if (d.height == 1 && d.kind == kBTLeafNode && d.numRecords >= 1 && d.numRecords <= 254 && d.reserved == 0)
+          CatNodeArray.push_back(nodeStart);
       }
-      if (!head) continue;
-      BTNodeDescriptor_ d;
-      std::memcpy(&d, head, sizeof d);
-      convertBTNodeDesc(&d);
-      if (d.height == 1 && d.kind == kBTLeafNode && d.numRecords >= 1 && d.numRecords <= 254 && d.reserved == 0)
-        CatNodeArray.push_back(nodeStart);
     }
   }
 }

@@ -1,0 +1,190 @@
+// The tree scans on a 1,000,000-file volume from the image builder, read from
+// the page cache:
+//  - the standard scan's catalog records per second and its peak memory
+//    (budget: at least 1,000,000 records/s, under 1 GB), next to `fls -r` on
+//    the same volume in the same run;
+//  - the advanced scan's sector search against a plain sequential read of
+//    the same sectors (budget: at least 80 %).
+// The volume is made once in $AMBREL_BENCH_DIR.
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fmt/format.h>
+#include <vector>
+
+#include "ImageBuilder.h"
+#include "hfs/Volume.h"
+
+using namespace ambrel;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+constexpr uint32_t kFiles = 1000000;
+
+class QuietController : public AppControllerInterface {
+ public:
+  explicit QuietController(PlistArray drives) : drives_(std::move(drives)) {}
+  int alert(const std::string& t, const std::string& m, const std::vector<std::string>&) override {
+    fmt::print(stderr, "alert: {}: {}\n", t, m);
+    return 0;
+  }
+  void updateVolumeScanProgress(const ProgressReport&) override {}
+  void updateProgress(const ProgressReport&) override {}
+  void updateTreeProgress(const ProgressReport&) override {}
+  void terminateApp() override {}
+  void previewClose() override {}
+  PlistArray driveDictArray() const override { return drives_; }
+  PlistArray volumeDictArray() const override { return {}; }
+
+ private:
+  PlistArray drives_;
+};
+
+std::filesystem::path benchDir() {
+  const char* dir = std::getenv("AMBREL_BENCH_DIR");
+  std::filesystem::path p = dir ? dir : std::filesystem::temp_directory_path() / "ambrel-bench";
+  std::filesystem::create_directories(p);
+  return p;
+}
+
+struct Image {
+  std::string path;
+  uint64_t sectors = 0;
+  uint32_t leafRecords = 0;
+};
+
+Image makeImage() {
+  const auto path = benchDir() / "scan_1m.img";
+  const auto info = benchDir() / "scan_1m.txt";
+  Image img{path.string()};
+  if (std::filesystem::exists(path) && std::filesystem::exists(info)) {
+    if (FILE* f = std::fopen(info.c_str(), "r")) {
+      unsigned long long s = 0;
+      unsigned r = 0;
+      const int n = std::fscanf(f, "%llu %u", &s, &r);
+      std::fclose(f);
+      if (n == 2) {
+        img.sectors = s;
+        img.leafRecords = r;
+        return img;
+      }
+    }
+  }
+  fmt::print("building a {}-file volume ...\n", kFiles);
+  mkimage::DriveSpec d;
+  d.table = mkimage::TableKind::None;
+  mkimage::VolumeSpec v;
+  v.blockSize = 512;
+  v.generate = mkimage::GenerateSpec{kFiles, 20000, 42, 1, 400, true};
+  d.volume = v;
+  const auto start = Clock::now();
+  const auto layout = mkimage::buildImage(d, path);
+  fmt::print("built in {:.1f} s\n", std::chrono::duration<double>(Clock::now() - start).count());
+  img.sectors = layout.volume->sizeSectors;
+  img.leafRecords = layout.volume->catalog.leafRecords;
+  if (FILE* f = std::fopen(info.c_str(), "w")) {
+    fmt::print(f, "{} {}\n", img.sectors, img.leafRecords);
+    std::fclose(f);
+  }
+  return img;
+}
+
+// Reads the whole file through (filling the page cache); returns seconds.
+double readAll(const std::string& path, uint64_t bytes, size_t chunk) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  std::vector<uint8_t> buf(chunk);
+  const auto start = Clock::now();
+  for (uint64_t off = 0; off < bytes;) {
+    const ssize_t n = ::pread(fd, buf.data(), chunk, static_cast<off_t>(off));
+    if (n <= 0) break;
+    off += static_cast<uint64_t>(n);
+  }
+  ::close(fd);
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+PlistDict volumeDict(const Image& img) {
+  return PlistDict{{"Volume Start", uint64_t{0}}, {"Volume Size In Sectors", img.sectors}, {"Volume Name", "Bench"},
+                   {"Volume Scan Type", 0},       {"Path", img.path},                   {"Model", "Disk Image"},
+                   {"Serial", ""},                {"Revision", ""}};
+}
+
+// The standard scan in a child process, so that its peak memory is its own.
+void standardScan(const Image& img) {
+  int pipefd[2];
+  if (::pipe(pipefd) != 0) return;
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    ::close(pipefd[0]);
+    QuietController controller(PlistArray{PlistDict{{"device path", img.path}}});
+    Volume volume(volumeDict(img), &controller);
+    const auto start = Clock::now();
+    volume.startMakingTree(&controller, "Normal Scan");
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    const std::string line = fmt::format("{} {} {}\n", seconds, volume.entryCount, volume.fileCount);
+    (void)!::write(pipefd[1], line.data(), line.size());
+    ::_exit(0);
+  }
+  ::close(pipefd[1]);
+  char buf[256] = {};
+  (void)!::read(pipefd[0], buf, sizeof buf - 1);
+  ::close(pipefd[0]);
+  int status = 0;
+  struct rusage usage {};
+  ::wait4(pid, &status, 0, &usage);
+  double seconds = 0;
+  unsigned long entries = 0, files = 0;
+  std::sscanf(buf, "%lf %lu %lu", &seconds, &entries, &files);
+  const double records = img.leafRecords;
+  fmt::print("standard scan: {} catalog records ({} entries, {} files) in {:.2f} s = {:.0f} records/s "
+             "(budget >= 1000000); peak memory {:.0f} MB (budget < 1024)\n",
+             img.leafRecords, entries, files, seconds, records / seconds, usage.ru_maxrss / 1024.0);
+
+  const auto start = Clock::now();
+  const int rc = std::system(fmt::format("fls -r -o 0 '{}' > /dev/null 2>&1", img.path).c_str());
+  const double flsSeconds = std::chrono::duration<double>(Clock::now() - start).count();
+  if (rc == 0)
+    fmt::print("fls -r on the same volume: {:.2f} s = {:.0f} records/s ({:.1f}x the scan's time)\n", flsSeconds,
+               records / flsSeconds, flsSeconds / seconds);
+  else
+    fmt::print("fls -r could not run (exit {})\n", rc);
+}
+
+void sectorSearch(const Image& img) {
+  const uint64_t bytes = img.sectors * 512;
+  readAll(img.path, bytes, 1 << 20);  // into the page cache
+  double read = 1e9, search = 1e9;
+  size_t nodes = 0;
+  for (int pass = 0; pass < 3; ++pass) {
+    read = std::min(read, readAll(img.path, bytes, 1 << 20));
+    QuietController controller(PlistArray{PlistDict{{"device path", img.path}}});
+    Volume volume(volumeDict(img), &controller);
+    volume.initializeVIB();
+    volume.checkCatalogAndExtentsFile();
+    const auto start = Clock::now();
+    volume.searchCatFrags();
+    search = std::min(search, std::chrono::duration<double>(Clock::now() - start).count());
+    nodes = volume.CatNodeArray.size();
+  }
+  const double readSpeed = bytes / read / 1e9, searchSpeed = bytes / search / 1e9;
+  fmt::print("sector search: {:.2f} GB/s ({} leaf nodes found); sequential read {:.2f} GB/s; ratio {:.1f} % "
+             "(budget >= 80 %)\n",
+             searchSpeed, nodes, readSpeed, 100.0 * searchSpeed / readSpeed);
+}
+
+}  // namespace
+
+int main() {
+  const Image img = makeImage();
+  readAll(img.path, img.sectors * 512, 1 << 20);
+  standardScan(img);
+  sectorSearch(img);
+  return 0;
+}
