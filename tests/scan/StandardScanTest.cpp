@@ -137,11 +137,12 @@ TEST(StandardScan, BuilderVolumesAgreeWithFlsAndTheirLayout) {
   struct Case {
     const char* what;
     bool hfsx, wrapper, journal;
-    uint32_t blockSize, nodeSize;
+    uint32_t blockSize, nodeSize, catalogExtents;
   };
-  for (const Case c : {Case{"HFS+ 4K nodes", false, false, true, 4096, 4096},
-                       Case{"HFSX 8K nodes, 512-byte blocks", true, false, false, 512, 8192},
-                       Case{"wrapped HFS+", false, true, false, 2048, 8192}}) {
+  for (const Case c : {Case{"HFS+ 4K nodes", false, false, true, 4096, 4096, 1},
+                       Case{"HFSX 8K nodes, 512-byte blocks", true, false, false, 512, 8192, 1},
+                       Case{"wrapped HFS+", false, true, false, 2048, 8192, 1},
+                       Case{"catalog in twelve extents", false, false, false, 4096, 4096, 12}}) {
     SCOPED_TRACE(c.what);
     mk::DriveSpec d;
     d.table = mk::TableKind::GPT;
@@ -154,6 +155,7 @@ TEST(StandardScan, BuilderVolumesAgreeWithFlsAndTheirLayout) {
     v.journal = c.journal;
     v.blockSize = c.blockSize;
     v.nodeSize = c.nodeSize;
+    v.catalogExtents = c.catalogExtents;
     // Enough entries for three index levels with 4 KiB nodes.
     v.generate = mk::GenerateSpec{2500, 150, 7, 0, 3000, true};
     v.root.push_back(folder("Fragmented", {file("ten extents.bin", 10 * 8192 + 5, 10), file("one.bin", 1)}));
@@ -173,9 +175,16 @@ TEST(StandardScan, BuilderVolumesAgreeWithFlsAndTheirLayout) {
     }
     const mk::VolumeLayout& vl = *layout.partitions[0].volume;
     if (c.nodeSize == 4096) EXPECT_GE(vl.catalog.depth, 3u);
+    EXPECT_EQ(vl.catalog.extents.size(), c.catalogExtents);
 
     ScanResult r = scan(image, vl.startSector, vl.sizeSectors, "Normal Scan");
     ASSERT_NE(r.volume->dirRoot, nullptr);
+    // Nodes map through every catalog extent, the overflow ones included.
+    ASSERT_EQ(r.volume->catalogExt.size(), vl.catalog.extents.size());
+    for (size_t i = 0; i < vl.catalog.extents.size(); ++i)
+      EXPECT_EQ(r.volume->catalogExt[i], (Extent{vl.catalog.extents[i].startBlock, vl.catalog.extents[i].blockCount}));
+    for (const auto& n : vl.catalog.nodes)
+      EXPECT_EQ(r.volume->catNodeToSector(n.node), static_cast<int64_t>(n.sector)) << "node " << n.node;
     EXPECT_SAME_TREE(treeOf(*r.volume), keptByScan(flsTree(image, vl.startSector)));
     expectLayoutTree(*r.volume, vl);
     // A folder whose name holds a slash shows it as a colon in its children's paths.
