@@ -429,3 +429,26 @@ TEST(SaveDeep, FoldersDeeperThanTheOpenFolderLimit) {
   EXPECT_EQ(readFile(p / "bottom").size(), 777u);
   EXPECT_TRUE(fs::exists(dest / "Root/top"));
 }
+
+TEST(SaveDestination, WhatTheChecksBeforeASaveSee) {
+  TempDir dir;
+  const DestinationInfo here = destinationInfo(dir.path().string());
+  EXPECT_TRUE(here.exists);
+  EXPECT_TRUE(here.writable);
+  EXPECT_GT(here.freeBytes, 0u);
+  EXPECT_TRUE(here.infoAvailable);
+  EXPECT_FALSE(here.canSaveSlashes);  // a temporary folder is never on HFS+
+  EXPECT_FALSE(destinationInfo((dir / "missing").string()).exists);
+  writeFile(dir / "file", {1});
+  EXPECT_FALSE(destinationInfo((dir / "file").string()).exists);
+
+  // Without an explicit choice the saver asks the destination, and never
+  // moves the process's working directory.
+  mk::VolumeSpec spec;
+  spec.root = {fileSpec("a/b", 10)};
+  BuiltVolume v = buildAndScan(dir, spec);
+  const fs::path cwd = fs::current_path();
+  saveAll(*v.scan.volume, dir / "out");
+  EXPECT_EQ(fs::current_path(), cwd);
+  EXPECT_EQ(fs::file_size(dir / "out/Root/a_b"), 10u);
+}
