@@ -17,43 +17,21 @@
 #include <filesystem>
 #include <vector>
 
+#include "BenchDir.h"
+#include "support/QuietController.h"
 #include "ImageBuilder.h"
 #include "hfs/Volume.h"
 #include "output/Saver.h"
 #include "tree/CheckController.h"
 
 using namespace ambrel;
+using bench::benchDir;
 namespace fs = std::filesystem;
 
 namespace {
 
 constexpr uint64_t kFileBytes = 64ull << 20;
 constexpr int kFiles = 64;
-
-// Receives every report, as a front end would, and draws nothing.
-class NullController : public AppControllerInterface {
- public:
-  explicit NullController(PlistArray drives) : drives_(std::move(drives)) {}
-  int alert(const std::string&, const std::string&, const std::vector<std::string>&) override { return 0; }
-  void updateVolumeScanProgress(const ProgressReport&) override {}
-  void updateProgress(const ProgressReport&) override {}
-  void updateTreeProgress(const ProgressReport& r) override { reports += r.size(); }
-  void terminateApp() override {}
-  void previewClose() override {}
-  PlistArray driveDictArray() const override { return drives_; }
-  PlistArray volumeDictArray() const override { return {}; }
-  uint64_t reports = 0;
-
- private:
-  PlistArray drives_;
-};
-
-fs::path benchDir() {
-  const char* dir = std::getenv("AMBREL_BENCH_DIR");
-  fs::path p = dir ? dir : fs::temp_directory_path() / "ambrel-bench";
-  fs::create_directories(p);
-  return p;
-}
 
 std::string imagePath() {
   const auto path = benchDir() / "save_4g.img";
@@ -107,7 +85,7 @@ void BM_SaveAgainstCp(benchmark::State& state) {
   fs::create_directories(out);
   std::string error;
   PlistDict drive = driveDictionaryForPath(image, error);
-  NullController controller{PlistArray{drive}};
+  test::QuietController controller{PlistArray{drive}};
   const uint64_t sectors = fs::file_size(image) / 512;
   PlistDict dict{{"Volume Start", 0},   {"Volume Size In Sectors", sectors}, {"Volume Name", "Save Bench"},
                  {"Volume Scan Type", 0}, {"Path", image}, {"Model", "Disk Image"}, {"Serial", ""}, {"Revision", ""}};

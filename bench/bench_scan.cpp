@@ -18,41 +18,18 @@
 #include <fmt/format.h>
 #include <vector>
 
+#include "BenchDir.h"
+#include "support/QuietController.h"
 #include "ImageBuilder.h"
 #include "hfs/Volume.h"
 
 using namespace ambrel;
+using bench::benchDir;
 using Clock = std::chrono::steady_clock;
 
 namespace {
 
 constexpr uint32_t kFiles = 1000000;
-
-class QuietController : public AppControllerInterface {
- public:
-  explicit QuietController(PlistArray drives) : drives_(std::move(drives)) {}
-  int alert(const std::string& t, const std::string& m, const std::vector<std::string>&) override {
-    fmt::print(stderr, "alert: {}: {}\n", t, m);
-    return 0;
-  }
-  void updateVolumeScanProgress(const ProgressReport&) override {}
-  void updateProgress(const ProgressReport&) override {}
-  void updateTreeProgress(const ProgressReport&) override {}
-  void terminateApp() override {}
-  void previewClose() override {}
-  PlistArray driveDictArray() const override { return drives_; }
-  PlistArray volumeDictArray() const override { return {}; }
-
- private:
-  PlistArray drives_;
-};
-
-std::filesystem::path benchDir() {
-  const char* dir = std::getenv("AMBREL_BENCH_DIR");
-  std::filesystem::path p = dir ? dir : std::filesystem::temp_directory_path() / "ambrel-bench";
-  std::filesystem::create_directories(p);
-  return p;
-}
 
 struct Image {
   std::string path;
@@ -123,7 +100,7 @@ void standardScan(const Image& img) {
   const pid_t pid = ::fork();
   if (pid == 0) {
     ::close(pipefd[0]);
-    QuietController controller(PlistArray{PlistDict{{"device path", img.path}}});
+    test::QuietController controller(PlistArray{PlistDict{{"device path", img.path}}});
     Volume volume(volumeDict(img), &controller);
     const auto start = Clock::now();
     volume.startMakingTree(&controller, "Normal Scan");
@@ -164,7 +141,7 @@ void sectorSearch(const Image& img) {
   size_t nodes = 0;
   for (int pass = 0; pass < 3; ++pass) {
     read = std::min(read, readAll(img.path, bytes, 1 << 20));
-    QuietController controller(PlistArray{PlistDict{{"device path", img.path}}});
+    test::QuietController controller(PlistArray{PlistDict{{"device path", img.path}}});
     Volume volume(volumeDict(img), &controller);
     volume.initializeVIB();
     volume.checkCatalogAndExtentsFile();

@@ -18,38 +18,18 @@
 #include <fmt/format.h>
 #include <vector>
 
+#include "BenchDir.h"
+#include "support/QuietController.h"
 #include "ImageBuilder.h"
 #include "media/DMedia.h"
 
 using namespace ambrel;
+using bench::benchDir;
 
 namespace {
 
 constexpr uint64_t kImageBytes = 4ull << 30;
 constexpr size_t kReadBytes = 1 << 20;
-
-class NullController : public AppControllerInterface {
- public:
-  explicit NullController(PlistArray drives) : drives_(std::move(drives)) {}
-  int alert(const std::string&, const std::string&, const std::vector<std::string>&) override { return 0; }
-  void updateVolumeScanProgress(const ProgressReport&) override {}
-  void updateProgress(const ProgressReport&) override {}
-  void updateTreeProgress(const ProgressReport&) override {}
-  void terminateApp() override {}
-  void previewClose() override {}
-  PlistArray driveDictArray() const override { return drives_; }
-  PlistArray volumeDictArray() const override { return {}; }
-
- private:
-  PlistArray drives_;
-};
-
-std::filesystem::path benchDir() {
-  const char* dir = std::getenv("AMBREL_BENCH_DIR");
-  std::filesystem::path p = dir ? dir : std::filesystem::temp_directory_path() / "ambrel-bench";
-  std::filesystem::create_directories(p);
-  return p;
-}
 
 std::string imagePath() {
   const auto path = benchDir() / "volume_search_4g.img";
@@ -136,7 +116,7 @@ void BM_ThoroughSearchAgainstSequentialRead(benchmark::State& state) {
   const std::string path = imagePath();
   std::string error;
   PlistDict dict = driveDictionaryForPath(path, error);
-  NullController controller{PlistArray{dict}};
+  test::QuietController controller{PlistArray{dict}};
   readWholeFile(path);  // warm the page cache
   std::vector<double> readRates, searchRates;
   size_t found = 0;

@@ -6,27 +6,8 @@
 #include <cstdint>
 #include <string>
 
+#include "support/QuietController.h"
 #include "media/DMedia.h"
-
-namespace {
-
-class QuietController : public ambrel::AppControllerInterface {
- public:
-  explicit QuietController(ambrel::PlistArray drives) : drives_(std::move(drives)) {}
-  int alert(const std::string&, const std::string&, const std::vector<std::string>&) override { return 0; }
-  void updateVolumeScanProgress(const ambrel::ProgressReport&) override {}
-  void updateProgress(const ambrel::ProgressReport&) override {}
-  void updateTreeProgress(const ambrel::ProgressReport&) override {}
-  void terminateApp() override {}
-  void previewClose() override {}
-  ambrel::PlistArray driveDictArray() const override { return drives_; }
-  ambrel::PlistArray volumeDictArray() const override { return {}; }
-
- private:
-  ambrel::PlistArray drives_;
-};
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   int fd = memfd_create("drive", MFD_CLOEXEC);
@@ -41,7 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string error;
   ambrel::PlistDict dict = ambrel::driveDictionaryForPath(path, error);
   if (!dict.empty()) {
-    QuietController controller{ambrel::PlistArray{dict}};
+    ambrel::test::QuietController controller{ambrel::PlistArray{dict}};
     {
       ambrel::DMedia media(dict, &controller);
       ambrel::PlistArray list;

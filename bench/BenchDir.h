@@ -1,0 +1,15 @@
+#pragma once
+// Where benchmarks keep their (large) images between runs: $AMBREL_BENCH_DIR.
+#include <cstdlib>
+#include <filesystem>
+
+namespace ambrel::bench {
+
+inline std::filesystem::path benchDir() {
+  const char* dir = std::getenv("AMBREL_BENCH_DIR");
+  std::filesystem::path p = dir ? dir : std::filesystem::temp_directory_path() / "ambrel-bench";
+  std::filesystem::create_directories(p);
+  return p;
+}
+
+}  // namespace ambrel::bench
