@@ -21,6 +21,9 @@ class CliController : public AppControllerInterface {
   void updateTreeProgress(const ProgressReport& report) override;
   void terminateApp() override { terminated_ = true; }
   void previewClose() override {}
+  // A scan found no usable volume structures.
+  void destroyVolumeAndBackToPartList() override { gaveUp_ = true; }
+  bool gaveUp() const { return gaveUp_; }
   PlistArray driveDictArray() const override;
   PlistArray volumeDictArray() const override { return {}; }
 
@@ -34,6 +37,7 @@ class CliController : public AppControllerInterface {
   mutable std::mutex mutex_;
   PlistArray drives_;
   std::atomic<bool> terminated_{false};
+  std::atomic<bool> gaveUp_{false};
   bool showProgress_ = true;
   double barMin_ = 0, barMax_ = 0, barValue_ = 0;
   std::string status_, timeRemaining_, lastDrawnStatus_;

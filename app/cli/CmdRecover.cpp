@@ -27,26 +27,11 @@ struct RecoverOptions {
   std::vector<std::string> patterns;
 };
 
-bool endsWithAsi(const std::string& path) {
-  if (path.size() < 4) return false;
-  std::string ext = path.substr(path.size() - 4);
-  for (char& c : ext) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return ext == ".asi";
-}
-
-std::atomic<Volume*> gScanning{nullptr};
 std::atomic<Saver*> gSaving{nullptr};
 
-extern "C" void stopRecover(int) {
-  if (Volume* v = gScanning.load()) v->stopTreeThread.store(true);
+extern "C" void stopSaving(int) {
   if (Saver* s = gSaving.load()) s->abort();
 }
-
-class RecoverController : public CliController {
- public:
-  void destroyVolumeAndBackToPartList() override { gaveUp = true; }
-  bool gaveUp = false;
-};
 
 // Marks every entry whose listed path (as `tree` prints it) matches a pattern;
 // a folder brings its whole subtree. Returns how many entries matched.
@@ -75,7 +60,7 @@ size_t markMatching(HDIR& root, const std::vector<std::string>& patterns) {
 
 // A volume from a scan info file, with its drive checked to be the one the
 // file was made from.
-std::unique_ptr<Volume> volumeFromScanInfo(const std::string& path, RecoverController& controller) {
+std::unique_ptr<Volume> volumeFromScanInfo(const std::string& path, CliController& controller) {
   auto result = openScanInfo(path, &controller);
   fmt::print(stderr, "\n");
   if (!result.opened) {
@@ -100,41 +85,31 @@ std::unique_ptr<Volume> volumeFromScanInfo(const std::string& path, RecoverContr
 }
 
 int runRecover(RecoverOptions& opt) {
-  RecoverController controller;
+  CliController controller;
   std::unique_ptr<Volume> volume;
-  auto previous = std::signal(SIGINT, stopRecover);
-  if (endsWithAsi(opt.choice.path)) {
+  if (isScanInfoPath(opt.choice.path)) {
     volume = volumeFromScanInfo(opt.choice.path, controller);
-    if (!volume) {
-      std::signal(SIGINT, previous);
-      return 2;
-    }
+    if (!volume) return 2;
   } else {
     std::string error;
     volume = openVolume(opt.choice, controller, error);
     if (!volume) {
-      std::signal(SIGINT, previous);
       fmt::print(stderr, "ambrel-cli: {}\n", error);
       return 2;
     }
-    gScanning.store(volume.get());
-    volume->startMakingTree(&controller, opt.advanced ? "Advanced Scan" : "Normal Scan");
-    gScanning.store(nullptr);
-    fmt::print(stderr, "\n");
-    if (volume->stopTreeThread) {
-      std::signal(SIGINT, previous);
-      fmt::print(stderr, "ambrel-cli: scan stopped; nothing saved\n");
-      return 130;
-    }
-    if (controller.gaveUp || !volume->dirRoot) {
-      std::signal(SIGINT, previous);
-      fmt::print(stderr, "ambrel-cli: no usable volume structures found; try --advanced\n");
-      return 1;
+    switch (runScan(*volume, controller, opt.advanced)) {
+      case ScanOutcome::Stopped:
+        fmt::print(stderr, "ambrel-cli: scan stopped; nothing saved\n");
+        return 130;
+      case ScanOutcome::NothingUsable:
+        fmt::print(stderr, "ambrel-cli: no usable volume structures found; try --advanced\n");
+        return 1;
+      case ScanOutcome::Done:
+        break;
     }
   }
 
   if (markMatching(*volume->dirRoot, opt.patterns) == 0) {
-    std::signal(SIGINT, previous);
     fmt::print(stderr, "ambrel-cli: no recovered entry matches the --select patterns\n");
     return 1;
   }
@@ -145,12 +120,10 @@ int runRecover(RecoverOptions& opt) {
   std::filesystem::create_directories(opt.out, ec);
   const DestinationInfo dest = destinationInfo(opt.out);
   if (!dest.exists || !dest.writable) {
-    std::signal(SIGINT, previous);
     fmt::print(stderr, "ambrel-cli: ! Can not save: the folder {} is not writable.\n", opt.out);
     return 2;
   }
   if (dest.freeBytes < marked.markedData) {
-    std::signal(SIGINT, previous);
     fmt::print(stderr, "ambrel-cli: ! Not enough free disk space: {} needed, {} free in {}\n",
                sizeText(marked.markedData), sizeText(dest.freeBytes), opt.out);
     return 2;
@@ -158,9 +131,10 @@ int runRecover(RecoverOptions& opt) {
 
   Saver saver(*volume->dirRoot, saveSourceOf(*volume), &controller);
   gSaving.store(&saver);
+  auto previous = std::signal(SIGINT, stopSaving);
   const SaveResult r = saver.saveFilesAndFolders(opt.out);
-  gSaving.store(nullptr);
   std::signal(SIGINT, previous);
+  gSaving.store(nullptr);
 
   for (const auto& line : r.renames) fmt::print(stderr, "renamed: {}\n", line);
   for (const auto& line : r.problems) fmt::print(stderr, "failed: {}\n", line);
@@ -180,14 +154,7 @@ int runRecover(RecoverOptions& opt) {
 void registerRecoverCommands(CLI::App& app, std::function<int()>& run) {
   static RecoverOptions opt;
   auto* cmd = app.add_subcommand("recover", "Scan a volume (or open a scan info file) and save the selected entries");
-  cmd->add_option("PATH", opt.choice.path, "Drive, disk image or bare volume image, or a scan info file (.asi)")
-      ->required();
-  cmd->add_option("--volume", opt.choice.volumeNumber, "Volume number as the partitions command lists it (default 1)")
-      ->check(CLI::PositiveNumber);
-  auto* start = cmd->add_option("--start", opt.choice.startSector, "First sector of the volume");
-  auto* sectors = cmd->add_option("--sectors", opt.choice.sectorCount, "Length of the volume in sectors");
-  start->needs(sectors);
-  sectors->needs(start);
+  addVolumeOptions(*cmd, opt.choice, "Drive, disk image or bare volume image, or a scan info file (.asi)");
   cmd->add_flag("--advanced", opt.advanced, "Advanced scan: also search the volume for catalog nodes");
   cmd->add_option("--out", opt.out, "Folder to save into (made when missing)")->required();
   cmd->add_option("--select", opt.patterns,

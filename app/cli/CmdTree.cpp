@@ -2,8 +2,6 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
-#include <cctype>
-#include <csignal>
 #include <functional>
 
 #include "cli/CliController.h"
@@ -22,13 +20,6 @@ struct TreeOptions {
   std::string saveScanInfoPath;
 };
 
-bool isScanInfoPath(const std::string& path) {
-  if (path.size() < 4) return false;
-  std::string ext = path.substr(path.size() - 4);
-  for (char& c : ext) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return ext == ".asi";
-}
-
 // A tree kept in a scan info file, listed as the scan that made it listed it.
 int listScanInfo(const TreeOptions& opt) {
   CliController controller;
@@ -43,22 +34,9 @@ int listScanInfo(const TreeOptions& opt) {
   return 0;
 }
 
-std::atomic<Volume*> gScanning{nullptr};
-
-extern "C" void stopScan(int) {
-  if (Volume* v = gScanning.load()) v->stopTreeThread.store(true);
-}
-
-// A controller that also remembers when the scan gave up on the volume.
-class TreeController : public CliController {
- public:
-  void destroyVolumeAndBackToPartList() override { gaveUp = true; }
-  bool gaveUp = false;
-};
-
 int runTree(TreeOptions& opt) {
   if (isScanInfoPath(opt.choice.path)) return listScanInfo(opt);
-  TreeController controller;
+  CliController controller;
   std::string error;
   PlistArray volumeList;
   auto volume = openVolume(opt.choice, controller, error, &volumeList);
@@ -66,13 +44,8 @@ int runTree(TreeOptions& opt) {
     fmt::print(stderr, "ambrel-cli: {}\n", error);
     return 2;
   }
-  gScanning.store(volume.get());
-  auto previous = std::signal(SIGINT, stopScan);
-  volume->startMakingTree(&controller, opt.advanced ? "Advanced Scan" : "Normal Scan");
-  std::signal(SIGINT, previous);
-  gScanning.store(nullptr);
-  fmt::print(stderr, "\n");
-  if (controller.gaveUp || !volume->dirRoot) {
+  const ScanOutcome outcome = runScan(*volume, controller, opt.advanced);
+  if (outcome == ScanOutcome::NothingUsable) {
     fmt::print(stderr, "ambrel-cli: no usable volume structures found; try --advanced\n");
     return 1;
   }
@@ -85,7 +58,7 @@ int runTree(TreeOptions& opt) {
       return 1;
     }
   }
-  if (volume->stopTreeThread) {
+  if (outcome == ScanOutcome::Stopped) {
     fmt::print(stderr, "ambrel-cli: scan stopped; the listing holds what was found so far\n");
     return 130;
   }
@@ -97,14 +70,7 @@ int runTree(TreeOptions& opt) {
 void registerTreeCommands(CLI::App& app, std::function<int()>& run) {
   static TreeOptions opt;
   auto* cmd = app.add_subcommand("tree", "Scan a volume and list every recovered file and folder");
-  cmd->add_option("PATH", opt.choice.path, "Drive, disk image or bare volume image, or a scan info file (.asi) to list")
-      ->required();
-  cmd->add_option("--volume", opt.choice.volumeNumber, "Volume number as the partitions command lists it (default 1)")
-      ->check(CLI::PositiveNumber);
-  auto* start = cmd->add_option("--start", opt.choice.startSector, "First sector of the volume");
-  auto* sectors = cmd->add_option("--sectors", opt.choice.sectorCount, "Length of the volume in sectors");
-  start->needs(sectors);
-  sectors->needs(start);
+  addVolumeOptions(*cmd, opt.choice, "Drive, disk image or bare volume image, or a scan info file (.asi) to list");
   cmd->add_flag("--advanced", opt.advanced, "Advanced scan: also search the volume for catalog nodes");
   cmd->add_option("--format", opt.format, "Listing format")->check(CLI::IsMember({"tsv", "json"}));
   cmd->add_option("--save-scan-info", opt.saveScanInfoPath, "After the scan, keep its result in this scan info file (.asi)");

@@ -1,6 +1,11 @@
 #include "cli/VolumeSelect.h"
 
+#include <CLI/CLI.hpp>
 #include <fmt/format.h>
+
+#include <atomic>
+#include <cctype>
+#include <csignal>
 
 #include <filesystem>
 
@@ -77,6 +82,46 @@ std::unique_ptr<Volume> openVolume(const VolumeChoice& choice, CliController& co
     return nullptr;
   }
   return volume;
+}
+
+void addVolumeOptions(CLI::App& command, VolumeChoice& choice, const std::string& pathHelp) {
+  command.add_option("PATH", choice.path, pathHelp)->required();
+  command.add_option("--volume", choice.volumeNumber, "Volume number as the partitions command lists it (default 1)")
+      ->check(CLI::PositiveNumber);
+  auto* start = command.add_option("--start", choice.startSector, "First sector of the volume");
+  auto* sectors = command.add_option("--sectors", choice.sectorCount, "Length of the volume in sectors");
+  start->needs(sectors);
+  sectors->needs(start);
+}
+
+bool isScanInfoPath(const std::string& path) {
+  if (path.size() < 4) return false;
+  std::string ext = path.substr(path.size() - 4);
+  for (char& c : ext) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return ext == ".asi";
+}
+
+namespace {
+
+// The scan being run, for the SIGINT handler: storing to a lock-free atomic
+// is safe in a handler.
+std::atomic<Volume*> gScanning{nullptr};
+
+extern "C" void stopScan(int) {
+  if (Volume* v = gScanning.load()) v->stopTreeThread.store(true);
+}
+
+}  // namespace
+
+ScanOutcome runScan(Volume& volume, CliController& controller, bool advanced) {
+  gScanning.store(&volume);
+  auto previous = std::signal(SIGINT, stopScan);
+  volume.startMakingTree(&controller, advanced ? "Advanced Scan" : "Normal Scan");
+  std::signal(SIGINT, previous);
+  gScanning.store(nullptr);
+  fmt::print(stderr, "\n");
+  if (controller.gaveUp() || !volume.dirRoot) return ScanOutcome::NothingUsable;
+  return volume.stopTreeThread ? ScanOutcome::Stopped : ScanOutcome::Done;
 }
 
 }  // namespace ambrel::cli

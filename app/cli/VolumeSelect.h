@@ -8,6 +8,10 @@
 #include <string>
 
 #include "base/PlistValue.h"
+
+namespace CLI {
+class App;
+}
 #include "cli/CliController.h"
 #include "hfs/Volume.h"
 
@@ -30,5 +34,16 @@ PlistDict chooseVolume(const VolumeChoice& choice, CliController& controller, st
 // A Volume made from the chosen dictionary, or nullptr with `error` set.
 std::unique_ptr<Volume> openVolume(const VolumeChoice& choice, CliController& controller, std::string& error,
                                    PlistArray* volumeList = nullptr);
+
+// Adds PATH, --volume, --start and --sectors to a command.
+void addVolumeOptions(CLI::App& command, VolumeChoice& choice, const std::string& pathHelp);
+
+// True for a path ending in ".asi" (any case): a scan info file.
+bool isScanInfoPath(const std::string& path);
+
+enum class ScanOutcome { Done, Stopped, NothingUsable };
+
+// Runs the tree scan on the calling thread, Ctrl-C setting its stop flag.
+ScanOutcome runScan(Volume& volume, CliController& controller, bool advanced);
 
 }  // namespace ambrel::cli
