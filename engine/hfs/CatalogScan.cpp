@@ -13,7 +13,6 @@ namespace ambrel {
 
 namespace {
 
-constexpr const char* kNormalScan = "Normal Scan";
 constexpr const char* kAdvancedScan = "Advanced Scan";
 
 // A retrieve count above this means the chain has led back to a node
