@@ -64,7 +64,7 @@ void expectVolumeReadsBack(const std::filesystem::path& image, const VolumeLayou
   EXPECT_NE(fsstat.find("Number of folders: " + std::to_string(v.folderCount)), std::string::npos);
   EXPECT_EQ(flsTree(image, offset), expectedTree(v));
   if (!checkContent) return;
-  // Explicit contents by path, from the spec.
+  // Explicit contents by path, from the description.
   std::map<std::string, const EntrySpec*> explicitData;
   std::function<void(const std::vector<EntrySpec>&, const std::string&)> walk = [&](const auto& list, const std::string& at) {
     for (const auto& e : list) {
