@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "media/NodeChecks.h"
 #include "Internal.h"
 
 namespace ambrel::mkimage {
@@ -91,30 +92,9 @@ std::u16string utf8ToUtf16(const std::string& s) {
   return out;
 }
 
+// Host-order UTF-16 is little-endian here; the engine's decoder does the rest.
 std::string utf16ToUtf8(const std::u16string& s) {
-  std::string out;
-  for (size_t i = 0; i < s.size(); ++i) {
-    uint32_t cp = s[i];
-    if (cp >= 0xD800 && cp < 0xDC00 && i + 1 < s.size()) {
-      cp = 0x10000 + ((cp - 0xD800) << 10) + (s[++i] - 0xDC00);
-    }
-    if (cp < 0x80) {
-      out += static_cast<char>(cp);
-    } else if (cp < 0x800) {
-      out += static_cast<char>(0xC0 | (cp >> 6));
-      out += static_cast<char>(0x80 | (cp & 0x3F));
-    } else if (cp < 0x10000) {
-      out += static_cast<char>(0xE0 | (cp >> 12));
-      out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (cp & 0x3F));
-    } else {
-      out += static_cast<char>(0xF0 | (cp >> 18));
-      out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-      out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (cp & 0x3F));
-    }
-  }
-  return out;
+  return utf16LittleToUtf8(reinterpret_cast<const uint8_t*>(s.data()), s.size());
 }
 
 std::u16string foldCase(const std::u16string& s) {
