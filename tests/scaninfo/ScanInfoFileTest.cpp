@@ -6,6 +6,7 @@
 #include <fstream>
 #include <random>
 
+#include "scaninfo/SameTree.h"
 #include "base/Endian.h"
 #include "scaninfo/KeyedArchive.h"
 #include "scaninfo/ScanInfoFile.h"
@@ -89,41 +90,6 @@ ScanInfo sampleInfo(int32_t type) {
   return info;
 }
 
-// Every field the file keeps, compared over both trees in pre-order.
-void expectSameTree(const HDIR& a, const HDIR& b) {
-  std::vector<std::pair<const HDIR*, const HDIR*>> stack{{&a, &b}};
-  size_t n = 0;
-  while (!stack.empty()) {
-    auto [x, y] = stack.back();
-    stack.pop_back();
-    ++n;
-    SCOPED_TRACE(x->fileName());
-    EXPECT_EQ(x->fileName().empty() ? std::string("Untitled") : x->fileName(), y->fileName());
-    EXPECT_EQ(x->pathName, y->pathName);
-    EXPECT_EQ(x->fileType, y->fileType);
-    EXPECT_EQ(x->createDate, y->createDate);
-    EXPECT_EQ(x->modDate, y->modDate);
-    EXPECT_EQ(x->parentID, y->parentID);
-    EXPECT_EQ(x->fileID, y->fileID);
-    EXPECT_EQ(x->fileSize, y->fileSize);
-    EXPECT_EQ(x->dataSize, y->dataSize);
-    EXPECT_EQ(x->rscSize, y->rscSize);
-    EXPECT_EQ(x->fileCount, y->fileCount);
-    EXPECT_EQ(x->blockSize, y->blockSize);
-    EXPECT_EQ(x->selected(), y->selected());
-    EXPECT_EQ(x->childrenCount(), y->childrenCount());
-    EXPECT_EQ(x->dataSize ? x->dataExt : std::vector<Extent>{}, y->dataExt);
-    EXPECT_EQ(x->rscSize ? x->rscExt : std::vector<Extent>{}, y->rscExt);
-    EXPECT_EQ(x->childrenSelected(), y->childrenSelected());
-    ASSERT_EQ(x->children().size(), y->children().size());
-    for (size_t i = 0; i < x->children().size(); ++i) {
-      EXPECT_EQ(y->children()[i]->parent, y);
-      stack.push_back({x->children()[i].get(), y->children()[i].get()});
-    }
-  }
-  EXPECT_GT(n, 0u);
-}
-
 std::string pythonView(const fs::path& file) {
   std::string out;
   int rc = test::runCommand("python3 " + std::string(AMBREL_SOURCE_DIR) + "/tests/scaninfo/scan_info_reader.py " + file.string(), &out);
@@ -154,7 +120,7 @@ TEST(ScanInfoFile, RoundTripKeepsTheTreeAndAnIndependentReaderAgrees) {
     EXPECT_EQ(result.contents->info.volume, expected);
     EXPECT_EQ(result.contents->info.partitionList, info.partitionList);
     EXPECT_EQ(result.contents->info.first5Sectors, info.first5Sectors);
-    expectSameTree(*root, *result.contents->root);
+    test::expectSameTree(*root, *result.contents->root);
   }
 
   // Byte for byte as another reader sees it: layout, archives, names, the
@@ -321,7 +287,7 @@ TEST(ScanInfoFile, MarkerStaysIncompleteUntilTheEndAndProgressComesInSteps) {
   total = 0;
   for (const auto& r : reading.treeReports) total += r.i64(progress::kBarIncrement);
   EXPECT_EQ(total, 6000);
-  expectSameTree(*root, *back.contents->root);
+  test::expectSameTree(*root, *back.contents->root);
 }
 
 TEST(ScanInfoFile, DeepChainNeedsNoRecursion) {

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "scaninfo/SameTree.h"
 #include "ImageBuilder.h"
 #include "core/TreeListing.h"
 #include "scaninfo/VolumeScanInfo.h"
@@ -47,31 +48,6 @@ std::string listing(const HDIR& root) {
   std::string out(buf, len);
   std::free(buf);
   return out;
-}
-
-// Every field the file keeps, over both trees in pre-order.
-void expectSameEntries(const HDIR& a, const HDIR& b) {
-  std::vector<std::pair<const HDIR*, const HDIR*>> stack{{&a, &b}};
-  size_t n = 0;
-  while (!stack.empty()) {
-    auto [x, y] = stack.back();
-    stack.pop_back();
-    ++n;
-    SCOPED_TRACE(x->fileName());
-    EXPECT_EQ(x->fileName().empty() ? std::string("Untitled") : x->fileName(), y->fileName());
-    EXPECT_EQ(x->pathName, y->pathName);
-    EXPECT_EQ(std::tie(x->fileType, x->createDate, x->modDate, x->parentID, x->fileID, x->fileSize, x->dataSize,
-                       x->rscSize, x->fileCount, x->blockSize),
-              std::tie(y->fileType, y->createDate, y->modDate, y->parentID, y->fileID, y->fileSize, y->dataSize,
-                       y->rscSize, y->fileCount, y->blockSize));
-    EXPECT_EQ(x->selected(), y->selected());
-    EXPECT_EQ(x->childrenCount(), y->childrenCount());
-    EXPECT_EQ(x->dataSize ? x->dataExt : std::vector<Extent>{}, y->dataExt);
-    EXPECT_EQ(x->rscSize ? x->rscExt : std::vector<Extent>{}, y->rscExt);
-    ASSERT_EQ(x->children().size(), y->children().size());
-    for (size_t i = 0; i < x->children().size(); ++i) stack.push_back({x->children()[i].get(), y->children()[i].get()});
-  }
-  EXPECT_GT(n, 1u);
 }
 
 mkimage::EntrySpec file(const std::string& name, uint64_t size, uint64_t rsrc = 0, uint32_t fragments = 1) {
@@ -131,7 +107,8 @@ TEST(ScannedTree, RoundTripOfAScannedVolumeKeepsEveryEntry) {
   auto opened = openScanInfo(file.string(), nullptr);
   ASSERT_TRUE(opened.opened) << opened.error.message;
   EXPECT_EQ(opened.opened->entryCount, written);
-  expectSameEntries(*scanned.volume->dirRoot, *opened.opened->volume->dirRoot);
+  EXPECT_FALSE(scanned.volume->dirRoot->children().empty());
+  test::expectSameTree(*scanned.volume->dirRoot, *opened.opened->volume->dirRoot);
   EXPECT_EQ(listing(*scanned.volume->dirRoot), listing(*opened.opened->volume->dirRoot));
   EXPECT_EQ(opened.opened->volume->dirRoot->childrenSelected(), 1);
   EXPECT_EQ(opened.opened->volume->volumeName, scanned.volume->volumeName);
@@ -203,7 +180,8 @@ TEST(ScannedTree, SharedImagesRoundTrip) {
     auto opened = openScanInfo(file.string(), nullptr);
     ASSERT_TRUE(opened.opened) << opened.error.message;
     EXPECT_EQ(opened.opened->entryCount, written);
-    expectSameEntries(*scanned.volume->dirRoot, *opened.opened->volume->dirRoot);
+    EXPECT_FALSE(scanned.volume->dirRoot->children().empty());
+  test::expectSameTree(*scanned.volume->dirRoot, *opened.opened->volume->dirRoot);
     EXPECT_EQ(listing(*scanned.volume->dirRoot), listing(*opened.opened->volume->dirRoot));
     ++done;
   }
