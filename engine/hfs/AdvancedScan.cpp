@@ -313,6 +313,9 @@ RecordCheck Volume::processFragmentRecord(const std::vector<uint8_t>& node, uint
   entry.rscSize = file.resourceFork.logicalSize;
   entry.fileSize = entry.dataSize + entry.rscSize;
   entry.blockSize = blockSize;
+  // A record no longer in the catalog may have lost its attribute, and its
+  // file ID may since name another file: only live records are looked up.
+  if (live) applyCompression(entry, file);
   // Only the record's own eight extents: the extents file is not consulted for
   // nodes found by searching.
   auto ownExtents = [](const HFSPlusForkData_& fork, std::vector<Extent>& out) {

@@ -271,6 +271,7 @@ void Volume::processLeafRecord(const std::vector<uint8_t>& node, uint32_t numRec
   entry->rscSize = file.resourceFork.logicalSize;
   entry->fileSize = entry->dataSize + entry->rscSize;
   entry->blockSize = blockSize;
+  applyCompression(*entry, file);
   ++fileCount;
   ++entryCount;
   dataSize += entry->fileSize;

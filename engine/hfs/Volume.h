@@ -7,9 +7,12 @@
 #include <functional>
 #include <cstdint>
 #include <memory>
+#include <optional>
+#include <string_view>
 #include <string>
 #include <vector>
 
+#include "hfs/AttributesTree.h"
 #include "hfs/CatalogRecords.h"
 #include "media/DMedia.h"
 #include "tree/HDIR.h"
@@ -98,6 +101,24 @@ class Volume : public DMedia {
   void startPreventingSleep();
   void stopPreventingSleep();
 
+  // The attributes B-tree, found from the volume header on first need: its
+  // extents (overflow ones too) and header node. False when the volume has
+  // none or its header node is not sound.
+  bool loadAttributesTree();
+  using SectorReader = std::function<bool(uint64_t sector, int32_t count, void* buffer)>;
+  // A reader of that tree through `read` (the scan's, the saver's or the
+  // preview's sectors), one per thread; null when there is no tree.
+  std::shared_ptr<AttributesTree> attributesTree(SectorReader read);
+  // An attribute's value: inline bytes, or a fork-data value read through its
+  // extents (at most kMaxAttributeValueSize bytes). Empty when absent or unreadable.
+  std::vector<uint8_t> attributeValue(AttributesTree& tree, uint32_t fileID, std::string_view name,
+                                      const SectorReader& read);
+  static constexpr uint64_t kMaxAttributeValueSize = 1u << 20;
+  // Lists a file marked compressed with its uncompressed size from its
+  // compression attribute; false (the entry as stored) when there is no
+  // usable attribute.
+  bool applyCompression(HDIR& entry, const HFSPlusCatalogFile_& file);
+
   uint64_t startSector = 0;
   std::string volumeName;
   std::string rootName;
@@ -148,6 +169,11 @@ class Volume : public DMedia {
   bool lookForRtfAttachments = false;
   // leafNodePointerArray has been made (the original's non-nil array).
   bool leafNodePointerArrayMade_ = false;
+  std::vector<Extent> attributesExt;
+  std::optional<AttributesTree::Header> attributesHeader;
+  bool attributesLoaded = false;
+  uint32_t compressedFiles = 0;       // listed with their uncompressed content
+  uint32_t compressedUnreadable = 0;  // marked compressed without a usable attribute: listed as stored
 
  private:
   // Reads sector as a master directory block into mdb; false on a read error.
@@ -177,6 +203,7 @@ class Volume : public DMedia {
   void collectLevel2Chain(uint32_t number, std::vector<uint8_t>& node);
   RecordCheck processFragmentRecord(const std::vector<uint8_t>& node, uint32_t numRecords, uint32_t index, bool live);
 
+  std::shared_ptr<AttributesTree> scanAttributes_;
   std::chrono::steady_clock::time_point scanStart_{};
   uint64_t scanRecordsSeen_ = 0;
 };

@@ -7,6 +7,7 @@
 
 #include "base/Endian.h"
 #include "media/DMedia.h"
+#include "output/Decompress.h"
 
 namespace ambrel {
 
@@ -50,6 +51,18 @@ PreviewKind previewKindFor(const std::string& fileName, const std::vector<std::s
 
 PreviewLoad getPreviewData(const ForkSource& source, const HDIR& entry, const std::atomic<bool>& abort,
                            std::vector<uint8_t>& out) {
+  if (entry.compressionType != 0) {
+    const size_t start = out.size();
+    const DecompressResult r = decompressEntry(
+        source, entry,
+        [&](const uint8_t* data, size_t size) {
+          out.insert(out.end(), data, data + size);
+          return out.size() - start <= kPreviewDataCap;
+        },
+        [&] { return abort.load(); });
+    if (r.aborted) return PreviewLoad::Aborted;
+    return r.opened ? PreviewLoad::Loaded : PreviewLoad::ReadFailed;
+  }
   const bool wholeDrive = source.volumeScanType == 3;
   const int32_t B = wholeDrive ? 1 : blockSizeOf(source, entry);
   if (B <= 0) return PreviewLoad::ReadFailed;
@@ -86,6 +99,23 @@ std::string renderPreviewText(const uint8_t* block, size_t size) {
 }
 
 std::optional<std::string> previewText(const ForkSource& source, const HDIR& entry) {
+  if (entry.compressionType != 0) {
+    // The first block's worth of the uncompressed content.
+    const int32_t B = blockSizeOf(source, entry);
+    if (B <= 0) return std::nullopt;
+    const uint64_t want = std::min<uint64_t>(uint64_t(B), kMaxPreviewReadSectors) * kSectorSize;
+    std::vector<uint8_t> block;
+    const DecompressResult r = decompressEntry(
+        source, entry,
+        [&](const uint8_t* data, size_t size) {
+          block.insert(block.end(), data, data + size);
+          return true;
+        },
+        {}, want);
+    if (!r.opened) return std::nullopt;
+    block.resize(static_cast<size_t>(want), 0);
+    return renderPreviewText(block.data(), block.size());
+  }
   if (entry.dataExt.empty()) return std::string();
   const int32_t B = blockSizeOf(source, entry);
   if (B <= 0) return std::nullopt;

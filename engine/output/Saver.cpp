@@ -16,7 +16,9 @@
 #include "base/Endian.h"
 #include "base/ProgressReport.h"
 #include "hfs/Volume.h"
+#include "compress/Decmpfs.h"
 #include "output/AppleDouble.h"
+#include "output/Decompress.h"
 #include "output/SafeName.h"
 
 namespace ambrel {
@@ -65,6 +67,20 @@ class Fd {
 
 }  // namespace
 
+namespace {
+
+// The attributes tree is opened on the first compressed entry, through the
+// source's own reader, and kept by this source (and its copies) alone.
+void attachCompressionAttributes(ForkSource& s, Volume& volume) {
+  s.compressionAttribute = [&volume, read = s.read, tree = std::shared_ptr<AttributesTree>()](uint32_t fileID) mutable {
+    if (!tree) tree = volume.attributesTree(read);
+    if (!tree) return std::vector<uint8_t>{};
+    return volume.attributeValue(*tree, fileID, kDecmpfsAttributeName, read);
+  };
+}
+
+}  // namespace
+
 ForkSource saveSourceOf(Volume& volume) {
   ForkSource s;
   s.HPlusVolStart = volume.HPlusVolStart;
@@ -73,6 +89,7 @@ ForkSource saveSourceOf(Volume& volume) {
   s.read = [&volume](uint64_t sector, int32_t count, void* buffer) {
     return volume.readSaveSector(sector, count, buffer);
   };
+  attachCompressionAttributes(s, volume);
   return s;
 }
 
@@ -81,6 +98,7 @@ ForkSource previewSourceOf(Volume& volume) {
   s.read = [&volume](uint64_t sector, int32_t count, void* buffer) {
     return volume.readPreviewSector(sector, count, buffer);
   };
+  attachCompressionAttributes(s, volume);
   return s;
 }
 
@@ -243,10 +261,12 @@ struct Saver::Walk {
     bool failed = false;
     if (c.dataSize != 0) {
       uint64_t written = 0;
-      const Copy r = saver.copyFork(c, c.dataExt, c.dataSize, made->data.get(), &written);
+      const uint32_t damagedBefore = saver.result_.damagedCompressed;
+      const Copy r = c.compressionType != 0 ? saver.copyCompressed(c, made->data.get(), &written)
+                                            : saver.copyFork(c, c.dataExt, c.dataSize, made->data.get(), &written);
       if (r == Copy::ReadFailed) return readFailed(c);
       if (r == Copy::Aborted) return true;
-      failed = r == Copy::WriteFailed;
+      failed = r == Copy::WriteFailed || saver.result_.damagedCompressed != damagedBefore;
     }
     if (!made->data.reset()) failed = writeFailed(c, made->name);
     if (c.rscSize != 0) {
@@ -488,6 +508,36 @@ Saver::Copy Saver::copyFork(const HDIR& entry, const std::vector<Extent>& extent
   return Copy::Done;
 }
 
+Saver::Copy Saver::copyCompressed(const HDIR& entry, int fd, uint64_t* written) {
+  *written = 0;
+  bool writeFailed = false;
+  const DecompressResult r = decompressEntry(
+      source_, entry,
+      [&](const uint8_t* data, size_t size) {
+        if (!writeAll(fd, data, size)) {
+          const int err = errno;
+          ++result_.failedWrites;
+          problem(fmt::format("could not write {}: {}", entryPath(entry), std::strerror(err)));
+          writeFailed = true;
+          return false;
+        }
+        *written += size;
+        reportWrite(size);
+        return true;
+      },
+      [this] { return aborting(); });
+  if (r.aborted) return Copy::Aborted;
+  if (writeFailed) return Copy::WriteFailed;
+  if (!r.opened || r.badChunks > 0) {
+    ++result_.damagedCompressed;
+    problem(r.opened ? fmt::format("{} is compressed and {} of its parts could not be decoded ({}); they were saved as zeros",
+                                   entryPath(entry), r.badChunks, r.problem)
+                     : fmt::format("{} is compressed and could not be decoded: {}; it was saved empty", entryPath(entry),
+                                   r.problem));
+  }
+  return Copy::Done;
+}
+
 SaveResult Saver::saveFilesAndFolders(const std::string& destination) {
   result_ = SaveResult{};
   savedData_.store(0);
@@ -515,6 +565,8 @@ SaveResult Saver::saveFilesAndFolders(const std::string& destination) {
       if (result_.failedReads)
         message += fmt::format("\n{} folders were left incomplete because the drive could not be read.",
                                result_.failedReads);
+      if (result_.damagedCompressed)
+        message += fmt::format("\n{} compressed files could not be decoded completely.", result_.damagedCompressed);
       if (result_.renamed)
         message += fmt::format("\n{} names were changed so that they could be saved safely.", result_.renamed);
       controller_->alert(title, message, {"OK"});

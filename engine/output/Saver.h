@@ -26,6 +26,9 @@ struct ForkSource {
   int32_t blockSize = 0;  // sectors per allocation block, for entries that carry none
   int32_t volumeScanType = 0;
   SectorReadFn read;
+  // The compression attribute of a file (header and inline payload), for
+  // compressed entries; empty when it cannot be found or read.
+  std::function<std::vector<uint8_t>(uint32_t fileID)> compressionAttribute;
 };
 // The volume's readSaveSector / readPreviewSector as sources.
 ForkSource saveSourceOf(Volume& volume);
@@ -62,11 +65,12 @@ struct SaveResult {
   uint32_t failedWrites = 0;
   uint32_t failedReads = 0;  // each abandoned the rest of one folder level
   uint32_t renamed = 0;      // names made safe or numbered to avoid a collision
+  uint32_t damagedCompressed = 0;  // compressed files saved with parts as zeros, or empty
   // The first problems and renames, as lines a user can read.
   std::vector<std::string> problems;
   std::vector<std::string> renames;
 
-  bool anyFailure() const { return failedCreates + failedWrites + failedReads > 0; }
+  bool anyFailure() const { return failedCreates + failedWrites + failedReads + damagedCompressed > 0; }
 };
 
 class Saver {
@@ -101,6 +105,9 @@ class Saver {
 
   Copy copyFork(const HDIR& entry, const std::vector<Extent>& extents, uint64_t logicalSize, int fd,
                 uint64_t* written);
+  // A compressed entry's uncompressed content; parts that cannot be read or
+  // decoded are written as zeros and the file counted in damagedCompressed.
+  Copy copyCompressed(const HDIR& entry, int fd, uint64_t* written);
   bool writeAll(int fd, const uint8_t* data, size_t size);
   void reportWrite(uint64_t bytes);
   void problem(std::string text);

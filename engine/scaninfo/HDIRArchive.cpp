@@ -55,6 +55,10 @@ struct HDIRCoder : KeyedEncodable {
     encodeExtents(coder, "dataExt", dir.dataExt);
     encodeExtents(coder, "rscExt", dir.rscExt);
     coder.encodeInt("blockSize", dir.blockSize);
+    if (dir.compressionType != 0) {
+      coder.encodeInt64("compressionType", dir.compressionType);
+      coder.encodeInt64("compressedSize", static_cast<int64_t>(dir.compressedSize));
+    }
     coder.encodeInt("selected", dir.selected());
     coder.encodeInt("childrenCount", dir.childrenCount());
     if (dir.children().empty()) {
@@ -94,6 +98,8 @@ class HDIRDecoder {
     d->rscSize = static_cast<uint64_t>(o.decodeInt64("rscSize").value_or(0));
     d->fileCount = static_cast<uint32_t>(o.decodeInt64("fileCount").value_or(0));
     d->blockSize = static_cast<int32_t>(o.decodeInt64("blockSize").value_or(0));
+    d->compressionType = static_cast<uint32_t>(o.decodeInt64("compressionType").value_or(0));
+    d->compressedSize = static_cast<uint64_t>(o.decodeInt64("compressedSize").value_or(0));
     if (!extents(o.decodeObject("dataExt"), d->dataExt) || !extents(o.decodeObject("rscExt"), d->rscExt)) return nullptr;
     d->setSelected(static_cast<uint8_t>(o.decodeInt64("selected").value_or(0)));
     d->setChildrenCount(static_cast<int32_t>(o.decodeInt64("childrenCount").value_or(0)));

@@ -254,6 +254,15 @@ class FileReader {
 
 // ---- entries
 
+// The file format has no place for compression: a compressed file is kept
+// as it lies on disk (an empty data fork and the resource fork holding the
+// coded bytes), which is true to the drive though no longer decoded.
+uint64_t storedDataSize(const HDIR& dir) { return dir.compressionType != 0 ? 0 : dir.dataSize; }
+uint64_t storedRscSize(const HDIR& dir) {
+  if (dir.compressionType == 0) return dir.rscSize;
+  return dir.compressionType % 2 == 0 ? dir.compressedSize : 0;
+}
+
 class EntryWriter {
  public:
   explicit EntryWriter(FileWriter& out) : out_(out) {}
@@ -272,8 +281,8 @@ class EntryWriter {
     putUnits(name_);
     putUnits(path_);
     // The counts are written whatever the sizes; the pairs only for a non-empty fork.
-    if (dir.dataSize != 0) putExtents(dir.dataExt);
-    if (dir.rscSize != 0) putExtents(dir.rscExt);
+    if (storedDataSize(dir) != 0) putExtents(dir.dataExt);
+    if (storedRscSize(dir) != 0) putExtents(dir.rscExt);
   }
 
  private:
@@ -320,9 +329,10 @@ void convertHDirToHPDir(const HDIR& dir, HFSPlusDir& r) {
   r.modDate = bswap32(dir.modDate);
   r.parentID = bswap32(dir.parentID);
   r.fileID = bswap32(dir.fileID);
-  r.fileSize = bswap64(dir.fileSize);
-  r.dataSize = bswap64(dir.dataSize);
-  r.rscSize = bswap64(dir.rscSize);
+  const bool compressedFile = dir.compressionType != 0 && dir.fileType == kHDIRFile;
+  r.fileSize = bswap64(compressedFile ? storedDataSize(dir) + storedRscSize(dir) : dir.fileSize);
+  r.dataSize = bswap64(storedDataSize(dir));
+  r.rscSize = bswap64(storedRscSize(dir));
   r.fileCount = bswap32(dir.fileCount);
   r.blockSize = byteSwapped(dir.blockSize);
   r.selected = dir.selected();

@@ -127,6 +127,8 @@ std::unique_ptr<HDIR> HDIR::mutableCopy() const {
     to.dataExt = from.dataExt;
     to.rscExt = from.rscExt;
     to.blockSize = from.blockSize;
+    to.compressionType = from.compressionType;
+    to.compressedSize = from.compressedSize;
     to.selected_ = from.selected_;
     to.childrenCount_ = from.childrenCount_;
     to.parent = from.parent;

@@ -57,6 +57,13 @@ class HDIR {
   std::vector<Extent> dataExt;
   std::vector<Extent> rscExt;
   int32_t blockSize = 0;
+  // An HFS+ compressed file: its compression type (0: not compressed). Then
+  // dataSize and fileSize are the uncompressed size, dataExt is empty, and
+  // the coded bytes are in the compression attribute (odd types) or in the
+  // resource fork, rscExt over compressedSize bytes (even types); rscSize is
+  // 0, as the file has no resource fork of its own.
+  uint32_t compressionType = 0;
+  uint64_t compressedSize = 0;
   HDIR* parent = nullptr;                       // not owned
   BTreeTableClass* btreeHDIR = nullptr;         // not owned
   BTreeTableClass* btreeHDIRAdvScan = nullptr;  // not owned
