@@ -139,12 +139,14 @@ int runRecover(RecoverOptions& opt) {
   for (const auto& line : r.renames) fmt::print(stderr, "renamed: {}\n", line);
   for (const auto& line : r.problems) fmt::print(stderr, "failed: {}\n", line);
   if (r.renames.size() < r.renamed) fmt::print(stderr, "renamed: ... {} more\n", r.renamed - r.renames.size());
-  const uint32_t failures = r.failedCreates + r.failedWrites + r.failedReads;
+  const uint32_t failures = r.failedCreates + r.failedWrites + r.failedReads + r.damagedCompressed;
   if (r.problems.size() < failures) fmt::print(stderr, "failed: ... {} more\n", failures - r.problems.size());
   fmt::print("{} {}: {} files, {} bytes ({}) in {}\n", r.aborted ? "Aborted" : "Saved", opt.out, r.saveCount,
              r.savedData, sizeText(r.savedData), r.foldersCreated == 1 ? "1 folder" : fmt::format("{} folders", r.foldersCreated));
   fmt::print("Failures: {} creates, {} writes, {} reads; {} names changed\n", r.failedCreates, r.failedWrites,
              r.failedReads, r.renamed);
+  if (r.damagedCompressed)
+    fmt::print("Compressed files not decoded completely: {}\n", r.damagedCompressed);
   if (r.aborted) return 130;
   return r.anyFailure() ? 1 : 0;
 }

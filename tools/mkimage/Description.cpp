@@ -94,6 +94,14 @@ EntrySpec entryOf(const json& j, const std::filesystem::path& base) {
   e.gid = j.value("gid", 20u);
   e.deleted = j.value("deleted", false);
   e.inOldNodes = j.value("inOldNodes", true);
+  if (j.contains("xattrs")) {
+    for (const auto& x : j["xattrs"]) {
+      auto value = bytesOf(x, "text", "file", base);
+      if (!value) throw BuildError("an attribute needs \"text\" or \"file\"");
+      e.xattrs.push_back({x.at("name").get<std::string>(), std::move(*value)});
+    }
+  }
+  e.compressed = j.value("compressed", false);
   return e;
 }
 

@@ -41,6 +41,7 @@ struct Item {
   uint32_t valence = 0;
   uint16_t mode = 0, finderFlags = 0;
   uint32_t uid = 501, gid = 20;
+  uint8_t ownerFlags = 0;
   uint8_t type[4] = {0, 0, 0, 0}, creator[4] = {0, 0, 0, 0};
   std::vector<ExtentLayout> dataExt, rsrcExt;
 };
@@ -97,6 +98,7 @@ struct VolumeBuilder::Impl {
   int32_t journalItem = -1, jibItem = -1;
   std::vector<CatRec> liveRecs, oldRecs;
   std::vector<OverflowRec> overflow;
+  std::vector<AttrRecord> attrRecs;
   BTreePlan catPlan, oldPlan, extPlan, attrPlan;
   uint32_t catTotalNodes = 0, extTotalNodes = 0, attrTotalNodes = 0;
   uint32_t catBlocks = 0, extBlocks = 0, attrBlocks = 0;
@@ -163,6 +165,7 @@ struct VolumeBuilder::Impl {
     it.finderFlags = e.finderFlags;
     it.mode = e.mode;
     it.uid = e.uid;
+    it.ownerFlags = e.compressed ? 0x20 : 0;  // UF_COMPRESSED
     it.gid = e.gid;
     bool deleted = it.deleted;
     uint32_t index = addItem(std::move(it), parentIndex);
@@ -300,6 +303,7 @@ struct VolumeBuilder::Impl {
     uint8_t* bsd = d + offsetof(F, permissions);
     storeBE32(bsd + offsetof(HFSPlusBSDInfo_, ownerID), it.uid);
     storeBE32(bsd + offsetof(HFSPlusBSDInfo_, groupID), it.gid);
+    bsd[offsetof(HFSPlusBSDInfo_, ownerFlags)] = it.ownerFlags;
     uint16_t mode = it.mode ? it.mode : (it.folder ? 0755 : 0644);
     storeBE16(bsd + offsetof(HFSPlusBSDInfo_, fileMode), static_cast<uint16_t>((it.folder ? 0040000 : 0100000) | (mode & 07777)));
     uint8_t* info = d + offsetof(F, userInfo);
@@ -429,7 +433,12 @@ struct VolumeBuilder::Impl {
     });
     extPlan = planBTree(extentsSource(), spec.extentsNodeSize);
     extTotalNodes = sizeTree(extPlan, spec.extentsNodeSize, 4, 1, extBlocks);
-    attrPlan = planBTree(BTreeSource{}, spec.nodeSize);
+    for (const Item& it : items) {
+      if (it.deleted || !it.spec) continue;
+      for (const XattrSpec& x : it.spec->xattrs) attrRecs.push_back({it.cnid, utf8ToUtf16(x.name), &x.value});
+    }
+    sortAttributes(attrRecs);
+    attrPlan = planBTree(attributesSource(attrRecs), spec.nodeSize);
     attrTotalNodes = sizeTree(attrPlan, spec.nodeSize, 1, 1, attrBlocks);
 
     if (anyDeleted) {
@@ -718,7 +727,8 @@ struct VolumeBuilder::Impl {
     ap.maxKeyLength = 266;
     ap.keyCompareType = 0;
     ap.clumpSize = attrBlocks * bs;
-    writeTree(attrPlan, BTreeSource{}, ap, attrTotalNodes, 0, attrExtents, nullptr);
+    writeTree(attrPlan, attributesSource(attrRecs), ap, attrTotalNodes, static_cast<uint32_t>(attrRecs.size()),
+              attrExtents, nullptr);
 
     for (const auto& it : items) {
       if (it.folder) continue;

@@ -26,6 +26,12 @@ using HfsDate = uint32_t;
 inline constexpr HfsDate kUnixEpochAsHfs = 2082844800u;
 inline HfsDate hfsDateFromUnix(int64_t unixSeconds) { return static_cast<HfsDate>(unixSeconds + kUnixEpochAsHfs); }
 
+// An extended attribute kept inline in the attributes B-tree.
+struct XattrSpec {
+  std::string name;                // ASCII
+  std::vector<uint8_t> value;      // must fit one attributes node
+};
+
 struct EntrySpec {
   std::string name;                // UTF-8; stored as given (give decomposed Unicode)
   bool folder = false;
@@ -46,6 +52,12 @@ struct EntrySpec {
   uint16_t finderFlags = 0;
   uint16_t mode = 0;               // permission bits; 0: 0644 files, 0755 folders
   uint32_t uid = 501, gid = 20;
+  // Extended attributes (live entries only), and the BSD owner flag that
+  // marks a compressed file (its content then described by a
+  // "com.apple.decmpfs" attribute given here, with the coded bytes in it or
+  // in the resource fork).
+  std::vector<XattrSpec> xattrs;
+  bool compressed = false;
 
   // Present in the journal's old catalog node copies (and old-node copies in
   // free space) but not in the live catalog; its blocks are free but still

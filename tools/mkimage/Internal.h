@@ -63,6 +63,16 @@ struct BTreePlan {
 };
 
 BTreePlan planBTree(const BTreeSource& source, uint32_t nodeSize);
+
+// Inline attribute records, given in key order (file ID, name, start block 0).
+struct AttrRecord {
+  uint32_t fileID = 0;
+  std::u16string name;
+  const std::vector<uint8_t>* value = nullptr;
+};
+BTreeSource attributesSource(const std::vector<AttrRecord>& records);
+// Sorts records into the attributes B-tree's key order.
+void sortAttributes(std::vector<AttrRecord>& records);
 // Map nodes needed beyond the header's own map record for a file of totalNodes.
 uint32_t mapNodesFor(uint32_t totalNodes, uint32_t nodeSize);
 // Renders every used node; free nodes are left to the caller (zeroed).
