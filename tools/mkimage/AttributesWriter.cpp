@@ -51,7 +51,7 @@ BTreeSource attributesSource(const std::vector<AttrRecord>& records) {
     std::memset(d, 0, 16);
     storeBE32(d, kInlineDataRecord);
     storeBE32(d + 12, static_cast<uint32_t>(r.value->size()));
-    std::memcpy(d + 16, r.value->data(), r.value->size());
+    if (!r.value->empty()) std::memcpy(d + 16, r.value->data(), r.value->size());
     if (r.value->size() % 2) d[16 + r.value->size()] = 0;
     return recordBytes(r);
   };
