@@ -88,6 +88,9 @@ DecompressResult decompressEntry(const ForkSource& source, const HDIR& entry,
     if (reader->readChunk(i, chunk, &detail) != DecmpfsReader::Chunk::Ok) {
       ++result.badChunks;
       if (result.problem.empty()) result.problem = detail;
+      // Zeros keep the chunks after it in place; an attribute's payload is
+      // the whole file, and nothing follows it.
+      if (!reader->header().inResourceFork) return result;
       chunk.assign(reader->chunkLength(i), 0);
     }
     const size_t n = static_cast<size_t>(std::min<uint64_t>(chunk.size(), maxBytes - result.delivered));

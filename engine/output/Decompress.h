@@ -28,8 +28,9 @@ struct DecompressResult {
 };
 
 // Hands the entry's uncompressed content to `sink` in order, at most
-// maxBytes of it. A chunk that cannot be read or decoded is handed on as
-// zeros of its length, so that the rest keeps its place, and counted.
+// maxBytes of it. A resource-fork chunk that cannot be read or decoded is
+// handed on as zeros of its length, so that the rest keeps its place, and
+// counted; an attribute payload that cannot be decoded gives nothing.
 // `abort` is tested before every chunk.
 DecompressResult decompressEntry(const ForkSource& source, const HDIR& entry,
                                  const std::function<bool(const uint8_t* data, size_t size)>& sink,

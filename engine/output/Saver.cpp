@@ -530,10 +530,11 @@ Saver::Copy Saver::copyCompressed(const HDIR& entry, int fd, uint64_t* written) 
   if (writeFailed) return Copy::WriteFailed;
   if (!r.opened || r.badChunks > 0) {
     ++result_.damagedCompressed;
-    problem(r.opened ? fmt::format("{} is compressed and {} of its parts could not be decoded ({}); they were saved as zeros",
-                                   entryPath(entry), r.badChunks, r.problem)
-                     : fmt::format("{} is compressed and could not be decoded: {}; it was saved empty", entryPath(entry),
-                                   r.problem));
+    problem(r.opened && entry.compressionType % 2 == 0
+                ? fmt::format("{} is compressed and {} of its parts could not be decoded ({}); they were saved as zeros",
+                              entryPath(entry), r.badChunks, r.problem)
+                : fmt::format("{} is compressed and could not be decoded: {}; it was saved empty", entryPath(entry),
+                              r.problem));
   }
   return Copy::Done;
 }
