@@ -120,6 +120,9 @@ ScanOutcome runScan(Volume& volume, CliController& controller, bool advanced) {
   std::signal(SIGINT, previous);
   gScanning.store(nullptr);
   fmt::print(stderr, "\n");
+  if (volume.compressedUnreadable)
+    fmt::print(stderr, "{} files marked compressed have no usable compression attribute; they are listed as stored\n",
+               volume.compressedUnreadable);
   if (controller.gaveUp() || !volume.dirRoot) return ScanOutcome::NothingUsable;
   return volume.stopTreeThread ? ScanOutcome::Stopped : ScanOutcome::Done;
 }

@@ -206,6 +206,14 @@ TEST_F(CompressedFiles, DamagedCompressedFilesAreBoundedAndReported) {
     for (const char* name : {"past-fork.bin", "bad-chunk.txt", "claims-60M.bin", "too-many-chunks.bin"})
       if (p.find(name) != std::string::npos) ++mentioned;
   EXPECT_EQ(mentioned, 4u);
+
+  // ambrel-cli says the same: the files listed as stored after the scan, the
+  // ones not decoded completely after the save, and a failing exit status.
+  std::string log;
+  const fs::path cliOut = dir / "cli";
+  EXPECT_NE(test::runCommand(cli() + " recover '" + built.image + "' --out '" + cliOut.string() + "' 2>&1", &log), 0);
+  EXPECT_NE(log.find("2 files marked compressed have no usable compression attribute"), std::string::npos) << log;
+  EXPECT_NE(log.find("Compressed files not decoded completely: 4"), std::string::npos) << log;
 }
 
 // The scan info file has no place for compression: a compressed file comes
