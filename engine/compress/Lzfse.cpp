@@ -20,8 +20,10 @@ constexpr uint32_t kLzvnMagic = 0x6e787662;          // "bvxn"
 constexpr int kLSymbols = 20, kMSymbols = 20, kDSymbols = 64, kLiteralSymbols = 256;
 constexpr int kLStates = 64, kMStates = 64, kDStates = 256, kLiteralStates = 1024;
 constexpr int kFreqCount = kLSymbols + kMSymbols + kDSymbols + kLiteralSymbols;
-// An encoder never puts more literals into one block than this.
-constexpr uint32_t kMaxLiteralsPerBlock = 40000;
+// An encoder never puts more matches, or literals, into one block than
+// these; more matches would let empty triples spin the decoder.
+constexpr uint32_t kMaxMatchesPerBlock = 10000;
+constexpr uint32_t kMaxLiteralsPerBlock = 4 * kMaxMatchesPerBlock;
 constexpr size_t kV2FixedHeader = 32;
 // The entropy-coded block header with its frequency tables written out
 // (packed: 770 bytes).
@@ -149,6 +151,7 @@ bool plausible(const BlockHeader& h) {
   for (uint16_t s : h.literalState)
     if (s >= kLiteralStates) return false;
   return h.lState < kLStates && h.mState < kMStates && h.dState < kDStates && h.nLiterals <= kMaxLiteralsPerBlock &&
+         h.nMatches <= kMaxMatchesPerBlock &&
          h.literalBits >= -7 && h.literalBits <= 0 && h.lmdBits >= -7 && h.lmdBits <= 0 &&
          frequenciesFit(h.lFreq(), kLSymbols, kLStates) && frequenciesFit(h.mFreq(), kMSymbols, kMStates) &&
          frequenciesFit(h.dFreq(), kDSymbols, kDStates) &&
