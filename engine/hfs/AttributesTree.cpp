@@ -119,12 +119,24 @@ bool AttributesTree::read(uint32_t number, std::vector<uint8_t>& node) {
   return readNode_ && readNode_(number, node) && node.size() >= header_.nodeSize;
 }
 
-std::optional<uint32_t> AttributesTree::descend(uint32_t fileID, std::u16string_view name, uint32_t startBlock) {
-  std::vector<uint8_t> node;
+const std::vector<uint8_t>* AttributesTree::indexNode(uint32_t number, std::vector<uint8_t>& scratch) {
+  if (const auto it = indexNodes_.find(number); it != indexNodes_.end()) return &it->second;
+  if (!read(number, scratch)) return nullptr;
+  const auto desc = nodeDescriptorOf(scratch);
+  if (desc && desc->kind == kBTIndexNode && indexNodes_.size() < kMaxCachedIndexNodes)
+    return &indexNodes_.emplace(number, scratch).first->second;
+  return &scratch;
+}
+
+std::optional<uint32_t> AttributesTree::descend(uint32_t fileID, std::u16string_view name, uint32_t startBlock,
+                                                std::vector<uint8_t>& scratch) {
   std::unordered_set<uint32_t> visited;
   uint32_t current = header_.rootNode;
   for (int depth = 0; depth < kMaxDepth; ++depth) {
-    if (!visited.insert(current).second || !read(current, node)) return std::nullopt;
+    if (!visited.insert(current).second) return std::nullopt;
+    const std::vector<uint8_t>* held = indexNode(current, scratch);
+    if (!held) return std::nullopt;
+    const std::vector<uint8_t>& node = *held;
     const auto desc = nodeDescriptorOf(node);
     if (!desc) return std::nullopt;
     if (desc->kind == kBTLeafNode) return current;
@@ -165,8 +177,7 @@ void AttributesTree::buildLeafIndex() {
 
 std::optional<AttributeRecord> AttributesTree::find(uint32_t fileID, std::u16string_view name, uint32_t startBlock,
                                                     std::vector<uint8_t>& node) {
-  auto search = [&](uint32_t leaf) -> std::optional<AttributeRecord> {
-    if (!read(leaf, node)) return std::nullopt;
+  auto inNode = [&]() -> std::optional<AttributeRecord> {
     const auto desc = nodeDescriptorOf(node);
     if (!desc || desc->kind != kBTLeafNode) return std::nullopt;
     for (size_t i = 0; i < desc->numRecords; ++i) {
@@ -176,14 +187,16 @@ std::optional<AttributeRecord> AttributesTree::find(uint32_t fileID, std::u16str
     }
     return std::nullopt;
   };
-  if (const auto leaf = descend(fileID, name, startBlock)) {
-    if (auto rec = search(*leaf)) return rec;
+  if (descend(fileID, name, startBlock, node)) {
+    if (auto rec = inNode()) return rec;
   }
   if (!leafIndexBuilt_) buildLeafIndex();
   const auto it = leavesOfFile_.find(fileID);
   if (it == leavesOfFile_.end()) return std::nullopt;
-  for (uint32_t leaf : it->second)
-    if (auto rec = search(leaf)) return rec;
+  for (uint32_t leaf : it->second) {
+    if (!read(leaf, node)) continue;
+    if (auto rec = inNode()) return rec;
+  }
   return std::nullopt;
 }
 
@@ -193,8 +206,8 @@ std::vector<AttributeRecord> AttributesTree::recordsOf(uint32_t fileID, std::vec
   std::unordered_set<uint32_t> visited;
   // From the leaf where the file's first key would be, along the chain while
   // its keys can still belong to the file.
-  if (const auto first = descend(fileID, u"", 0)) {
-    std::vector<uint8_t> node;
+  std::vector<uint8_t> node;
+  if (const auto first = descend(fileID, u"", 0, node)) {
     uint32_t current = *first;
     while (current != 0 && visited.insert(current).second && read(current, node)) {
       const auto desc = nodeDescriptorOf(node);

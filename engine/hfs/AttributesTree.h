@@ -82,7 +82,13 @@ class AttributesTree {
 
  private:
   bool read(uint32_t number, std::vector<uint8_t>& node);
-  std::optional<uint32_t> descend(uint32_t fileID, std::u16string_view name, uint32_t startBlock);
+  // Index nodes are few and every descent passes through them: they are kept
+  // once read (up to kMaxCachedIndexNodes).
+  const std::vector<uint8_t>* indexNode(uint32_t number, std::vector<uint8_t>& scratch);
+  static constexpr size_t kMaxCachedIndexNodes = 4096;
+  // The leaf where the key belongs, its bytes left in `leaf`.
+  std::optional<uint32_t> descend(uint32_t fileID, std::u16string_view name, uint32_t startBlock,
+                                  std::vector<uint8_t>& leaf);
   void buildLeafIndex();
 
   Header header_;
@@ -90,6 +96,7 @@ class AttributesTree {
   uint64_t nodesRead_ = 0;
   bool leafIndexBuilt_ = false;
   std::unordered_map<uint32_t, std::vector<uint32_t>> leavesOfFile_;
+  std::unordered_map<uint32_t, std::vector<uint8_t>> indexNodes_;
 };
 
 }  // namespace ambrel

@@ -173,6 +173,11 @@ TEST(AttributesTreeOnBuilderVolumes, EveryAttributeFoundThroughSeveralLevels) {
     EXPECT_EQ(all[1].inlineData.size(), static_cast<size_t>(i % 7));
     EXPECT_FALSE(m.tree->find(m.idOf(i), u"com.example.third", 0, node));
   }
+  // Index nodes are read once: with them held, a look-up reads its leaf alone.
+  std::vector<uint8_t> node;
+  const uint64_t before = m.tree->nodesRead();
+  ASSERT_TRUE(m.tree->find(m.idOf(150), u"com.example.first", 0, node));
+  EXPECT_EQ(m.tree->nodesRead() - before, 1u);
 }
 
 // The root index node overwritten: look-ups fall back to one walk of the
