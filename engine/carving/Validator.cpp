@@ -1,0 +1,212 @@
+#include "carving/Validator.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "base/Endian.h"
+#include "carving/Validators.h"
+
+namespace ambrel {
+
+bool MemorySectorSource::readSectors(uint64_t sector, uint32_t count, uint8_t* out) {
+  const uint64_t want = uint64_t{count} * 512;
+  std::memset(out, 0, want);
+  if (sector >= sectorCount()) return false;
+  const uint64_t from = sector * 512;
+  const uint64_t n = std::min<uint64_t>(want, bytes_.size() - from);
+  std::memcpy(out, bytes_.data() + from, n);
+  return sector + count <= sectorCount();
+}
+
+Candidate::Candidate(SectorSource& source, const CarveGeometry& geometry, uint64_t block, SearchState& state)
+    : source_(source), geometry_(geometry), block_(block), state_(state), driveSectors_(source.sectorCount()) {
+  const uint64_t bs = geometry_.blockSize > 0 ? uint64_t(geometry_.blockSize) : 1;
+  // A block number so large that its sector overflows lies past any drive.
+  firstSector_ = block > (UINT64_MAX - geometry_.HPlusVolStart) / bs ? UINT64_MAX
+                                                                      : geometry_.HPlusVolStart + block * bs;
+}
+
+uint64_t Candidate::volumeSectors() const {
+  const uint64_t bs = geometry_.blockSize > 0 ? uint64_t(geometry_.blockSize) : 0;
+  if (bs && geometry_.totalBlocks > UINT64_MAX / bs) return UINT64_MAX;
+  return bs * geometry_.totalBlocks;
+}
+
+uint64_t Candidate::bytesToDriveEnd() const {
+  if (firstSector_ >= driveSectors_) return 0;
+  const uint64_t sectors = driveSectors_ - firstSector_;
+  return sectors > UINT64_MAX / 512 ? UINT64_MAX : sectors * 512;
+}
+
+bool Candidate::has(uint64_t pos, uint64_t n) const {
+  const uint64_t limit = bytesToDriveEnd();
+  return pos <= limit && n <= limit - pos;
+}
+
+bool Candidate::readSectors(uint64_t sector, uint32_t count, uint8_t* out) {
+  std::memset(out, 0, size_t{count} * 512);
+  if (sector >= driveSectors_) return false;
+  const uint64_t inDrive = std::min<uint64_t>(count, driveSectors_ - sector);
+  bool ok = source_.readSectors(sector, static_cast<uint32_t>(inDrive), out);
+  if (!ok) {
+    // Whatever the source left is not trusted: unreadable sectors read as
+    // zeros, one sector each, so one bad sector costs only itself.
+    std::memset(out, 0, size_t{count} * 512);
+    for (uint64_t i = 0; i < inDrive; ++i)
+      if (!source_.readSectors(sector + i, 1, out + i * 512)) std::memset(out + i * 512, 0, 512);
+  }
+  return ok && inDrive == count;
+}
+
+bool Candidate::load(uint64_t sector) {
+  if (windowFirst_ != UINT64_MAX && sector >= windowFirst_ && sector - windowFirst_ < kWindowSectors) return true;
+  if (sector >= driveSectors_) return false;
+  window_.resize(size_t{kWindowSectors} * 512);
+  readSectors(sector, kWindowSectors, window_.data());
+  windowFirst_ = sector;
+  return true;
+}
+
+bool Candidate::bytes(uint64_t pos, size_t n, uint8_t* out) {
+  if (!has(pos, n)) return false;
+  while (n > 0) {
+    const uint64_t sector = firstSector_ + pos / 512;
+    if (!load(sector)) return false;
+    const uint64_t at = (sector - windowFirst_) * 512 + pos % 512;
+    const size_t take = static_cast<size_t>(std::min<uint64_t>(n, window_.size() - at));
+    std::memcpy(out, window_.data() + at, take);
+    out += take;
+    pos += take;
+    n -= take;
+  }
+  return true;
+}
+
+uint64_t Candidate::nextNonZero(uint64_t pos) {
+  const uint64_t limit = bytesToDriveEnd();
+  while (pos < limit) {
+    if (stopped()) return pos;
+    const uint64_t sector = firstSector_ + pos / 512;
+    if (!load(sector)) return limit;
+    uint64_t at = (sector - windowFirst_) * 512 + pos % 512;
+    const uint64_t end = std::min<uint64_t>(window_.size(), at + (limit - pos));
+    for (; at < end; ++at, ++pos)
+      if (window_[at] != 0) return pos;
+  }
+  return limit;
+}
+
+std::optional<uint8_t> Candidate::u8(uint64_t pos) {
+  uint8_t b;
+  return bytes(pos, 1, &b) ? std::optional(b) : std::nullopt;
+}
+std::optional<uint16_t> Candidate::be16(uint64_t pos) {
+  uint8_t b[2];
+  return bytes(pos, 2, b) ? std::optional(loadBE16(b)) : std::nullopt;
+}
+std::optional<uint32_t> Candidate::be32(uint64_t pos) {
+  uint8_t b[4];
+  return bytes(pos, 4, b) ? std::optional(loadBE32(b)) : std::nullopt;
+}
+std::optional<uint64_t> Candidate::be64(uint64_t pos) {
+  uint8_t b[8];
+  return bytes(pos, 8, b) ? std::optional(loadBE64(b)) : std::nullopt;
+}
+std::optional<uint16_t> Candidate::le16(uint64_t pos) {
+  uint8_t b[2];
+  return bytes(pos, 2, b) ? std::optional(loadLE16(b)) : std::nullopt;
+}
+std::optional<uint32_t> Candidate::le32(uint64_t pos) {
+  uint8_t b[4];
+  return bytes(pos, 4, b) ? std::optional(loadLE32(b)) : std::nullopt;
+}
+std::optional<uint64_t> Candidate::le64(uint64_t pos) {
+  uint8_t b[8];
+  return bytes(pos, 8, b) ? std::optional(loadLE64(b)) : std::nullopt;
+}
+
+void Candidate::fillDataFromBlock(uint64_t block, uint64_t size, std::vector<uint8_t>& out) {
+  const uint32_t unitSectors = geometry_.blockSize == 1 ? 8 : static_cast<uint32_t>(std::max(geometry_.blockSize, 1));
+  const uint64_t unitBytes = uint64_t{unitSectors} * 512;
+  const uint64_t bs = geometry_.blockSize > 0 ? uint64_t(geometry_.blockSize) : 1;
+  if (block > (UINT64_MAX - geometry_.HPlusVolStart) / bs) return;
+  const uint64_t first = geometry_.HPlusVolStart + block * bs;
+  const uint64_t units = (size + unitBytes - 1) / unitBytes;
+  std::vector<uint8_t> unit(unitBytes);
+  for (uint64_t u = 0; u < units; ++u) {
+    if (stopped()) return;
+    const uint64_t sector = first + u * unitSectors;
+    // A unit that does not lie wholly on the drive is a failed read.
+    if (sector >= driveSectors_ || driveSectors_ - sector < unitSectors) return;
+    std::fill(unit.begin(), unit.end(), 0);
+    if (!source_.readSectors(sector, unitSectors, unit.data())) return;
+    const uint64_t take = u + 1 < units ? unitBytes : size - (units - 1) * unitBytes;
+    out.insert(out.end(), unit.begin(), unit.begin() + static_cast<std::ptrdiff_t>(take));
+  }
+}
+
+void setFoundSizeWithSkip(Candidate& c, Sig& sig, uint64_t foundSize) {
+  sig.foundSize = foundSize;
+  sig.skipFileSize = true;
+  const uint64_t blocks = foundSize / c.blockBytes();
+  sig.skipSize = blocks > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(blocks);
+}
+
+namespace {
+
+// Codes whose validator is not in this build yet: never a match.
+bool notBuiltYet(Candidate&, Sig&) { return false; }
+
+struct Named {
+  ValidatorFn fn;
+  const char* name;
+  bool built;
+};
+
+Named entryFor(uint32_t code) {
+  switch (code) {
+    case 1: return {notBuiltYet, "checkMSOFileAtBlock:sig:", false};
+    case 2: return {checkBMPFileAtBlock, "checkBMPFileAtBlock:sig:", true};
+    case 3: return {checkJPGFileAtBlock, "checkJPGFileAtBlock:sig:", true};
+    case 4: return {checkGIFFileAtBlock, "checkGIFFileAtBlock:sig:", true};
+    case 5: return {checkTIFF_FileAtBlock, "checkTIFF_FileAtBlock:sig:", true};
+    case 6: return {checkPNGFileAtBlock, "checkPNGFileAtBlock:sig:", true};
+    case 8: return {notBuiltYet, "checkCR2FileAtBlock:sig:", false};
+    case 9: return {notBuiltYet, "checkNEF_FileAtBlock:sig:", false};
+    case 10: return {notBuiltYet, "checkSONY_RAWFileAtBlock:sig:", false};
+    case 11: return {notBuiltYet, "checkMRWFileAtBlock:sig:", false};
+    case 12: return {notBuiltYet, "checkORF_FileAtBlock:sig:", false};
+    case 13: return {notBuiltYet, "checkWAVFileAtBlock:sig:", false};
+    case 14: return {notBuiltYet, "checkMIDIFileAtBlock:sig:", false};
+    case 15: return {notBuiltYet, "checkMOVFileAtBlock:sig:", false};
+    case 16: return {notBuiltYet, "checkMP3FileAtBlock:sig:", false};
+    case 17: return {notBuiltYet, "checkMP4FileAtBlock:sig:", false};
+    case 18: return {notBuiltYet, "checkAVIFileAtBlock:sig:", false};
+    case 19: return {notBuiltYet, "checkMPGFileAtBlock:sig:", false};
+    case 20: return {checkICNS_FileAtBlock, "checkICNS_FileAtBlock:sig:", true};
+    case 21: return {notBuiltYet, "checkZIP_FileAtBlock:sig:", false};
+    case 23: return {notBuiltYet, "checkRAR_FileAtBlock:sig:", false};
+    case 24: return {notBuiltYet, "checkPDF_FileAtBlock:sig:", false};
+    case 25: return {notBuiltYet, "checkRTF_FileAtBlock:sig:", false};
+    case 26: return {notBuiltYet, "check3GPP_FileAtBlock:sig:", false};
+    case 27: return {notBuiltYet, "check3GPP2_FileAtBlock:sig:", false};
+    case 28: return {notBuiltYet, "checkAIFF_FileAtBlock:sig:", false};
+    default: return {nullptr, "", false};  // 0, 7, 22: accepted as matched
+  }
+}
+
+}  // namespace
+
+const ValidatorTable& builtInValidators() {
+  static const ValidatorTable table = [] {
+    ValidatorTable t;
+    for (uint32_t code = 0; code <= kHighestValidatorCode; ++code) t.byCode[code] = entryFor(code).fn;
+    return t;
+  }();
+  return table;
+}
+
+bool validatorIsBuilt(uint32_t code) { return entryFor(code).built; }
+const char* validatorName(uint32_t code) { return entryFor(code).name; }
+
+}  // namespace ambrel
