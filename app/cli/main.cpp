@@ -16,6 +16,8 @@ void registerPartitionCommands(CLI::App& app, std::function<int()>& run);
 void registerScanInfoCommands(CLI::App& app, std::function<int()>& run);
 void registerTreeCommands(CLI::App& app, std::function<int()>& run);
 void registerRecoverCommands(CLI::App& app, std::function<int()>& run);
+void registerCarveCommands(CLI::App& app, std::function<int()>& run);
+void registerSignatureCommands(CLI::App& app, std::function<int()>& run);
 }
 
 namespace {
@@ -71,6 +73,8 @@ int main(int argc, char** argv) {
   cli::registerScanInfoCommands(app, run);
   cli::registerTreeCommands(app, run);
   cli::registerRecoverCommands(app, run);
+  cli::registerCarveCommands(app, run);
+  cli::registerSignatureCommands(app, run);
 
   try {
     app.parse(argc, argv);

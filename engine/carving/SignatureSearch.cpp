@@ -43,6 +43,22 @@ uint64_t driveSectorsOf(Volume& v) {
 
 }  // namespace
 
+bool prepareVolumeForSignatureSearch(Volume& volume, std::string& error) {
+  if (!volume.initializeVIB()) {
+    error = "no HFS+ or HFSX volume header was found, so its free blocks are not known";
+    return false;
+  }
+  volume.totalBlocks = volume.vib.totalBlocks;
+  // The extents tree lets a fragmented allocation file be followed.
+  volume.checkCatalogAndExtentsFile();
+  volume.fillAllocationExt();
+  if (volume.allocationExt.empty()) {
+    error = "the volume header gives no allocation file";
+    return false;
+  }
+  return true;
+}
+
 Sig* SigGroup::lookup(uint64_t key) const {
   const uint32_t p = prefixOf(key, headerLength);
   if (!((prefix[p >> 6] >> (p & 63)) & 1)) return nullptr;

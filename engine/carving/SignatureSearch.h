@@ -109,6 +109,11 @@ class SignatureSearch {
   std::chrono::steady_clock::time_point start_{}, lastTick_{};
 };
 
+// Sets up a volume (from a partition or range dictionary) for the search of
+// its free blocks: its header, block size and count, and the allocation
+// file's extents. False with `error` set when no volume header was found.
+bool prepareVolumeForSignatureSearch(Volume& volume, std::string& error);
+
 // A name of up to 3 characters in lower case; "tiff"/"jpeg"-like 4-character
 // names (fourth character F or G) as "tif"/"jpg"; nullopt otherwise.
 std::optional<std::string> standardSigExtensionForExtension(const std::string& extension);

@@ -1,0 +1,225 @@
+// `carve`: the signature search over a volume's free blocks or a whole drive;
+// the carved files listed as the tree command lists entries, or saved.
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include <atomic>
+#include <cctype>
+#include <csignal>
+#include <filesystem>
+#include <functional>
+#include <set>
+
+#include "carving/SignatureDatabase.h"
+#include "carving/SignatureSearch.h"
+#include "cli/CliController.h"
+#include "cli/VolumeSelect.h"
+#include "core/TreeListing.h"
+#include "output/Saver.h"
+#include "tree/CheckController.h"
+
+namespace ambrel::cli {
+
+namespace {
+
+struct CarveOptions {
+  VolumeChoice choice;
+  bool wholeDrive = false;
+  std::string types;
+  bool all = false;
+  std::string maxSize = "20MB";
+  std::string range = "0%-100%";
+  std::string format = "tsv";
+  std::string out;
+};
+
+std::atomic<Volume*> gCarving{nullptr};
+
+extern "C" void stopCarving(int) {
+  if (Volume* v = gCarving.load()) v->stopTreeThread.store(true);
+}
+
+std::string lower(std::string s) {
+  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return s;
+}
+
+// "20MB", "2GB", "20" (MB): the digits and the pop-up's item (0 MB, 1 GB).
+bool parseMaxSize(const std::string& text, std::string& digits, int& unit) {
+  std::string t = lower(text);
+  unit = 0;
+  if (t.size() >= 2 && t.compare(t.size() - 2, 2, "gb") == 0) unit = 1;
+  if (t.size() >= 2 && (t.compare(t.size() - 2, 2, "gb") == 0 || t.compare(t.size() - 2, 2, "mb") == 0))
+    t.resize(t.size() - 2);
+  digits = t;
+  return true;
+}
+
+// "START%-END%" (the % signs optional), each 0 to 100, START not above END.
+bool parseRange(const std::string& text, float& start, float& end) {
+  std::string t;
+  for (char c : text)
+    if (c != '%' && c != ' ') t += c;
+  const size_t dash = t.find('-');
+  if (dash == std::string::npos) return false;
+  try {
+    size_t used = 0;
+    start = std::stof(t.substr(0, dash), &used);
+    if (used != dash) return false;
+    end = std::stof(t.substr(dash + 1), &used);
+    if (used != t.size() - dash - 1) return false;
+  } catch (const std::exception&) {
+    return false;
+  }
+  return start >= 0 && end <= 100 && start <= end;
+}
+
+int runCarve(CarveOptions& opt) {
+  float startPos = 0, endPos = 100;
+  if (!parseRange(opt.range, startPos, endPos)) {
+    fmt::print(stderr, "ambrel-cli: --range takes START%-END%, both from 0 to 100 (for example 0%-100%)\n");
+    return 2;
+  }
+  if (opt.all == !opt.types.empty()) {
+    fmt::print(stderr, "ambrel-cli: choose the file types: --types jpg,png,... or --all\n");
+    return 2;
+  }
+
+  SignatureDatabase db;
+  db.loadSigData();
+  if (db.sigRootArray().empty()) {
+    fmt::print(stderr, "ambrel-cli: no signature database could be read ({}); see the signatures command\n",
+               db.lastLoadError());
+    return 2;
+  }
+  db.deselectAllSig();
+  if (opt.all) {
+    db.selectAllSig();
+  } else {
+    std::set<std::string> wanted;
+    for (size_t from = 0; from <= opt.types.size();) {
+      const size_t comma = opt.types.find(',', from);
+      const std::string t = lower(opt.types.substr(from, comma == std::string::npos ? std::string::npos : comma - from));
+      if (!t.empty()) wanted.insert(t[0] == '.' ? t.substr(1) : t);
+      if (comma == std::string::npos) break;
+      from = comma + 1;
+    }
+    std::set<std::string> matched;
+    for (auto& category : db.sigRootArray())
+      for (const auto& child : category->children())
+        if (child->sig && wanted.count(lower(child->sig->extension))) {
+          CheckControllerSig(child.get(), 1).run();
+          matched.insert(lower(child->sig->extension));
+        }
+    for (const auto& t : wanted)
+      if (!matched.count(t)) {
+        fmt::print(stderr, "ambrel-cli: no file type with the extension \"{}\" in the database\n", t);
+        return 2;
+      }
+  }
+
+  std::string digits;
+  int unit = 0;
+  parseMaxSize(opt.maxSize, digits, unit);
+  const SigSelection selection = db.sigSelNextClicked(opt.wholeDrive ? 3 : 2, false, digits, unit);
+  if (selection.outcome != SigSelection::Outcome::Proceed) {
+    fmt::print(stderr, "ambrel-cli: {}: {}\n", selection.alert.title, selection.alert.message);
+    return 2;
+  }
+  std::vector<const Sig*> sigs;
+  for (SigNode* n : selection.sigSelArray) sigs.push_back(n->sig.get());
+
+  CliController controller;
+  std::unique_ptr<Volume> volume;
+  std::string error;
+  if (opt.wholeDrive) {
+    PlistDict drive = driveDictionaryForPath(opt.choice.path, error);
+    if (drive.empty()) {
+      fmt::print(stderr, "ambrel-cli: {}\n", error);
+      return 2;
+    }
+    controller.setDrives(PlistArray{drive});
+    drive.set("WhetherDiskDict", true);
+    volume = std::make_unique<Volume>(drive, &controller);
+    if (!volume->openDevice()) {
+      fmt::print(stderr, "ambrel-cli: cannot open {} read-only\n", opt.choice.path);
+      return 2;
+    }
+  } else {
+    volume = openVolume(opt.choice, controller, error);
+    if (!volume || !prepareVolumeForSignatureSearch(*volume, error)) {
+      fmt::print(stderr, "ambrel-cli: {}{}\n", error, volume ? " (try --whole-drive)" : "");
+      return 2;
+    }
+  }
+  volume->startPos = startPos;
+  volume->endPos = endPos;
+
+  SignatureSearch search(*volume, sigs);
+  gCarving.store(volume.get());
+  auto previous = std::signal(SIGINT, stopCarving);
+  const SearchStats stats = opt.wholeDrive ? search.signatureSearchDisk() : search.signatureSearch();
+  std::signal(SIGINT, previous);
+  gCarving.store(nullptr);
+  fmt::print(stderr, "\n");
+
+  fmt::print(stderr, "Carved: {} files, {} ({} blocks of {} bytes examined)\n", volume->fileCount,
+             sizeText(volume->dataSize), stats.examined, uint64_t(volume->blockSize) * 512);
+  if (stats.unreadableBatches)
+    fmt::print(stderr, "ambrel-cli: {} batches of blocks could not be read; nothing was found in them\n",
+               stats.unreadableBatches);
+  if (stats.sizesCut)
+    fmt::print(stderr, "ambrel-cli: {} files reached past the end of the drive and were cut there\n", stats.sizesCut);
+  if (stats.notListed)
+    fmt::print(stderr, "ambrel-cli: {} files lie beyond sector 4294967295 and could not be listed\n", stats.notListed);
+
+  int status = stats.stopped ? 130 : 0;
+  if (opt.out.empty()) {
+    writeTreeListing(*volume->dirRoot, opt.format == "json" ? ListingFormat::Json : ListingFormat::Tsv, stdout);
+    if (stats.stopped) fmt::print(stderr, "ambrel-cli: search stopped; the listing holds what was found so far\n");
+    return status;
+  }
+  if (volume->fileCount == 0) {
+    fmt::print(stderr, "ambrel-cli: nothing to save\n");
+    return stats.stopped ? 130 : 1;
+  }
+  CheckController(volume->dirRoot.get(), true).run();
+  std::error_code ec;
+  std::filesystem::create_directories(opt.out, ec);
+  const DestinationInfo dest = destinationInfo(opt.out);
+  if (!dest.exists || !dest.writable) {
+    fmt::print(stderr, "ambrel-cli: ! Can not save: the folder {} is not writable.\n", opt.out);
+    return 2;
+  }
+  Saver::Options options;
+  options.finalAlert = false;
+  Saver saver(*volume->dirRoot, saveSourceOf(*volume), &controller, options);
+  const SaveResult r = saver.saveFilesAndFolders(opt.out);
+  for (const auto& line : r.problems) fmt::print(stderr, "failed: {}\n", line);
+  fmt::print("Saved {}: {} files, {} bytes ({})\n", opt.out, r.filesWritten, r.savedData, sizeText(r.savedData));
+  fmt::print("Failures: {} creates, {} writes, {} reads; {} names changed\n", r.failedCreates, r.failedWrites,
+             r.failedReads, r.renamed);
+  if (r.anyFailure()) status = status ? status : 1;
+  return status;
+}
+
+}  // namespace
+
+void registerCarveCommands(CLI::App& app, std::function<int()>& run) {
+  static CarveOptions opt;
+  auto* cmd = app.add_subcommand("carve", "Find files by their signatures in a volume's free blocks or a whole drive");
+  addVolumeOptions(*cmd, opt.choice, "Drive, disk image or bare volume image");
+  auto* whole = cmd->add_flag("--whole-drive", opt.wholeDrive,
+                              "Search every sector of the drive instead of one volume's free blocks");
+  whole->excludes("--volume")->excludes("--start")->excludes("--sectors");
+  cmd->add_option("--types", opt.types, "File types to look for, by extension (jpg,png,...)");
+  cmd->add_flag("--all", opt.all, "Look for every file type of the signature database");
+  cmd->add_option("--max-size", opt.maxSize, "Size given to a file whose length is not known: 20MB, 2GB (at most 10 GB)")
+      ->capture_default_str();
+  cmd->add_option("--range", opt.range, "Part of the area to search, in percent: START%-END%")->capture_default_str();
+  cmd->add_option("--format", opt.format, "Listing format")->check(CLI::IsMember({"tsv", "json"}));
+  cmd->add_option("--out", opt.out, "Save the carved files under this folder (made when missing) instead of listing them");
+  cmd->callback([&run] { run = [] { return runCarve(opt); }; });
+}
+
+}  // namespace ambrel::cli
