@@ -137,13 +137,13 @@ bool checkJPGFileAtBlock(Candidate& c, Sig& sig) {
   const uint64_t S0 = F + p / 512;
   uint64_t o = p % 512;
   const uint64_t L = S0 + (uint64_t{E} * 3) / 4 + 63;
-  const uint64_t V = c.volumeSectors();
+  // Reads stop 63 sectors before the volume's end, wherever on the drive the
+  // volume starts.
+  const uint64_t end = c.areaEndSector();
 
   std::vector<uint8_t> buf(64 * 512);
   for (uint64_t at = S0; at < L && !c.stopped(); at += 63, o = 0) {
-    // An absolute sector against the volume's size, as the search has always
-    // compared them.
-    if (!(at + 63 < V)) continue;
+    if (!(at + 63 < end)) continue;
     c.readSectors(at, 64, buf.data());
     for (uint64_t x = o; x < 63 * 512; ++x) {
       if (buf[x] == 0xFF && buf[x + 1] == 0xD9) {
@@ -152,9 +152,9 @@ bool checkJPGFileAtBlock(Candidate& c, Sig& sig) {
       }
     }
   }
-  const uint64_t volStart = c.HPlusVolStart();
-  if ((S0 - volStart) + E < V) sig.foundSize = (S0 - F + E) * 512;
-  else sig.foundSize = (V - c.block() * uint64_t(c.blockSize())) * 512 - 512;
+  // The estimate, or the rest of the volume less one sector.
+  if (S0 + E < end) sig.foundSize = (S0 - F + E) * 512;
+  else sig.foundSize = end > F ? (end - F) * 512 - 512 : 0;
   sig.skipFileSize = false;
   return true;
 }

@@ -41,6 +41,50 @@ uint64_t driveSectorsOf(Volume& v) {
   return v.sizeInSect;
 }
 
+// The allocation file's bits, one bitmap block kept at a time. Each block is
+// judged by its own bit alone: a free block just after a used one in the same
+// byte is free, and searched.
+class AllocationBits {
+ public:
+  explicit AllocationBits(Volume& v) : v_(v) {}
+
+  // flags[i] is 0 when block first + i is free; bits the bitmap does not
+  // hold (or that cannot be read) leave their flag as the caller set it.
+  void freeOf40(uint64_t first, uint8_t flags[]) {
+    const uint64_t bitsPerBlock = uint64_t(v_.blockSize) * kSectorSize * 8;
+    for (uint32_t i = 0; i < SignatureSearch::kVolumeBatchBlocks; ++i) {
+      const uint64_t bit = first + i;
+      if (!load(bit / bitsPerBlock)) continue;
+      const uint64_t at = bit % bitsPerBlock;
+      if (((block_[at / 8] >> (7 - at % 8)) & 1) == 0) flags[i] = 0;
+    }
+  }
+
+ private:
+  bool load(uint64_t index) {
+    if (index == index_) return ok_;
+    index_ = index;
+    ok_ = false;
+    uint64_t rest = index;
+    for (const Extent& e : v_.allocationExt) {
+      if (rest < e.blockCount) {
+        const uint64_t sectors = uint64_t(v_.blockSize);
+        block_.assign(sectors * kSectorSize, 0);
+        ok_ = v_.readSector(v_.HPlusVolStart + (uint64_t{e.startBlock} + rest) * sectors,
+                            static_cast<int32_t>(sectors), block_.data());
+        break;
+      }
+      rest -= e.blockCount;
+    }
+    return ok_;
+  }
+
+  Volume& v_;
+  std::vector<uint8_t> block_;
+  uint64_t index_ = UINT64_MAX;
+  bool ok_ = false;
+};
+
 }  // namespace
 
 bool prepareVolumeForSignatureSearch(Volume& volume, std::string& error) {
@@ -144,7 +188,9 @@ void SignatureSearch::populateBTreeSigArray() {
 }
 
 CarveGeometry SignatureSearch::geometry() const {
-  return {volume_.HPlusVolStart, volume_.blockSize, volume_.totalBlocks};
+  CarveGeometry g{volume_.HPlusVolStart, volume_.blockSize, volume_.totalBlocks, 0};
+  if (driveSearch_) g.areaEnd = driveSectors_;
+  return g;
 }
 
 void SignatureSearch::prepareRoot() {
@@ -214,19 +260,21 @@ SearchStats SignatureSearch::signatureSearch() {
   updateStatus_ = false;
 
   driveSectors_ = driveSectorsOf(volume_);
+  driveSearch_ = false;
   Batch batch(volume_, driveSectors_);
   const uint64_t blockBytes = uint64_t(bs) * kSectorSize;
   // Keys at large offsets of the last blocks reach past the 40 blocks.
   const uint64_t slackSectors = keySlackBytes_ > blockBytes ? (keySlackBytes_ - blockBytes + kSectorSize - 1) / kSectorSize : 0;
   const uint64_t readSectors = uint64_t{kVolumeBatchBlocks} * bs + slackSectors;
 
+  AllocationBits bitmap(volume_);
   uint64_t examined = 0;
   const uint64_t end = uint64_t{first} + count;
   uint64_t b = first;
   while (b < end && !volume_.stopTreeThread.load()) {
     uint8_t used[kVolumeBatchBlocks];
     std::memset(used, 1, sizeof used);
-    volume_.get40BlocksUsedStatusFromBlock(static_cast<uint32_t>(std::min<uint64_t>(b, UINT32_MAX)), used);
+    bitmap.freeOf40(b, used);
     bool anyFree = false;
     for (uint32_t i = 0; i < kVolumeBatchBlocks; ++i)
       if (!used[i] && b + i < totalBlocks) anyFree = true;
@@ -268,6 +316,7 @@ SearchStats SignatureSearch::signatureSearchDisk() {
   stats_ = {};
   prepareRoot();
   const uint64_t total = driveSectors_ = driveSectorsOf(volume_);
+  driveSearch_ = true;
   uint64_t count = truncated<uint64_t>(static_cast<float>(total) * (volume_.endPos - volume_.startPos) / 100.0f);
   const uint64_t first = truncated<uint64_t>(static_cast<float>(total) * volume_.startPos / 100.0f);
   if (volume_.endPos >= 100.0f && total > first) count = total - first;

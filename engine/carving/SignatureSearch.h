@@ -104,6 +104,7 @@ class SignatureSearch {
   SearchStats stats_;
   std::string status_;
   uint64_t driveSectors_ = 0;
+  bool driveSearch_ = false;
   uint32_t keySlackBytes_ = 0;  // how far past a block start a key may reach
   bool updateStatus_ = false;
   std::chrono::steady_clock::time_point start_{}, lastTick_{};

@@ -32,6 +32,12 @@ uint64_t Candidate::volumeSectors() const {
   return bs * geometry_.totalBlocks;
 }
 
+uint64_t Candidate::areaEndSector() const {
+  if (geometry_.areaEnd != 0) return geometry_.areaEnd;
+  const uint64_t v = volumeSectors();
+  return v > UINT64_MAX - geometry_.HPlusVolStart ? UINT64_MAX : geometry_.HPlusVolStart + v;
+}
+
 uint64_t Candidate::bytesToDriveEnd() const {
   if (firstSector_ >= driveSectors_) return 0;
   const uint64_t sectors = driveSectors_ - firstSector_;

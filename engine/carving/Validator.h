@@ -54,6 +54,9 @@ struct CarveGeometry {
   uint64_t HPlusVolStart = 0;
   int32_t blockSize = 1;     // sectors per block
   uint64_t totalBlocks = 0;  // the volume's blocks (drive search: sectors searched)
+  // Absolute sector where the searched volume ends (a drive search: the
+  // drive's end); 0: HPlusVolStart + blockSize * totalBlocks.
+  uint64_t areaEnd = 0;
 };
 
 // One picture an RTF document names, or (wrapper) the RTFD bundle that the
@@ -93,6 +96,10 @@ class Candidate {
   uint64_t firstSector() const { return firstSector_; }
   // V: the volume's size in sectors (blockSize * totalBlocks).
   uint64_t volumeSectors() const;
+  // The absolute sector where the volume ends on the drive. A rule that
+  // stops reading "before the volume's size" compares absolute sectors with
+  // this, so that a volume far into its drive is read to its real end.
+  uint64_t areaEndSector() const;
   uint64_t driveSectors() const { return driveSectors_; }
   // Bytes from the candidate's start to the drive's end.
   uint64_t bytesToDriveEnd() const;
