@@ -3,6 +3,7 @@
 // rule, skips, ranges) with stand-in validators that count their calls.
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <map>
 
 #include "CarveImage.h"
@@ -99,9 +100,13 @@ struct StandInSearch {
     gSkip = 0;
     gAcceptStandIn = true;
     image = dir / "drive.img";
-    std::vector<uint8_t> bytes(sectors * 512, 0);
-    for (const auto& p : planted) std::copy(p.bytes.begin(), p.bytes.end(), bytes.begin() + p.sector * 512);
-    writeFile(image, bytes);
+    // Sparse: only the planted sectors hold anything.
+    std::filesystem::resize_file((writeFile(image, {}), image), sectors * 512);
+    std::fstream out(image, std::ios::in | std::ios::out | std::ios::binary);
+    for (const auto& p : planted) {
+      out.seekp(static_cast<std::streamoff>(p.sector * 512));
+      out.write(reinterpret_cast<const char*>(p.bytes.data()), static_cast<std::streamsize>(p.bytes.size()));
+    }
   }
   Sig& add(const std::string& ext, const std::string& hex, uint16_t offset, uint32_t code) {
     sigs.push_back(makeSig("Test", ext, hex, offset, code));
@@ -258,6 +263,59 @@ TEST(DriveSearch, UnknownLengthTakesTheMaximumSizeCutAtTheDrivesEnd) {
   const SearchStats stats = s.run();
   EXPECT_EQ(found(*s.drive->volume)[1].size, 50u * 512);
   EXPECT_EQ(stats.sizesCut, 1u);
+}
+
+// An RTF stand-in: names two pictures, as a document with attachments does.
+bool rtfWithPictures(Candidate& c, Sig& sig) {
+  gCalls[25].push_back(c.block());
+  auto& rtfd = c.state().rtfdArray;
+  rtfd.clear();
+  rtfd.push_back({"picture.png", 0, 0});
+  rtfd.back().width = 128, rtfd.back().height = 96;
+  rtfd.push_back({"other.tiff", 0, 0});
+  rtfd.back().width = 5, rtfd.back().height = 5;
+  c.state().lookForRtfAttachments = true;
+  sig.skipSize = 2;
+  sig.foundSize = 600;
+  return true;
+}
+
+TEST(DriveSearch, RtfDocumentBecomesABundleHoldingThePicturesItNames) {
+  const auto picture = convertImage("-size 128x96 gradient:red-blue", "png");
+  const auto stranger = convertImage("-size 100x96 gradient:red-blue", "png");
+  if (picture.empty()) GTEST_SKIP() << "ImageMagick is not installed";
+  StandInSearch s(400, {{"", 10, bytesOf("{\\rtf1")}, {"", 40, stranger}, {"", 100, picture}, {"", 200, picture}});
+  s.add("rtf", "7B5C727466", 0, 25);
+  s.sigs.push_back(makeSig("Images", "png", "89504E470D0A1A0A", 0, 6));
+  s.table.byCode[25] = rtfWithPictures;
+  s.run();
+  std::vector<std::string> paths;
+  for (const auto& f : found(*s.drive->volume)) paths.push_back(f.path + "@" + std::to_string(f.sector));
+  EXPECT_EQ(paths, (std::vector<std::string>{"/Root/Test/rtf/File1.rtfd/TXT.rtf@10", "/Root/Images/png/File1.png@40",
+                                             "/Root/Test/rtf/File1.rtfd/picture.png@100",
+                                             "/Root/Images/png/File2.png@200"}));
+  const HDIR* rtf = s.drive->volume->dirRoot->firstChildNamed("Test")->firstChildNamed("rtf");
+  ASSERT_TRUE(rtf);
+  const HDIR* bundle = rtf->children()[0].get();
+  EXPECT_EQ(bundle->fileType, kHDIRFolder);
+  EXPECT_EQ(bundle->fileName(), "File1.rtfd");
+  EXPECT_EQ(bundle->fileCount, 2u);
+  EXPECT_EQ(bundle->fileSize, 600 + picture.size());
+}
+
+TEST(DriveSearch, RtfAttachmentsAreNotLookedForFarFromTheirDocument) {
+  const auto picture = convertImage("-size 128x96 gradient:red-blue", "png");
+  if (picture.empty()) GTEST_SKIP() << "ImageMagick is not installed";
+  // 100,000,001 bytes on: the matching gives up and files the picture alone.
+  const uint64_t far = 10 + 100000001 / 512 + 1;
+  StandInSearch s(far + 100, {{"", 10, bytesOf("{\\rtf1")}, {"", far, picture}});
+  s.add("rtf", "7B5C727466", 0, 25);
+  s.sigs.push_back(makeSig("Images", "png", "89504E470D0A1A0A", 0, 6));
+  s.table.byCode[25] = rtfWithPictures;
+  s.run();
+  const auto carved = found(*s.drive->volume);
+  ASSERT_EQ(carved.size(), 2u);
+  EXPECT_EQ(carved[1].path, "/Root/Images/png/File1.png");
 }
 
 }  // namespace
