@@ -10,14 +10,19 @@ DEB_PACKAGES := cmake ninja-build g++ pkg-config python3 \
   qt6-base-dev qt6-base-dev-tools qt6-multimedia-dev libgl-dev \
   libplist-dev libudev-dev libsystemd-dev libfmt-dev libcli11-dev \
   libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev \
-  xorriso sleuthkit gdisk fdisk p7zip-full xz-utils unzip nlohmann-json3-dev zlib1g-dev
+  xorriso sleuthkit gdisk fdisk p7zip-full xz-utils unzip nlohmann-json3-dev zlib1g-dev \
+  imagemagick python3-pil ffmpeg
+# Only the benchmarks compare against these.
+BENCH_PACKAGES := testdisk
 
-.PHONY: all deps build test demo bench fuzz fuzz-seeds clean
+.PHONY: all deps bench-deps build test demo bench fuzz fuzz-seeds clean
 
 all: build
 
-deps:
-	@missing=$$(for p in $(DEB_PACKAGES); do \
+deps: PACKAGES = $(DEB_PACKAGES)
+bench-deps: PACKAGES = $(DEB_PACKAGES) $(BENCH_PACKAGES)
+deps bench-deps:
+	@missing=$$(for p in $(PACKAGES); do \
 	    dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null | grep -q '^install ok installed' || echo $$p; done); \
 	if [ -n "$$missing" ]; then \
 	  echo "Installing:" $$missing; \
@@ -54,7 +59,7 @@ demo: build
 $(BENCH_BUILD)/build.ninja:
 	cmake -S . -B $(BENCH_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DAMBREL_GUI=OFF -DAMBREL_BENCH=ON
 
-bench: deps $(BENCH_BUILD)/build.ninja
+bench: bench-deps $(BENCH_BUILD)/build.ninja
 	cmake --build $(BENCH_BUILD) -j $(JOBS)
 	./tools/bench.sh $(BENCH_BUILD)
 

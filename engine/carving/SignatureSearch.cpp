@@ -14,6 +14,9 @@ namespace ambrel {
 namespace {
 
 constexpr uint64_t kID = 0x4944;  // "ID": the ID3 tag an MP3 record carries
+// The largest allocation block the search reads 40 of at a time (1 MiB);
+// HFS+ volumes use 4 KiB, and a header claiming more than this is damaged.
+constexpr int32_t kMaxBlockSectors = 2048;
 
 // A float percentage of a size, truncated; negative or NaN gives 0.
 template <class T>
@@ -90,6 +93,11 @@ class AllocationBits {
 bool prepareVolumeForSignatureSearch(Volume& volume, std::string& error) {
   if (!volume.initializeVIB()) {
     error = "no HFS+ or HFSX volume header was found, so its free blocks are not known";
+    return false;
+  }
+  if (volume.blockSize > kMaxBlockSectors) {
+    error = fmt::format("the volume header gives blocks of {} bytes, more than any volume uses",
+                        uint64_t(volume.blockSize) * kSectorSize);
     return false;
   }
   volume.totalBlocks = volume.vib.totalBlocks;
@@ -212,7 +220,7 @@ void SignatureSearch::prepareRoot() {
 
 void SignatureSearch::pace() {
   const auto now = std::chrono::steady_clock::now();
-  if (now - lastTick_ >= std::chrono::seconds(1)) {
+  if (now - lastTick_ >= progressInterval_) {
     lastTick_ = now;
     updateStatus_ = true;
   }
@@ -242,7 +250,7 @@ SearchStats SignatureSearch::signatureSearch() {
   prepareRoot();
   const uint64_t totalBlocks = volume_.totalBlocks;
   const int32_t bs = volume_.blockSize;
-  if (bs <= 0) return stats_;
+  if (bs <= 0 || bs > kMaxBlockSectors) return stats_;
   const float span = static_cast<float>(totalBlocks) * (volume_.endPos - volume_.startPos) / 100.0f;
   uint32_t count = truncated<uint32_t>(span);
   const uint32_t first = truncated<uint32_t>(static_cast<float>(totalBlocks) * volume_.startPos / 100.0f);

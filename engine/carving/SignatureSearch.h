@@ -68,6 +68,8 @@ class SignatureSearch {
   SearchStats signatureSearchDisk();
 
   const std::vector<SigGroup>& groups() const { return btreeSigArray_; }
+  // Progress goes out at most this often (a second; tests shorten it).
+  void setProgressInterval(std::chrono::milliseconds interval) { progressInterval_ = interval; }
   SearchState& state() { return state_; }
 
   // Sector batches: 40 blocks for a volume; 317 sectors read and 315
@@ -107,6 +109,7 @@ class SignatureSearch {
   bool driveSearch_ = false;
   uint32_t keySlackBytes_ = 0;  // how far past a block start a key may reach
   bool updateStatus_ = false;
+  std::chrono::milliseconds progressInterval_{1000};
   std::chrono::steady_clock::time_point start_{}, lastTick_{};
 };
 
