@@ -2,6 +2,41 @@
 
 namespace ambrel {
 
+namespace {
+
+// Text read from a database file as valid UTF-8: a byte that begins no
+// well-formed sequence becomes U+FFFD, so that what was read can always be
+// written back and read again.
+std::string validUtf8(const std::string& in) {
+  std::string out;
+  out.reserve(in.size());
+  for (size_t i = 0; i < in.size();) {
+    const auto b = static_cast<uint8_t>(in[i]);
+    size_t n = b < 0x80 ? 1 : (b >> 5) == 0x6 ? 2 : (b >> 4) == 0xE ? 3 : (b >> 3) == 0x1E ? 4 : 0;
+    bool ok = n > 0 && i + n <= in.size();
+    uint32_t cp = n == 1 ? b : n == 2 ? (b & 0x1F) : n == 3 ? (b & 0x0F) : (b & 0x07);
+    for (size_t k = 1; ok && k < n; ++k) {
+      const auto c = static_cast<uint8_t>(in[i + k]);
+      ok = (c & 0xC0) == 0x80;
+      cp = (cp << 6) | (c & 0x3F);
+    }
+    // Overlong forms, surrogates and values past U+10FFFF are not text either.
+    if (ok && ((n == 2 && cp < 0x80) || (n == 3 && cp < 0x800) || (n == 4 && cp < 0x10000) ||
+               (cp >= 0xD800 && cp <= 0xDFFF) || cp > 0x10FFFF || cp == 0))
+      ok = false;
+    if (ok) {
+      out.append(in, i, n);
+      i += n;
+    } else {
+      out += "\xEF\xBF\xBD";
+      ++i;
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
 void Sig::addToExtraExts(const Sig* sig) {
   if (sig) extraExts_.push_back(sig->mutableCopy());
 }
@@ -49,10 +84,10 @@ std::unique_ptr<Sig> Sig::fromArchive(const SigArchive& a) {
   s->preInstalled = a.preInstalled;
   s->skipFileSize = a.skipFileSize;
   s->categoryID = a.categoryID;
-  s->category = a.category;
+  s->category = validUtf8(a.category);
   s->typeOfFile = a.typeOfFile;
-  s->software = a.software;
-  s->extension = a.extension;
+  s->software = validUtf8(a.software);
+  s->extension = validUtf8(a.extension);
   s->offset = a.offset;
   s->headerLength = a.headerLength;
   s->header = a.header;
@@ -131,7 +166,7 @@ std::unique_ptr<SigNode> SigNode::fromArchive(const SigNodeArchive& a) {
   auto n = std::make_unique<SigNode>();
   n->fileType = a.fileType;
   n->selected = a.selected;
-  n->category = a.category;
+  n->category = validUtf8(a.category);
   if (a.sig) n->sig = std::shared_ptr<Sig>(Sig::fromArchive(*a.sig));
   if (a.children) {
     n->hasChildArray_ = true;

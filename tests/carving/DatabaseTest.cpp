@@ -230,6 +230,38 @@ TEST(CarvingDatabase, OddDatabasesLoadBoundedOrNotAtAll) {
   EXPECT_FALSE(unknown.lastLoadError().empty());
 }
 
+TEST(CarvingDatabase, TextThatIsNotUtf8IsReadSoThatItWritesBack) {
+  // An archive (found by fuzzing) whose strings hold bytes that are no UTF-8:
+  // read as it was, it could be written but not read again.
+  const auto bytes =
+      test::readFile(std::filesystem::path(AMBREL_SOURCE_DIR) / "tests/fuzz/corpus/signature_db/category_not_utf8.bplist");
+  std::string error;
+  auto root = unarchiveSigRoot(bytes, error);
+  ASSERT_TRUE(root) << error;
+  auto again = unarchiveSigRoot(archiveSigRoot(*root), error);
+  ASSERT_TRUE(again) << error;
+  ASSERT_EQ(again->size(), root->size());
+  size_t replaced = 0;
+  for (size_t i = 0; i < root->size(); ++i) {
+    const SigNode& a = *(*root)[i];
+    const SigNode& b = *(*again)[i];
+    EXPECT_EQ(a.category, b.category);
+    auto mark = [&](const std::string& t) { replaced += t.find("\xEF\xBF\xBD") != std::string::npos; };
+    mark(a.category);
+    ASSERT_EQ(a.children().size(), b.children().size());
+    for (size_t k = 0; k < a.children().size(); ++k) {
+      if (!a.childAtIndex(k)->sig) continue;
+      EXPECT_EQ(a.childAtIndex(k)->sig->software, b.childAtIndex(k)->sig->software);
+      EXPECT_EQ(a.childAtIndex(k)->sig->extension, b.childAtIndex(k)->sig->extension);
+      mark(a.childAtIndex(k)->category);
+      mark(a.childAtIndex(k)->sig->category);
+      mark(a.childAtIndex(k)->sig->software);
+      mark(a.childAtIndex(k)->sig->extension);
+    }
+  }
+  EXPECT_GT(replaced, 0u);
+}
+
 TEST(CarvingDatabase, HexParsingAndCharacterTests) {
   EXPECT_EQ(getHeaderFromString("FFD8FF"), 0xFFD8FFu);
   EXPECT_EQ(getHeaderFromString("1A"), 0x1Au);
