@@ -2,8 +2,8 @@
 // from the page cache: an HFS+ volume whose free blocks hold real files of
 // every pre-installed type between runs of random bytes. Every pre-installed
 // type is selected. Prints each side's best and median throughput over
-// several runs, the files each found, and the search's peak memory for half
-// and all of the volume (flat: only the entries grow).
+// several runs, the files each found, and the peak memory of a process that
+// searches half and all of the volume (flat: only the entries grow).
 //
 // Budgets: the volume search at least 80 % of cat's speed, the drive search
 // at least 1 GB/s, the volume search at least 1.5 times PhotoRec's speed.
@@ -55,7 +55,7 @@ std::vector<std::pair<std::string, std::vector<uint8_t>>> realFiles(const fs::pa
   fs::create_directories(work);
   auto make = [&](const std::string& name, const std::string& command) {
     const fs::path p = work / name;
-    if (!fs::exists(p) && run(fmt::format(command, p.string()) + " >/dev/null 2>&1") != 0) return;
+    if (!fs::exists(p) && run(fmt::format(fmt::runtime(command), p.string()) + " >/dev/null 2>&1") != 0) return;
     if (fs::exists(p) && fs::file_size(p) > 0) out.emplace_back(name, slurp(p));
   };
   const char* im = fs::exists("/usr/bin/convert") ? "/usr/bin/convert" : "convert";
@@ -143,7 +143,7 @@ struct Rates {
   }
 };
 
-// Peak resident memory since the last reset, in bytes.
+// The peak resident memory of this process, in bytes.
 uint64_t peakRss() {
   std::ifstream in("/proc/self/status");
   std::string line;
@@ -151,7 +151,6 @@ uint64_t peakRss() {
     if (line.rfind("VmHWM:", 0) == 0) return std::strtoull(line.c_str() + 6, nullptr, 10) * 1024;
   return 0;
 }
-void resetPeakRss() { std::ofstream("/proc/self/clear_refs") << "5"; }
 
 struct SearchRun {
   double seconds = 0;
@@ -177,12 +176,14 @@ SearchRun search(const fs::path& path, const std::vector<const Sig*>& sigs, bool
     }
   }
   volume->endPos = endPos;
-  resetPeakRss();
+  SearchRun r;
   const auto start = std::chrono::steady_clock::now();
   SignatureSearch s(*volume, sigs);
   if (drive) s.signatureSearchDisk();
   else s.signatureSearch();
-  SearchRun r{seconds(start), volume->fileCount, peakRss()};
+  r.seconds = seconds(start);
+  r.files = volume->fileCount;
+  r.peak = peakRss();
   return r;
 }
 
@@ -200,19 +201,15 @@ uint64_t countFiles(const fs::path& dir) {
 
 }  // namespace
 
-int main() {
-  const Image img = image();
-  const double bytes = static_cast<double>(fs::file_size(img.path));
-  SigNode::ChildArray db;
-  {
-    std::string error;
-    auto root = loadSigRootFile(signatureFiles().installed(), error);
-    if (!root) {
-      fmt::print(stderr, "bench_carving: no signature database: {}\n", error);
-      return 2;
-    }
-    db = std::move(*root);
+// Every file type of the installed database, with a 20 MB maximum size.
+std::vector<const Sig*> allTypes(SigNode::ChildArray& db) {
+  std::string error;
+  auto root = loadSigRootFile(signatureFiles().installed(), error);
+  if (!root) {
+    fmt::print(stderr, "bench_carving: no signature database: {}\n", error);
+    std::exit(2);
   }
+  db = std::move(*root);
   std::vector<const Sig*> sigs;
   for (auto& c : db)
     for (const auto& n : c->children())
@@ -220,6 +217,37 @@ int main() {
         n->sig->userSize = 20u << 20;
         sigs.push_back(n->sig.get());
       }
+  return sigs;
+}
+
+// A fresh process that searches part of the volume and reports its peak
+// memory: "PEAK FILES".
+SearchRun memoryRun(const char* self, int percent) {
+  std::string out;
+  if (FILE* p = ::popen(fmt::format("'{}' --memory {}", self, percent).c_str(), "r")) {
+    char buf[256];
+    while (std::fgets(buf, sizeof buf, p)) out += buf;
+    ::pclose(p);
+  }
+  SearchRun r;
+  std::sscanf(out.c_str(), "%lu %u", &r.peak, &r.files);
+  return r;
+}
+
+std::vector<const Sig*> allTypes(SigNode::ChildArray& db);
+
+int main(int argc, char** argv) {
+  if (argc == 3 && std::string(argv[1]) == "--memory") {
+    SigNode::ChildArray db;
+    const auto sigs = allTypes(db);
+    const SearchRun r = search(image().path, sigs, false, std::strtof(argv[2], nullptr));
+    fmt::print("{} {}\n", r.peak, r.files);
+    return 0;
+  }
+  const Image img = image();
+  const double bytes = static_cast<double>(fs::file_size(img.path));
+  SigNode::ChildArray db;
+  const std::vector<const Sig*> sigs = allTypes(db);
 
   run("cat '" + img.path.string() + "' > /dev/null");  // into the page cache
   Rates cat, volume, drive, photorec;
@@ -247,8 +275,8 @@ int main() {
     photorec.v.push_back(bytes / seconds(start));
     photorecFiles = countFiles(out);
   }
-  const SearchRun half = search(img.path, sigs, false, 50);
-  const SearchRun whole = search(img.path, sigs, false, 100);
+  const SearchRun half = memoryRun(argv[0], 50);
+  const SearchRun whole = memoryRun(argv[0], 100);
 
   auto gb = [](double r) { return r / 1e9; };
   fmt::print("image: {:.2f} GiB, {} real files planted in free blocks between random bytes\n", bytes / (1u << 30),
@@ -263,8 +291,8 @@ int main() {
                gb(photorec.median()), photorecFiles, kPhotoRecRuns);
   else
     fmt::print("PhotoRec:      not installed (Debian package testdisk)\n");
-  fmt::print("peak memory of the volume search: {:.1f} MiB over half the volume ({} files), {:.1f} MiB over all of it "
-             "({} files)\n",
+  fmt::print("peak memory of a process searching the volume: {:.1f} MiB over half of it ({} files), {:.1f} MiB over "
+             "all of it ({} files)\n",
              half.peak / 1048576.0, half.files, whole.peak / 1048576.0, whole.files);
 
   const double vsCat = volume.best() / cat.best();

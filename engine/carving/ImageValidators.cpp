@@ -1,7 +1,6 @@
 // JPEG, PNG, GIF, BMP and ICNS: how far each file reaches, from its own
 // structure. Positions are byte offsets from the candidate's first byte.
 #include <cstring>
-#include <vector>
 
 #include "base/Endian.h"
 #include "carving/Validators.h"
@@ -141,15 +140,18 @@ bool checkJPGFileAtBlock(Candidate& c, Sig& sig) {
   // volume starts.
   const uint64_t end = c.areaEndSector();
 
-  std::vector<uint8_t> buf(64 * 512);
   for (uint64_t at = S0; at < L && !c.stopped(); at += 63, o = 0) {
     if (!(at + 63 < end)) continue;
-    c.readSectors(at, 64, buf.data());
-    for (uint64_t x = o; x < 63 * 512; ++x) {
-      if (buf[x] == 0xFF && buf[x + 1] == 0xD9) {
-        setFoundSizeWithSkip(c, sig, (at - F) * 512 + x + 2);
+    const uint8_t* buf = c.sectors(at, 64);
+    // FF D9 at offsets o ... 32255; the D9 may lie in the 64th sector.
+    for (const uint8_t* p = buf + o; p < buf + 63 * 512;) {
+      p = static_cast<const uint8_t*>(std::memchr(p, 0xFF, static_cast<size_t>(buf + 63 * 512 - p)));
+      if (!p) break;
+      if (p[1] == 0xD9) {
+        setFoundSizeWithSkip(c, sig, (at - F) * 512 + static_cast<uint64_t>(p - buf) + 2);
         return true;
       }
+      ++p;
     }
   }
   // The estimate, or the rest of the volume less one sector.

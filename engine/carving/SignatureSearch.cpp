@@ -137,6 +137,11 @@ struct SignatureSearch::Batch : SectorSource {
     }
     return volume.readSector(sector, static_cast<int32_t>(count), out);
   }
+  const uint8_t* cached(uint64_t sector, uint64_t* count) override {
+    if (!good || sector < first || sector - first >= sectors) return nullptr;
+    *count = sectors - (sector - first);
+    return buffer.data() + (sector - first) * kSectorSize;
+  }
 
   // Reads `want` sectors from `at` into the buffer; what lies past the drive
   // or could not be read is zero.
@@ -192,6 +197,8 @@ void SignatureSearch::populateBTreeSigArray() {
   for (SigGroup& g : btreeSigArray_) {
     keySlackBytes_ = std::max<uint32_t>(keySlackBytes_, uint32_t{g.offset} + g.headerLength);
     if (g.headerLength == 2 && g.offset == 0) g.idRecord = g.lookup(kID);
+    g.idRecordIsPlainMp3 = g.idRecord && g.idRecord->typeOfFile == 16 && g.idRecord->extension == "mp3" &&
+                           g.idRecord->extraExts().empty() && validators_.forCode(16) != nullptr;
   }
 }
 
@@ -381,6 +388,7 @@ SearchStats SignatureSearch::signatureSearchDisk() {
 
 uint64_t SignatureSearch::matchBlock(uint64_t block, const uint8_t* bytes, SectorSource& source) {
   const uint16_t hdr16 = loadBE16(bytes);
+  const bool mp3Frame = hdr16 > 0xFFDF || hdr16 == 0x4944 || hdr16 == 0x5249;
   bool forced = false;
   bool ran = false;
   for (size_t g = 0; g < btreeSigArray_.size(); ++g) {
@@ -388,16 +396,26 @@ uint64_t SignatureSearch::matchBlock(uint64_t block, const uint8_t* bytes, Secto
     const SigGroup& group = btreeSigArray_[g];
     bool retried = false;
   again:
-    Sig* sig;
+    Sig* sig = nullptr;
     if (group.idRecord && !forced) {
       // Every block whose start may be an MPEG audio frame is tried with the
       // MP3 record first, whatever its bytes.
       forced = true;
+      // A plain MP3 record refuses any other block before its validator
+      // runs, and the group is then tried with the block's own bytes.
+      if (group.idRecordIsPlainMp3 && !mp3Frame) {
+        retried = true;
+        goto again;
+      }
       sig = group.idRecord;
     } else {
-      sig = group.lookup(keyAt(bytes + group.offset, group.headerLength));
+      const uint8_t* key = bytes + group.offset;
+      const uint32_t p = group.headerLength >= 2 ? uint32_t{key[0]} << 8 | key[1] : key[0];
+      if (!((group.prefix[p >> 6] >> (p & 63)) & 1)) continue;
+      auto* item = group.table->retrieveKeyField(keyAt(key, group.headerLength));
+      if (!item) continue;
+      sig = item->sig;
     }
-    if (!sig) continue;
     if (runCheckForSig(*sig, hdr16, ran, block, source)) return acceptMatch(block, *sig, *sig, false, source);
     if (!sig->extraExts().empty()) {
       for (const auto& extra : sig->extraExts())
@@ -421,7 +439,7 @@ bool SignatureSearch::runCheckForSig(Sig& sig, uint16_t hdr16, bool& ran, uint64
     if (!(hdr16 > 0xFFDF || hdr16 == 0x4944 || hdr16 == 0x5249)) return false;
     ran = true;
   }
-  Candidate candidate(source, geometry(), block, state_);
+  Candidate candidate(source, geometry(), block, state_, &scratch_);
   return fn(candidate, sig);
 }
 

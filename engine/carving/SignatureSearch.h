@@ -37,6 +37,9 @@ struct SigGroup {
   // The record under "ID" in a two-byte group at offset 0: every block is
   // first tried with it (the MP3 rule).
   Sig* idRecord = nullptr;
+  // An MP3 record with no extras: it refuses, before its validator runs,
+  // every block that starts with no frame sync, "ID" or "RI".
+  bool idRecordIsPlainMp3 = false;
 
   Sig* lookup(uint64_t key) const;
 };
@@ -104,6 +107,7 @@ class SignatureSearch {
   std::vector<SigGroup> btreeSigArray_;
   SearchState state_;
   SearchStats stats_;
+  std::vector<uint8_t> scratch_;  // the candidates' read buffer
   std::string status_;
   uint64_t driveSectors_ = 0;
   bool driveSearch_ = false;

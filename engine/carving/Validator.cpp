@@ -18,8 +18,14 @@ bool MemorySectorSource::readSectors(uint64_t sector, uint32_t count, uint8_t* o
   return sector + count <= sectorCount();
 }
 
-Candidate::Candidate(SectorSource& source, const CarveGeometry& geometry, uint64_t block, SearchState& state)
-    : source_(source), geometry_(geometry), block_(block), state_(state), driveSectors_(source.sectorCount()) {
+Candidate::Candidate(SectorSource& source, const CarveGeometry& geometry, uint64_t block, SearchState& state,
+                     std::vector<uint8_t>* scratch)
+    : source_(source),
+      geometry_(geometry),
+      block_(block),
+      state_(state),
+      driveSectors_(source.sectorCount()),
+      buffer_(scratch ? scratch : &own_) {
   const uint64_t bs = geometry_.blockSize > 0 ? uint64_t(geometry_.blockSize) : 1;
   // A block number so large that its sector overflows lies past any drive.
   firstSector_ = block > (UINT64_MAX - geometry_.HPlusVolStart) / bs ? UINT64_MAX
@@ -64,13 +70,40 @@ bool Candidate::readSectors(uint64_t sector, uint32_t count, uint8_t* out) {
   return ok && inDrive == count;
 }
 
-bool Candidate::load(uint64_t sector) {
-  if (windowFirst_ != UINT64_MAX && sector >= windowFirst_ && sector - windowFirst_ < kWindowSectors) return true;
+bool Candidate::load(uint64_t sector, uint32_t count) {
+  if (window_ && sector >= windowFirst_ && sector - windowFirst_ + count <= windowSectors_) return true;
   if (sector >= driveSectors_) return false;
-  window_.resize(size_t{kWindowSectors} * 512);
-  readSectors(sector, kWindowSectors, window_.data());
+  uint64_t available = 0;
+  if (const uint8_t* p = source_.cached(sector, &available); p && available >= count) {
+    window_ = p;
+    windowFirst_ = sector;
+    windowSectors_ = available;
+    return true;
+  }
+  // Walks go forward: read well ahead, in units the kernel reads quickly.
+  const uint32_t n = std::max(count, kMaxViewSectors);
+  if (buffer_->size() < size_t{n} * 512) buffer_->resize(size_t{n} * 512);
+  readSectors(sector, n, buffer_->data());
+  window_ = buffer_->data();
   windowFirst_ = sector;
+  windowSectors_ = n;
   return true;
+}
+
+const uint8_t* Candidate::sectors(uint64_t sector, uint32_t count) {
+  count = std::min(count, kMaxViewSectors);
+  if (sector >= driveSectors_ || driveSectors_ - sector < count) {
+    // Partly past the drive's end: read (zero-filled) into the buffer.
+    const uint32_t n = std::max(count, kMaxViewSectors);
+    if (buffer_->size() < size_t{n} * 512) buffer_->resize(size_t{n} * 512);
+    readSectors(sector, n, buffer_->data());
+    window_ = buffer_->data();
+    windowFirst_ = sector;
+    windowSectors_ = n;
+    return window_;
+  }
+  load(sector, count);
+  return window_ + (sector - windowFirst_) * 512;
 }
 
 bool Candidate::bytes(uint64_t pos, size_t n, uint8_t* out) {
@@ -79,8 +112,8 @@ bool Candidate::bytes(uint64_t pos, size_t n, uint8_t* out) {
     const uint64_t sector = firstSector_ + pos / 512;
     if (!load(sector)) return false;
     const uint64_t at = (sector - windowFirst_) * 512 + pos % 512;
-    const size_t take = static_cast<size_t>(std::min<uint64_t>(n, window_.size() - at));
-    std::memcpy(out, window_.data() + at, take);
+    const size_t take = static_cast<size_t>(std::min<uint64_t>(n, windowSectors_ * 512 - at));
+    std::memcpy(out, window_ + at, take);
     out += take;
     pos += take;
     n -= take;
@@ -95,7 +128,7 @@ uint64_t Candidate::nextNonZero(uint64_t pos) {
     const uint64_t sector = firstSector_ + pos / 512;
     if (!load(sector)) return limit;
     uint64_t at = (sector - windowFirst_) * 512 + pos % 512;
-    const uint64_t end = std::min<uint64_t>(window_.size(), at + (limit - pos));
+    const uint64_t end = std::min<uint64_t>(windowSectors_ * 512, at + (limit - pos));
     for (; at < end; ++at, ++pos)
       if (window_[at] != 0) return pos;
   }

@@ -35,6 +35,9 @@ class SectorSource {
   // Reads count sectors from `sector` into out; false when any of them could
   // not be read. Callers never ask past sectorCount().
   virtual bool readSectors(uint64_t sector, uint32_t count, uint8_t* out) = 0;
+  // Sectors already in memory from `sector` on (their number in *count), or
+  // nullptr: what a search has just read is not read again.
+  virtual const uint8_t* cached(uint64_t sector, uint64_t* count) { return nullptr; }
 };
 
 // Bytes in memory as a drive; a trailing partial sector reads zero-padded.
@@ -83,7 +86,10 @@ struct SearchState {
 
 class Candidate {
  public:
-  Candidate(SectorSource& source, const CarveGeometry& geometry, uint64_t block, SearchState& state);
+  // `scratch`, when given, holds the sectors read (a search lends one buffer
+  // to all its candidates).
+  Candidate(SectorSource& source, const CarveGeometry& geometry, uint64_t block, SearchState& state,
+            std::vector<uint8_t>* scratch = nullptr);
   Candidate(const Candidate&) = delete;
   Candidate& operator=(const Candidate&) = delete;
 
@@ -110,6 +116,10 @@ class Candidate {
   // sectors past the drive's end and sectors that cannot be read stay zero.
   // False when any sector was not read.
   bool readSectors(uint64_t sector, uint32_t count, uint8_t* out);
+  // The same sectors without a copy: valid until the next read through this
+  // candidate. count is at most kMaxViewSectors.
+  const uint8_t* sectors(uint64_t sector, uint32_t count);
+  static constexpr uint32_t kMaxViewSectors = 256;
 
   // Positions are byte offsets from the candidate's start. nullopt / false
   // only past the drive's end.
@@ -132,7 +142,9 @@ class Candidate {
   void fillDataFromBlock(uint64_t block, uint64_t size, std::vector<uint8_t>& out);
 
  private:
-  bool load(uint64_t sector);
+  // Makes the window hold sectors [sector, sector + count); false past the
+  // drive's end.
+  bool load(uint64_t sector, uint32_t count = 1);
 
   SectorSource& source_;
   CarveGeometry geometry_;
@@ -140,10 +152,13 @@ class Candidate {
   SearchState& state_;
   uint64_t firstSector_;
   uint64_t driveSectors_;
-  // A window of sectors around the last position read.
-  static constexpr uint32_t kWindowSectors = 16;
-  std::vector<uint8_t> window_;
-  uint64_t windowFirst_ = UINT64_MAX;
+  // The sectors around the last position read: in the source's memory, or
+  // read into the buffer.
+  std::vector<uint8_t> own_;
+  std::vector<uint8_t>* buffer_;
+  const uint8_t* window_ = nullptr;
+  uint64_t windowFirst_ = 0;
+  uint64_t windowSectors_ = 0;
 };
 
 // A validator: YES when a file of its format starts at the candidate.
