@@ -62,6 +62,12 @@ uint64_t SignatureSearch::acceptMatch(uint64_t block, Sig& sig, const Sig& prima
 
 void SignatureSearch::rtfAttachmentTest(uint64_t block, Sig& sig, SectorSource& source) {
   const RtfdEntry& wrapper = state_.rtfdArray.back();
+  // The document itself, its pictures just listed and its bundle not made
+  // yet: it has no distance to measure, wherever it lies.
+  if (!wrapper.wrapper) {
+    addFileToListAtBlock(block, sig);
+    return;
+  }
   const uint64_t blockBytes = uint64_t(volume_.blockSize) * kSectorSize;
   const uint64_t distance = block >= wrapper.wrapperBlock ? block - wrapper.wrapperBlock : UINT64_MAX;
   if (distance > UINT32_MAX / std::max<uint64_t>(blockBytes, 1) || distance * blockBytes >= kRtfAttachmentReach) {

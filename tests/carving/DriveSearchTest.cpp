@@ -303,6 +303,21 @@ TEST(DriveSearch, RtfDocumentBecomesABundleHoldingThePicturesItNames) {
   EXPECT_EQ(bundle->fileSize, 600 + picture.size());
 }
 
+TEST(DriveSearch, RtfDocumentFarIntoTheDriveStillGetsItsPictures) {
+  const auto picture = convertImage("-size 128x96 gradient:red-blue", "png");
+  if (picture.empty()) GTEST_SKIP() << "ImageMagick is not installed";
+  // 150 MB in: the document's own match measures no distance.
+  const uint64_t at = 150000000 / 512;
+  StandInSearch s(at + 100, {{"", at, bytesOf("{\\rtf1")}, {"", at + 10, picture}});
+  s.add("rtf", "7B5C727466", 0, 25);
+  s.sigs.push_back(makeSig("Images", "png", "89504E470D0A1A0A", 0, 6));
+  s.table.byCode[25] = rtfWithPictures;
+  s.run();
+  const auto carved = found(*s.drive->volume);
+  ASSERT_EQ(carved.size(), 2u);
+  EXPECT_EQ(carved[1].path, "/Root/Test/rtf/File1.rtfd/picture.png");
+}
+
 TEST(DriveSearch, RtfAttachmentsAreNotLookedForFarFromTheirDocument) {
   const auto picture = convertImage("-size 128x96 gradient:red-blue", "png");
   if (picture.empty()) GTEST_SKIP() << "ImageMagick is not installed";
