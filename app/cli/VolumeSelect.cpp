@@ -6,10 +6,12 @@
 #include <atomic>
 #include <cctype>
 #include <csignal>
+#include <cstdlib>
 
 #include <filesystem>
 
 #include "media/DMedia.h"
+#include "media/DriveFinder.h"
 
 namespace ambrel::cli {
 
@@ -92,6 +94,14 @@ void addVolumeOptions(CLI::App& command, VolumeChoice& choice, const std::string
   auto* sectors = command.add_option("--sectors", choice.sectorCount, "Length of the volume in sectors");
   start->needs(sectors);
   sectors->needs(start);
+}
+
+DiscoveryRoots discoveryRootsFromEnvironment() {
+  DiscoveryRoots roots;
+  if (const char* v = std::getenv("AMBREL_SYSFS_ROOT"); v && *v) roots.sysfs = absolutePath(v);
+  if (const char* v = std::getenv("AMBREL_DEV_ROOT"); v && *v) roots.dev = absolutePath(v);
+  if (const char* v = std::getenv("AMBREL_MOUNTINFO"); v && *v) roots.mountinfo = absolutePath(v);
+  return roots;
 }
 
 bool isScanInfoPath(const std::string& path) {

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "base/PlistValue.h"
+#include "media/BlockDevices.h"
 
 namespace CLI {
 class App;
@@ -37,6 +38,11 @@ std::unique_ptr<Volume> openVolume(const VolumeChoice& choice, CliController& co
 
 // Adds PATH, --volume, --start and --sectors to a command.
 void addVolumeOptions(CLI::App& command, VolumeChoice& choice, const std::string& pathHelp);
+
+// Where drives are discovered: the running system, or the trees named by
+// AMBREL_SYSFS_ROOT, AMBREL_DEV_ROOT and AMBREL_MOUNTINFO (a rescue
+// system's, or a test's).
+DiscoveryRoots discoveryRootsFromEnvironment();
 
 // True for a path ending in ".asi" (any case): a scan info file.
 bool isScanInfoPath(const std::string& path);

@@ -18,6 +18,7 @@ void registerTreeCommands(CLI::App& app, std::function<int()>& run);
 void registerRecoverCommands(CLI::App& app, std::function<int()>& run);
 void registerCarveCommands(CLI::App& app, std::function<int()>& run);
 void registerSignatureCommands(CLI::App& app, std::function<int()>& run);
+void registerDriveCommands(CLI::App& app, std::function<int()>& run);
 }
 
 namespace {
@@ -69,6 +70,7 @@ int main(int argc, char** argv) {
   infoCmd->add_option("PATH", info.path, "Block device or disk image file")->required();
   infoCmd->add_flag("--json", info.json, "Print a JSON object instead of text");
   std::function<int()> run;  // set by the subcommand that was chosen
+  cli::registerDriveCommands(app, run);
   cli::registerPartitionCommands(app, run);
   cli::registerScanInfoCommands(app, run);
   cli::registerTreeCommands(app, run);

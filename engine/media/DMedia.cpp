@@ -10,6 +10,8 @@
 #include <cstring>
 #include <fmt/format.h>
 
+#include "media/DeviceAccess.h"
+
 namespace ambrel {
 
 namespace {
@@ -118,9 +120,12 @@ bool DMedia::readSector(uint64_t sector, int32_t count, void* buffer) {
   if (count < 0) return false;
   if (count == 0) return true;
   if (!ensureOpen()) {
-    if (appController)
-      appController->alert("! Could not open drive",
-                           fmt::format("A valid fileDesc could not be obtained for drive: {}", path), {"OK"});
+    const int openError = errno;
+    std::string message = fmt::format("A valid fileDesc could not be obtained for drive: {}", path);
+    // A drive this user may not read: say how to get access, not just that it failed.
+    if (const std::string hint = deviceAccessHint(path); !hint.empty() && (openError == EACCES || openError == EPERM))
+      message += "\n\n" + hint;
+    if (appController) appController->alert("! Could not open drive", message, {"OK"});
     return false;
   }
   if (readRaw(sector, count, buffer) >= 0) return true;
@@ -182,7 +187,7 @@ bool readAppSector(AppControllerInterface* appController, uint64_t sector, const
 PlistDict driveDictionaryForPath(const std::string& path, std::string& error) {
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
-    error = fmt::format("cannot open {}: {}", path, std::strerror(errno));
+    error = openFailureText(path, errno);
     return {};
   }
   struct stat st {};
