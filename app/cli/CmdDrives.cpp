@@ -7,6 +7,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <functional>
@@ -68,23 +69,42 @@ std::string journalText(const PlistDict& v) {
   return j == "Yes" ? "Journaled" : j == "No" ? "-" : v.contains("Volume Name") && v.string("Volume Name") != "-" ? "?" : "-";
 }
 
-std::string driveRow(const PlistDict& d) {
-  return fmt::format("{:<16} {:<32} {:<22} {}", d.string("device path"), driveModelText(d), driveSerialText(d),
-                     sizeText(d.u64("device size")));
+std::vector<std::string> driveColumns(const PlistDict& d) {
+  return {d.string("device path"), driveModelText(d), driveSerialText(d), sizeText(d.u64("device size"))};
 }
 
-std::string volumeRow(const PlistDict& v) {
-  return fmt::format("{:<16} {:<24} {:<12} {:<12} {}", v.string("device path"), v.string("Volume Name", "-"),
-                     fileSystemText(v.string("Content")), sizeText(v.u64("device size")), journalText(v));
+std::vector<std::string> volumeColumns(const PlistDict& v) {
+  return {v.string("device path"), v.string("Volume Name", "-"), fileSystemText(v.string("Content")),
+          sizeText(v.u64("device size")), journalText(v)};
+}
+
+std::string joined(const std::vector<std::string>& columns) { return fmt::format("{}", fmt::join(columns, "  ")); }
+
+// Columns as wide as their widest cell, two spaces apart.
+void printTable(const std::vector<std::string>& header, const std::vector<std::vector<std::string>>& rows) {
+  std::vector<size_t> widths(header.size(), 0);
+  for (size_t i = 0; i < header.size(); ++i) widths[i] = header[i].size();
+  for (const auto& r : rows)
+    for (size_t i = 0; i < r.size() && i < widths.size(); ++i) widths[i] = std::max(widths[i], r[i].size());
+  auto line = [&](const std::vector<std::string>& cells) {
+    std::string text;
+    for (size_t i = 0; i < cells.size(); ++i)
+      text += i + 1 < cells.size() ? fmt::format("{:<{}}  ", cells[i], widths[i]) : cells[i];
+    fmt::print("{}\n", text);
+  };
+  line(header);
+  for (const auto& r : rows) line(r);
 }
 
 void printText(const Listing& l) {
-  fmt::print("{:<16} {:<32} {:<22} {}\n", "Device", "Drives", "Serial", "Size");
-  for (const auto& d : l.lists.driveDictArray) fmt::print("{}\n", driveRow(*d.dict()));
-  if (l.lists.driveDictArray.empty()) fmt::print("(no drives)\n");
-  fmt::print("\n{:<16} {:<24} {:<12} {:<12} {}\n", "Device", "Volumes", "File System", "Size", "Journal");
-  for (const auto& v : l.lists.volumeDictArray) fmt::print("{}\n", volumeRow(*v.dict()));
-  if (l.lists.volumeDictArray.empty()) fmt::print("(no HFS+ or HFSX volumes)\n");
+  std::vector<std::vector<std::string>> drives, volumes;
+  for (const auto& d : l.lists.driveDictArray) drives.push_back(driveColumns(*d.dict()));
+  for (const auto& v : l.lists.volumeDictArray) volumes.push_back(volumeColumns(*v.dict()));
+  printTable({"Device", "Drives", "Serial", "Size"}, drives);
+  if (drives.empty()) fmt::print("(no drives)\n");
+  fmt::print("\n");
+  printTable({"Device", "Volumes", "File System", "Size", "Journal"}, volumes);
+  if (volumes.empty()) fmt::print("(no HFS+ or HFSX volumes)\n");
 }
 
 PlistDict jsonOf(const Listing& l) {
@@ -111,7 +131,7 @@ void printAccessNote(const Listing& l) {
 
 // The rows that differ between two lists, keyed by device path.
 void printChanges(const PlistArray& before, const PlistArray& now, const char* kind,
-                  const std::function<std::string(const PlistDict&)>& row) {
+                  const std::function<std::vector<std::string>(const PlistDict&)>& row) {
   auto find = [](const PlistArray& list, const std::string& path) -> const PlistDict* {
     for (const auto& item : list)
       if (item.dict()->string("device path") == path) return item.dict();
@@ -119,13 +139,13 @@ void printChanges(const PlistArray& before, const PlistArray& now, const char* k
   };
   for (const auto& item : before) {
     const PlistDict& d = *item.dict();
-    if (!find(now, d.string("device path"))) fmt::print("- {} {}\n", kind, row(d));
+    if (!find(now, d.string("device path"))) fmt::print("- {} {}\n", kind, joined(row(d)));
   }
   for (const auto& item : now) {
     const PlistDict& d = *item.dict();
     const PlistDict* old = find(before, d.string("device path"));
-    if (!old) fmt::print("+ {} {}\n", kind, row(d));
-    else if (!(*old == d)) fmt::print("~ {} {}\n", kind, row(d));
+    if (!old) fmt::print("+ {} {}\n", kind, joined(row(d)));
+    else if (!(*old == d)) fmt::print("~ {} {}\n", kind, joined(row(d)));
   }
 }
 
@@ -147,8 +167,8 @@ int watch(const DrivesOptions& opt, const DiscoveryRoots& roots, Listing current
       fmt::print("{}\n", PlistValue(out).toJson());
     } else {
       fmt::print("Change ({}):\n", driveChangeName(cause));
-      printChanges(current.lists.driveDictArray, next.lists.driveDictArray, "drive", driveRow);
-      printChanges(current.lists.volumeDictArray, next.lists.volumeDictArray, "volume", volumeRow);
+      printChanges(current.lists.driveDictArray, next.lists.driveDictArray, "drive", driveColumns);
+      printChanges(current.lists.volumeDictArray, next.lists.volumeDictArray, "volume", volumeColumns);
     }
     std::fflush(stdout);
     current = std::move(next);

@@ -101,6 +101,7 @@ DiscoveryRoots discoveryRootsFromEnvironment() {
   if (const char* v = std::getenv("AMBREL_SYSFS_ROOT"); v && *v) roots.sysfs = absolutePath(v);
   if (const char* v = std::getenv("AMBREL_DEV_ROOT"); v && *v) roots.dev = absolutePath(v);
   if (const char* v = std::getenv("AMBREL_MOUNTINFO"); v && *v) roots.mountinfo = absolutePath(v);
+  if (const char* v = std::getenv("AMBREL_UDEV_DATA"); v && *v) roots.udevData = absolutePath(v);
   return roots;
 }
 

@@ -40,8 +40,8 @@ std::unique_ptr<Volume> openVolume(const VolumeChoice& choice, CliController& co
 void addVolumeOptions(CLI::App& command, VolumeChoice& choice, const std::string& pathHelp);
 
 // Where drives are discovered: the running system, or the trees named by
-// AMBREL_SYSFS_ROOT, AMBREL_DEV_ROOT and AMBREL_MOUNTINFO (a rescue
-// system's, or a test's).
+// AMBREL_SYSFS_ROOT, AMBREL_DEV_ROOT, AMBREL_MOUNTINFO and AMBREL_UDEV_DATA
+// (a rescue system's, or a test's).
 DiscoveryRoots discoveryRootsFromEnvironment();
 
 // True for a path ending in ".asi" (any case): a scan info file.

@@ -149,6 +149,9 @@ void buildMachine(FakeTree& t) {
   t.addDisk("loop1", "virtual/block/loop1", "", 7, 1, 0);
   t.addDisk("zram0", "virtual/block/zram0", "", 252, 0, 8388608);
 
+  // Whole disks hold a node too (sdc4 alone has none: nothing can be read of it).
+  for (const char* disk : {"sda", "sdb", "sdc", "sde", "nvme0n1", "nvme0n2", "mmcblk0"}) t.setNode(disk, zeros);
+
   t.addMount(254, 0, "/", "ext4", "/dev/vda");
   t.addMount(0, 21, "/proc", "proc", "proc");
   t.addMount(8, 2, "/media/user/Mac HD", "hfsplus", "/dev/sda2");
