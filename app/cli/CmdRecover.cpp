@@ -13,6 +13,9 @@
 #include "cli/CliController.h"
 #include "cli/VolumeSelect.h"
 #include "output/Saver.h"
+#include "media/DriveFinder.h"
+#include "media/DriveList.h"
+#include "scaninfo/ScanInfoDrive.h"
 #include "scaninfo/VolumeScanInfo.h"
 #include "tree/CheckController.h"
 
@@ -25,6 +28,7 @@ struct RecoverOptions {
   bool advanced = false;
   std::string out;
   std::vector<std::string> patterns;
+  std::string drivePath;
 };
 
 std::atomic<Saver*> gSaving{nullptr};
@@ -58,9 +62,12 @@ size_t markMatching(HDIR& root, const std::vector<std::string>& patterns) {
   return matched;
 }
 
-// A volume from a scan info file, with its drive checked to be the one the
-// file was made from.
-std::unique_ptr<Volume> volumeFromScanInfo(const std::string& path, CliController& controller) {
+// A volume from a scan info file, reading from the drive the file was made
+// from: the drive at `drivePath` when given, else the one at the recorded
+// path or any attached drive with the same first sectors, model and serial
+// (for a volume device: the mounted volume of the same name and size).
+std::unique_ptr<Volume> volumeFromScanInfo(const std::string& path, const std::string& drivePath,
+                                           CliController& controller) {
   auto result = openScanInfo(path, &controller);
   fmt::print(stderr, "\n");
   if (!result.opened) {
@@ -68,19 +75,41 @@ std::unique_ptr<Volume> volumeFromScanInfo(const std::string& path, CliControlle
     return nullptr;
   }
   auto volume = std::move(result.opened->volume);
+  const DiscoveryRoots roots = discoveryRootsFromEnvironment();
+  PlistArray candidates;
   std::string error;
-  PlistDict drive = driveDictionaryForPath(volume->path, error);
-  bool connected = !drive.empty();
-  if (connected && volume->volumeScanType != 2)
-    connected = findScanInfoDrive(*volume, result.opened->first5Sectors, PlistArray{drive}) == 0;
-  if (!connected) {
-    fmt::print(stderr,
-               "ambrel-cli: Drive Not Connected: the drive {} to which this scan info belongs is either not "
-               "connected or has been modified.\n",
-               volume->path);
+  if (volume->volumeScanType == 2) {
+    const DriveLists lists = initialDriveList(roots);
+    const std::string wanted = drivePath.empty() ? std::string() : absolutePath(drivePath);
+    for (const auto& v : lists.volumeDictArray)
+      if (wanted.empty() || v.dict()->string("device path") == wanted) candidates.push_back(v);
+  } else if (!drivePath.empty()) {
+    PlistDict drive = driveDictionaryWithIdentity(drivePath, error, roots);
+    if (drive.empty()) {
+      fmt::print(stderr, "ambrel-cli: {}\n", error);
+      return nullptr;
+    }
+    candidates.push_back(std::move(drive));
+  } else {
+    // Where the file says first, then every attached drive.
+    if (PlistDict recorded = driveDictionaryWithIdentity(volume->path, error, roots); !recorded.empty())
+      candidates.push_back(std::move(recorded));
+    for (const auto& d : initialDriveList(roots).driveDictArray) candidates.push_back(d);
+  }
+  const ScanInfoDriveCheck check = checkScanInfoDrive(*volume, result.opened->first5Sectors, candidates);
+  if (!check.found) {
+    if (volume->volumeScanType == 2)
+      fmt::print(stderr, "ambrel-cli: {}: {}\n", kVolumeNotMountedTitle, volumeNotMountedMessage(volume->volumeName));
+    else
+      fmt::print(stderr, "ambrel-cli: {}: {} (recorded drive: {}{})\n", kDriveNotConnectedTitle,
+                 kDriveNotConnectedMessage, check.previousPath,
+                 drivePath.empty() ? "; --drive PATH names the drive under a new path" : "; given: " + drivePath);
     return nullptr;
   }
-  controller.setDrives(PlistArray{drive});
+  if (check.repointed)
+    fmt::print(stderr, "ambrel-cli: the drive of this scan info file, recorded as {}, is read from {}\n",
+               check.previousPath, volume->path);
+  controller.setDrives(PlistArray{candidates[static_cast<size_t>(check.index)]});
   return volume;
 }
 
@@ -88,7 +117,7 @@ int runRecover(RecoverOptions& opt) {
   CliController controller;
   std::unique_ptr<Volume> volume;
   if (isScanInfoPath(opt.choice.path)) {
-    volume = volumeFromScanInfo(opt.choice.path, controller);
+    volume = volumeFromScanInfo(opt.choice.path, opt.drivePath, controller);
     if (!volume) return 2;
   } else {
     std::string error;
@@ -162,6 +191,9 @@ void registerRecoverCommands(CLI::App& app, std::function<int()>& run) {
   cmd->add_option("--select", opt.patterns,
                   "Save the entries whose path, as the tree command lists it, matches this shell pattern "
                   "(repeatable; default: everything)");
+  cmd->add_option("--drive", opt.drivePath,
+                  "With a scan info file: the drive (or image) it was made from, now under this path; it must hold "
+                  "the same first sectors, model and serial");
   cmd->callback([&run] { run = [] { return runRecover(opt); }; });
 }
 

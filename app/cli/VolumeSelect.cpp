@@ -17,7 +17,9 @@ namespace ambrel::cli {
 
 PlistDict chooseVolume(const VolumeChoice& choice, CliController& controller, std::string& error,
                        PlistArray* volumeList) {
-  PlistDict drive = driveDictionaryForPath(choice.path, error);
+  // The drive's own model and serial go into scan info files, so that the
+  // drive is known again under another path.
+  PlistDict drive = driveDictionaryWithIdentity(choice.path, error, discoveryRootsFromEnvironment());
   if (drive.empty()) return {};
   controller.setDrives(PlistArray{drive});
   DMedia media(drive, &controller);
