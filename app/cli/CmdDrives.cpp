@@ -64,9 +64,12 @@ Listing buildListing(const DiscoveryRoots& roots) {
   return l;
 }
 
+// "?" for a mounted volume whose header could not be read.
 std::string journalText(const PlistDict& v) {
   const std::string j = v.string("Journaled");
-  return j == "Yes" ? "Journaled" : j == "No" ? "-" : v.contains("Volume Name") && v.string("Volume Name") != "-" ? "?" : "-";
+  if (j == "Yes") return "Journaled";
+  if (j == "No") return "-";
+  return v.string("Volume Name", "-") != "-" ? "?" : "-";
 }
 
 std::vector<std::string> driveColumns(const PlistDict& d) {

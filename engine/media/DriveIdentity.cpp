@@ -25,11 +25,11 @@ std::string lower(std::string s) {
   return s;
 }
 
-// The folders from the device up to the sysfs root, nearest first.
+// The folders from the device up to sysfs's devices folder, nearest first.
 std::vector<fs::path> ancestry(const BlockDevice& d) {
   std::vector<fs::path> out;
   fs::path p(d.sysPath);
-  for (int guard = 0; guard < 64 && p.has_relative_path() && p != p.parent_path(); ++guard) {
+  for (int guard = 0; guard < 64 && p.has_relative_path() && p.filename() != "devices"; ++guard) {
     out.push_back(p);
     p = p.parent_path();
   }

@@ -117,6 +117,8 @@ void DriveWatcher::LaunchThread() {
   if (s.started) return;
   s.started = true;
   s.stopFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  // Without a way to wake it, the thread could never be stopped: no thread.
+  if (s.stopFd < 0) return;
   if (roots_.udevApplies()) {
     s.u = udev_new();
     // Without a udev daemon nothing is relayed on the "udev" source.

@@ -35,8 +35,9 @@ class DriveWatcher {
   DriveWatcher(const DriveWatcher&) = delete;
   DriveWatcher& operator=(const DriveWatcher&) = delete;
 
-  // Starts the notification thread (once). The tree as it is now is the
-  // baseline: a change made after this returns is seen.
+  // Starts the notification thread (once; none when the system has no
+  // event descriptor left). The tree as it is now is the baseline: a change
+  // made after this returns is seen.
   void LaunchThread();
   // Ends the thread; a refresh under way finishes first.
   void stop();
