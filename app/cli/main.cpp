@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 
@@ -59,6 +60,17 @@ int runInfo(const InfoOptions& opt) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Damage simulated under every drive this run opens: the test suites'
+  // way to show what a bad sector or a vanishing drive does to a command.
+  if (const char* faults = std::getenv("AMBREL_SECTOR_FAULTS"); faults && *faults) {
+    std::string error;
+    auto table = SectorFaults::fromText(faults, error);
+    if (!table) {
+      fmt::print(stderr, "ambrel-cli: AMBREL_SECTOR_FAULTS: {}\n", error);
+      return 2;
+    }
+    SectorFaults::setProcessDefault(std::move(table));
+  }
   CLI::App app{"Tarnwell Ambrel: recover files and folders from HFS+ and HFSX drives and disk images.\n"
                "Drives and images are only ever read.",
                "ambrel-cli"};

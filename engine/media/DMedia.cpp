@@ -25,7 +25,7 @@ std::string formatted(const PlistDict& dict, const char* key) {
 }
 
 // Reads until count sectors are in or the device ends; -1 when any read fails.
-int64_t preadSectors(int fd, uint64_t sector, int32_t count, void* buffer) {
+int64_t preadSectors(int fd, SectorFaults* faults, uint64_t sector, int32_t count, void* buffer) {
   if (sector > static_cast<uint64_t>(INT64_MAX) / kSectorSize) {
     errno = EINVAL;
     return -1;
@@ -36,7 +36,9 @@ int64_t preadSectors(int fd, uint64_t sector, int32_t count, void* buffer) {
   const uint64_t offset = sector * kSectorSize;
   while (done < want) {
     if (offset + done > static_cast<uint64_t>(INT64_MAX)) break;
-    ssize_t got = ::pread(fd, out + done, want - done, static_cast<off_t>(offset + done));
+    const size_t piece = static_cast<size_t>(want - done);
+    const off_t at = static_cast<off_t>(offset + done);
+    ssize_t got = faults ? faults->pread(fd, out + done, piece, at) : ::pread(fd, out + done, piece, at);
     if (got < 0) {
       if (errno == EINTR) continue;
       return -1;
@@ -85,6 +87,7 @@ DMedia::DMedia(const PlistDict& driveDict, AppControllerInterface* controller) {
     revision = formatted(driveDict, "Product Revision Level");
   }
   cPath = path;
+  faults_ = SectorFaults::processDefault();
   ensureOpen();
 }
 
@@ -106,7 +109,7 @@ bool DMedia::ensureOpen() {
 
 int64_t DMedia::readRaw(uint64_t sector, int32_t count, void* buffer) {
   if (!ensureOpen()) return -1;
-  return preadSectors(fd_.load(), sector, count, buffer);
+  return preadSectors(fd_.load(), faults_.get(), sector, count, buffer);
 }
 
 bool DMedia::isListed(const PlistArray& dicts) const {
@@ -170,7 +173,7 @@ bool readAppSector(AppControllerInterface* appController, uint64_t sector, const
   if (count < 0) return false;
   if (count == 0) return true;
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  int64_t got = fd >= 0 ? preadSectors(fd, sector, count, buffer) : -1;
+  int64_t got = fd >= 0 ? preadSectors(fd, nullptr, sector, count, buffer) : -1;
   if (fd >= 0) ::close(fd);
   if (got >= 0) return true;
   if (!appController) return false;

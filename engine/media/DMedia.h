@@ -4,6 +4,7 @@
 // object's life; every read is a positioned read on it.
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
@@ -12,6 +13,7 @@
 #include "base/AppControllerInterface.h"
 #include "base/PlistValue.h"
 #include "media/Records.h"
+#include "media/SectorFaults.h"
 #include "tree/Extent.h"
 #include "tree/KeyedTable.h"
 
@@ -40,6 +42,10 @@ class DMedia {
   bool readSector(uint64_t sector, int32_t count, void* buffer);
   bool readPreviewSector(uint64_t sector, int32_t count, void* buffer);
   bool readSaveSector(uint64_t sector, int32_t count, void* buffer);
+
+  // Reads through this fault table from now on (tests); null reads the
+  // device as it is. A new DMedia takes SectorFaults::processDefault().
+  void setSectorFaults(std::shared_ptr<SectorFaults> faults) { faults_ = std::move(faults); }
 
   PartitionTableKind partitionTableKind();
 
@@ -141,6 +147,7 @@ class DMedia {
 
   std::mutex openMutex_;
   std::atomic<int> fd_{-1};
+  std::shared_ptr<SectorFaults> faults_;
 };
 
 // The controller's own reader, for a device path no DMedia holds (a mounted
