@@ -24,29 +24,40 @@ std::string formatted(const PlistDict& dict, const char* key) {
   return v ? v->describe() : PlistValue().describe();
 }
 
-// Reads until count sectors are in or the device ends; -1 when any read fails.
-int64_t preadSectors(int fd, SectorFaults* faults, uint64_t sector, int32_t count, void* buffer) {
+// Reads until count sectors are in, the device ends or a read fails. What
+// came in before a failure is kept and counted: the caller decides what to
+// do with a partly read piece.
+struct Preaded {
+  uint64_t bytes = 0;
+  int error = 0;  // errno of the read that failed; 0 when the device ended
+};
+
+Preaded preadSectors(int fd, SectorFaults* faults, uint64_t sector, int32_t count, void* buffer) {
+  Preaded r;
   if (sector > static_cast<uint64_t>(INT64_MAX) / kSectorSize) {
-    errno = EINVAL;
-    return -1;
+    r.error = EINVAL;
+    return r;
   }
   const uint64_t want = static_cast<uint64_t>(count) * kSectorSize;
-  uint64_t done = 0;
   auto* out = static_cast<uint8_t*>(buffer);
   const uint64_t offset = sector * kSectorSize;
-  while (done < want) {
-    if (offset + done > static_cast<uint64_t>(INT64_MAX)) break;
-    const size_t piece = static_cast<size_t>(want - done);
-    const off_t at = static_cast<off_t>(offset + done);
-    ssize_t got = faults ? faults->pread(fd, out + done, piece, at) : ::pread(fd, out + done, piece, at);
+  while (r.bytes < want) {
+    if (offset + r.bytes > static_cast<uint64_t>(INT64_MAX)) {
+      r.error = EINVAL;
+      break;
+    }
+    const size_t piece = static_cast<size_t>(want - r.bytes);
+    const off_t at = static_cast<off_t>(offset + r.bytes);
+    const ssize_t got = faults ? faults->pread(fd, out + r.bytes, piece, at) : ::pread(fd, out + r.bytes, piece, at);
     if (got < 0) {
       if (errno == EINTR) continue;
-      return -1;
+      r.error = errno;
+      break;
     }
     if (got == 0) break;
-    done += static_cast<uint64_t>(got);
+    r.bytes += static_cast<uint64_t>(got);
   }
-  return static_cast<int64_t>(done);
+  return r;
 }
 
 }  // namespace
@@ -107,9 +118,10 @@ bool DMedia::ensureOpen() {
   return true;
 }
 
-int64_t DMedia::readRaw(uint64_t sector, int32_t count, void* buffer) {
-  if (!ensureOpen()) return -1;
-  return preadSectors(fd_.load(), faults_.get(), sector, count, buffer);
+DMedia::RawRead DMedia::readRaw(uint64_t sector, int32_t count, void* buffer) {
+  if (!ensureOpen()) return {0, errno ? errno : ENOENT};
+  const Preaded r = preadSectors(fd_.load(), faults_.get(), sector, count, buffer);
+  return {r.bytes, r.error};
 }
 
 bool DMedia::isListed(const PlistArray& dicts) const {
@@ -119,11 +131,14 @@ bool DMedia::isListed(const PlistArray& dicts) const {
   return false;
 }
 
-bool DMedia::readSector(uint64_t sector, int32_t count, void* buffer) {
+bool DMedia::read(Reader reader, uint64_t sector, int32_t count, void* buffer, uint64_t* bytesRead) {
+  if (bytesRead) *bytesRead = 0;
   if (count < 0) return false;
   if (count == 0) return true;
-  if (!ensureOpen()) {
+  const uint64_t want = static_cast<uint64_t>(count) * kSectorSize;
+  if (reader == Reader::Scan && !ensureOpen()) {
     const int openError = errno;
+    std::memset(buffer, 0, want);
     std::string message = fmt::format("A valid fileDesc could not be obtained for drive: {}", path);
     // A drive this user may not read: say how to get access, not just that it failed.
     if (const std::string hint = deviceAccessHint(path); !hint.empty() && (openError == EACCES || openError == EPERM))
@@ -131,35 +146,41 @@ bool DMedia::readSector(uint64_t sector, int32_t count, void* buffer) {
     if (appController) appController->alert("! Could not open drive", message, {"OK"});
     return false;
   }
-  if (readRaw(sector, count, buffer) >= 0) return true;
-  if (!appController) return false;
-  // Still listed: the drive is there and the caller handles the bad sector.
-  if (isListed(appController->driveDictArray()) || isListed(appController->volumeDictArray())) return false;
-  appController->alert("! Error", fmt::format("{} The Program will quit now.", kDriveGone), {"Quit"});
-  appController->terminateApp();
+  const RawRead r = readRaw(sector, count, buffer);
+  if (bytesRead) *bytesRead = r.bytes;
+  if (r.bytes == want) return true;
+  // A short read is a failed read, and nothing of an earlier read may stay
+  // behind what this one delivered.
+  std::memset(static_cast<uint8_t*>(buffer) + r.bytes, 0, want - r.bytes);
+  // The device ending early is no sign of its loss; only a failing read asks.
+  if (r.error != 0) reportIfGone(reader);
   return false;
 }
 
-bool DMedia::reportGoneForPreviewOrSave(const char* title) {
-  if (!appController) return false;
-  if (isListed(appController->driveDictArray()) || isListed(appController->volumeDictArray())) return false;
-  appController->alert(title, kDriveGone, {"OK"});
+void DMedia::reportIfGone(Reader reader) {
+  if (!appController) return;
+  // Still listed: the drive is there and the caller handles the bad sector.
+  if (isListed(appController->driveDictArray()) || isListed(appController->volumeDictArray())) return;
+  if (reader == Reader::Scan) {
+    appController->alert("! Error", fmt::format("{} The Program will quit now.", kDriveGone), {"Quit"});
+    appController->terminateApp();
+    return;
+  }
+  appController->alert(reader == Reader::Preview ? "! Can not show preview" : "! Can not save files", kDriveGone,
+                       {"OK"});
   appController->previewClose();
-  return false;
+}
+
+bool DMedia::readSector(uint64_t sector, int32_t count, void* buffer) {
+  return read(Reader::Scan, sector, count, buffer);
 }
 
 bool DMedia::readPreviewSector(uint64_t sector, int32_t count, void* buffer) {
-  if (count < 0) return false;
-  if (count == 0) return true;
-  if (readRaw(sector, count, buffer) >= 0) return true;
-  return reportGoneForPreviewOrSave("! Can not show preview");
+  return read(Reader::Preview, sector, count, buffer);
 }
 
 bool DMedia::readSaveSector(uint64_t sector, int32_t count, void* buffer) {
-  if (count < 0) return false;
-  if (count == 0) return true;
-  if (readRaw(sector, count, buffer) >= 0) return true;
-  return reportGoneForPreviewOrSave("! Can not save files");
+  return read(Reader::Save, sector, count, buffer);
 }
 
 PartitionTableKind DMedia::partitionTableKind() {
@@ -173,10 +194,12 @@ bool readAppSector(AppControllerInterface* appController, uint64_t sector, const
   if (count < 0) return false;
   if (count == 0) return true;
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  int64_t got = fd >= 0 ? preadSectors(fd, nullptr, sector, count, buffer) : -1;
+  const Preaded r = fd >= 0 ? preadSectors(fd, nullptr, sector, count, buffer) : Preaded{0, errno};
   if (fd >= 0) ::close(fd);
-  if (got >= 0) return true;
-  if (!appController) return false;
+  const uint64_t want = static_cast<uint64_t>(count) * kSectorSize;
+  if (r.bytes == want) return true;
+  std::memset(static_cast<uint8_t*>(buffer) + r.bytes, 0, want - r.bytes);
+  if (!appController || r.error == 0) return false;
   for (const auto& d : appController->volumeDictArray()) {
     if (const PlistDict* dict = d.dict(); dict && dict->string("device path") == path) return false;
   }

@@ -37,8 +37,10 @@ class DMedia {
   DMedia(const DMedia&) = delete;
   DMedia& operator=(const DMedia&) = delete;
 
-  // Positioned reads of count sectors; a short read counts as success, a read
-  // of 0 sectors succeeds without touching the buffer.
+  // Positioned reads of count sectors. A read succeeds only when every byte
+  // asked for came back; what a failed or short read did not deliver is
+  // zeroed, what it did deliver is kept. A read of 0 sectors succeeds
+  // without touching the buffer.
   bool readSector(uint64_t sector, int32_t count, void* buffer);
   bool readPreviewSector(uint64_t sector, int32_t count, void* buffer);
   bool readSaveSector(uint64_t sector, int32_t count, void* buffer);
@@ -118,15 +120,21 @@ class DMedia {
   std::string cPath;
   std::vector<uint64_t> volFoundAtSectorArray;
 
- protected:
-  enum class ReadFailure { Terminate, PreviewOrSave };
-
  private:
-  // -1 on a failed open or read (errno kept), else bytes read.
-  int64_t readRaw(uint64_t sector, int32_t count, void* buffer);
+  enum class Reader { Scan, Preview, Save };
+  // Bytes read before the read ended, and the errno that ended it (0 when
+  // the device simply ended).
+  struct RawRead {
+    uint64_t bytes = 0;
+    int error = 0;
+  };
+  RawRead readRaw(uint64_t sector, int32_t count, void* buffer);
   bool ensureOpen();
   bool isListed(const PlistArray& dicts) const;
-  bool reportGoneForPreviewOrSave(const char* title);
+  // Every reader: reads, zeroes what was not delivered, asks whether a
+  // failing drive is still there. bytesRead (optional) receives what came back.
+  bool read(Reader reader, uint64_t sector, int32_t count, void* buffer, uint64_t* bytesRead = nullptr);
+  void reportIfGone(Reader reader);
   PlistDict volumeDictionary(uint64_t start, uint64_t sizeInSectors, std::string name, int scanType) const;
   // Steps shared by both naming passes once vib holds a volume header: the
   // B-tree files' extents and header nodes, then the root folder's name.

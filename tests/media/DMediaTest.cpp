@@ -85,20 +85,28 @@ TEST_F(ImageFixture, ReadsWholeSectorsAtSectorOffsets) {
   EXPECT_TRUE(controller.alerts.empty());
 }
 
-TEST_F(ImageFixture, ZeroSectorsShortReadsAndReadsPastTheEnd) {
+TEST_F(ImageFixture, ZeroSectorsSucceedShortReadsFailWithTheRestZeroed) {
   DMedia media(*controller.drives[0].dict(), &controller);
   std::vector<uint8_t> buf(1024, 0x5A);
   EXPECT_TRUE(media.readSector(0, 0, buf.data()));
   EXPECT_TRUE(std::all_of(buf.begin(), buf.end(), [](uint8_t b) { return b == 0x5A; }));
 
-  // Past the end: zero bytes come back, which counts as success; buffer unchanged.
-  EXPECT_TRUE(media.readSector(100, 2, buf.data()));
-  EXPECT_TRUE(std::all_of(buf.begin(), buf.end(), [](uint8_t b) { return b == 0x5A; }));
+  // Past the end nothing comes back: a failed read, and nothing of what the
+  // buffer held before (the previous node, say) may pass for its content.
+  EXPECT_FALSE(media.readSector(100, 2, buf.data()));
+  EXPECT_TRUE(std::all_of(buf.begin(), buf.end(), [](uint8_t b) { return b == 0; }));
 
-  // Straddling the end: a short read is a success with what was there.
-  EXPECT_TRUE(media.readSector(7, 2, buf.data()));
-  EXPECT_EQ(0, std::memcmp(buf.data(), &bytes[7 * 512], 512));
-  EXPECT_EQ(buf[512], 0x5A);
+  // Straddling the end: what was there is kept, the rest zeroed, and the
+  // read still fails. The same for every reader.
+  for (int reader = 0; reader < 3; ++reader) {
+    std::fill(buf.begin(), buf.end(), 0x5A);
+    const bool ok = reader == 0   ? media.readSector(7, 2, buf.data())
+                    : reader == 1 ? media.readPreviewSector(7, 2, buf.data())
+                                  : media.readSaveSector(7, 2, buf.data());
+    EXPECT_FALSE(ok) << reader;
+    EXPECT_EQ(0, std::memcmp(buf.data(), &bytes[7 * 512], 512)) << reader;
+    EXPECT_TRUE(std::all_of(buf.begin() + 512, buf.end(), [](uint8_t b) { return b == 0; })) << reader;
+  }
 
   // An offset beyond what a file offset can hold fails like any failed read.
   EXPECT_FALSE(media.readSector(UINT64_MAX / 256, 1, buf.data()));
