@@ -166,7 +166,7 @@ int runCarve(CarveOptions& opt) {
   fmt::print(stderr, "Carved: {} files, {} ({} blocks of {} bytes examined)\n", volume->fileCount,
              sizeText(volume->dataSize), stats.examined, uint64_t(volume->blockSize) * 512);
   if (stats.unreadableBatches)
-    fmt::print(stderr, "ambrel-cli: {} batches of blocks could not be read; nothing was found in them\n",
+    fmt::print(stderr, "ambrel-cli: {} batches of blocks held sectors that could not be read; nothing was found in those sectors\n",
                stats.unreadableBatches);
   if (stats.sizesCut)
     fmt::print(stderr, "ambrel-cli: {} files reached past the end of the drive and were cut there\n", stats.sizesCut);

@@ -144,20 +144,17 @@ struct SignatureSearch::Batch : SectorSource {
   }
 
   // Reads `want` sectors from `at` into the buffer; what lies past the drive
-  // or could not be read is zero.
+  // or could not be read is zero. A bad sector costs only itself; false when
+  // there was one.
   bool fill(uint64_t at, uint64_t want) {
     first = at;
     const size_t bytes = static_cast<size_t>(want) * kSectorSize;
     if (buffer.size() < bytes) buffer.resize(bytes);
     sectors = at < driveSectors ? std::min(want, driveSectors - at) : 0;
-    good = sectors > 0 && volume.readSector(at, static_cast<int32_t>(sectors), buffer.data());
-    if (!good) {
-      std::memset(buffer.data(), 0, bytes);
-      sectors = 0;
-    } else if (sectors < want) {
-      std::memset(buffer.data() + sectors * kSectorSize, 0, bytes - sectors * kSectorSize);
-    }
-    return good;
+    good = sectors > 0;
+    const bool whole = !good || volume.readSectorsSalvaging(at, sectors, buffer.data()) == 0;
+    if (sectors < want) std::memset(buffer.data() + sectors * kSectorSize, 0, bytes - sectors * kSectorSize);
+    return whole;
   }
 };
 

@@ -47,7 +47,7 @@ struct SigGroup {
 struct SearchStats {
   uint64_t examined = 0;          // the examined counter, skips included
   uint64_t accepted = 0;          // matches a validator accepted
-  uint64_t unreadableBatches = 0; // batch reads that failed (their blocks matched nothing)
+  uint64_t unreadableBatches = 0; // batches holding sectors that could not be read (those read as zeros)
   uint64_t notListed = 0;         // accepted past the 32-bit block numbers an extent can hold
   uint64_t sizesCut = 0;          // files whose size was cut at the drive's end
   bool stopped = false;

@@ -206,7 +206,8 @@ void Volume::searchCatFrags() {
   const auto start = std::chrono::steady_clock::now();
 
   // Reads are batched (32 chunks, about 1 MiB, per read) so the search keeps
-  // up with the disk; the search itself still goes chunk by chunk.
+  // up with the disk; the search itself still goes chunk by chunk. A bad
+  // sector reads as zeros and costs only itself.
   constexpr uint64_t kBatchSectors = uint64_t{kSearchChunkSectors} * 32;
   std::vector<uint8_t> batch(kBatchSectors * kSectorSize);
   uint8_t first[kSectorSize];
@@ -215,18 +216,13 @@ void Volume::searchCatFrags() {
   const uint64_t begin = startSector, end = startSector + sizeInSect;
   for (uint64_t batchStart = begin; batchStart < end && !stopTreeThread; batchStart += kBatchSectors) {
     const uint64_t batchCount = std::min<uint64_t>(kBatchSectors, end - batchStart);
-    const bool batchRead = readSector(batchStart, static_cast<int32_t>(batchCount), batch.data());
+    readSectorsSalvaging(batchStart, batchCount, batch.data());
     for (uint64_t pos = batchStart; pos < batchStart + batchCount && !stopTreeThread; pos += kSearchChunkSectors, ++done) {
       if (done > 0 && done % 100 == 0)
         report({{progress::kProgressStatus, status},
                 {progress::kBarIncrement, uint64_t{100}},
                 {progress::kTimeRemaining, timeRemainingText(secondsSince(start), done, chunks)}});
       const uint64_t count = std::min<uint64_t>(kSearchChunkSectors, batchStart + batchCount - pos);
-      // A bad sector fails the whole batch: read its chunks one by one, so
-      // that only the chunk holding it is lost.
-      if (!batchRead &&
-          !readSector(pos, static_cast<int32_t>(count), &batch[(pos - batchStart) * kSectorSize]))
-        continue;
       for (uint64_t s = 0; s < count; ++s) {
         const uint64_t here = pos + s;
         const uint8_t* sector = &batch[(here - batchStart) * kSectorSize];

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fmt/format.h>
@@ -181,6 +182,32 @@ bool DMedia::readPreviewSector(uint64_t sector, int32_t count, void* buffer) {
 
 bool DMedia::readSaveSector(uint64_t sector, int32_t count, void* buffer) {
   return read(Reader::Save, sector, count, buffer);
+}
+
+uint64_t DMedia::readSectorsSalvaging(uint64_t sector, uint64_t count, void* buffer) {
+  constexpr uint64_t kChunk = 63;
+  auto* bytes = static_cast<uint8_t*>(buffer);
+  uint64_t got = 0;
+  // The whole piece first: the only read when nothing is wrong.
+  if (count <= INT32_MAX && read(Reader::Scan, sector, static_cast<int32_t>(count), buffer, &got)) return 0;
+  uint64_t bad = 0;
+  uint64_t pos = got / kSectorSize;  // whole sectors already in
+  while (pos < count) {
+    const uint64_t n = std::min(kChunk - pos % kChunk, count - pos);
+    uint8_t* at = bytes + pos * kSectorSize;
+    if (read(Reader::Scan, sector + pos, static_cast<int32_t>(n), at, &got)) {
+      pos += n;
+      continue;
+    }
+    // The chunk failed: its sectors one by one, from the first not yet in.
+    for (uint64_t i = got / kSectorSize; i < n; ++i) {
+      if (read(Reader::Scan, sector + pos + i, 1, at + i * kSectorSize)) continue;
+      ++bad;
+      readErrors.noteSector(sector + pos + i);
+    }
+    pos += n;
+  }
+  return bad;
 }
 
 PartitionTableKind DMedia::partitionTableKind() {

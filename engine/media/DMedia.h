@@ -12,6 +12,7 @@
 
 #include "base/AppControllerInterface.h"
 #include "base/PlistValue.h"
+#include "media/ReadErrors.h"
 #include "media/Records.h"
 #include "media/SectorFaults.h"
 #include "tree/Extent.h"
@@ -44,6 +45,16 @@ class DMedia {
   bool readSector(uint64_t sector, int32_t count, void* buffer);
   bool readPreviewSector(uint64_t sector, int32_t count, void* buffer);
   bool readSaveSector(uint64_t sector, int32_t count, void* buffer);
+
+  // count sectors read as one piece when possible; when that fails, again in
+  // 63-sector chunks and then sector by sector, so that a bad sector costs
+  // only itself. Unreadable sectors are zeroed and noted in readErrors.
+  // Returns how many sectors could not be read.
+  uint64_t readSectorsSalvaging(uint64_t sector, uint64_t count, void* buffer);
+
+  // What the current scan or search could not read (written by the
+  // scanning thread only).
+  ReadErrors readErrors;
 
   // Reads through this fault table from now on (tests); null reads the
   // device as it is. A new DMedia takes SectorFaults::processDefault().

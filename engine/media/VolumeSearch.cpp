@@ -30,7 +30,7 @@ double secondsSince(Clock::time_point t) { return std::chrono::duration<double>(
 bool isHFSPlusSignature(uint16_t sig) { return sig == kHFSPlusSigWord || sig == kHFSXSigWord; }
 
 // Consecutive 63-sector chunks read in larger pieces. Sectors past the drive's
-// end read as zeros.
+// end, and sectors that cannot be read, read as zeros.
 class ChunkWindow {
  public:
   explicit ChunkWindow(DMedia& media) : media_(media), buffer_(kChunksPerRead * kChunkBytes) {}
@@ -42,10 +42,10 @@ class ChunkWindow {
       valid_ = true;
       const uint64_t left = media_.sizeInSect > sector ? media_.sizeInSect - sector : 0;
       const uint64_t count = std::min(left, span);
-      // Past the drive's end, and after a failed read, no stale candidates stay behind.
+      // Past the drive's end no stale candidates stay behind; a bad sector
+      // reads as zeros and costs only itself.
       std::memset(buffer_.data() + count * kSectorSize, 0, buffer_.size() - count * kSectorSize);
-      if (count > 0 && !media_.readSector(sector, static_cast<int32_t>(count), buffer_.data()))
-        std::memset(buffer_.data(), 0, count * kSectorSize);
+      if (count > 0) media_.readSectorsSalvaging(sector, count, buffer_.data());
     }
     return buffer_.data() + (sector - start_) * kSectorSize;
   }
