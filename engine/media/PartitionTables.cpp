@@ -116,14 +116,18 @@ void DMedia::readAndInterpretGPT() {
   const uint32_t perSector = kSectorSize / entrySize;
   const uint64_t count = hdr.numberOfPartitionEntries;
   const uint64_t arrayLBA = hdr.partitionEntryLBA;
-  if (count == 0 || arrayLBA >= sizeInSect) return;
-  const uint64_t lastSector = arrayLBA + (count - 1) / perSector;
-  if (lastSector >= sizeInSect || lastSector < arrayLBA) return;
 
+  // Entries are read until the first empty one; a count or an array that
+  // runs past the drive ends at the drive's end, as the table itself must.
   uint8_t sector[kSectorSize];
+  uint64_t loaded = UINT64_MAX;
   for (uint64_t i = 0; i < count; ++i) {
-    std::memset(sector, 0, sizeof sector);
-    readSector(arrayLBA + i / perSector, 1, sector);
+    const uint64_t at = arrayLBA + i / perSector;
+    if (at < arrayLBA || at >= sizeInSect) break;
+    if (at != loaded) {
+      readSector(at, 1, sector);
+      loaded = at;
+    }
     GUIDPartitionTableEntry entry;
     std::memcpy(&entry, sector + (i % perSector) * entrySize, sizeof entry);
     convertGPTEntry(&entry);

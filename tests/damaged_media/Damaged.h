@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <set>
@@ -35,10 +36,10 @@ struct BuiltDrive {
   uint64_t sectors() const { return std::filesystem::file_size(path) / 512; }
   // Overwrites bytes of the image in place.
   void patch(uint64_t byteOffset, const std::vector<uint8_t>& bytes) const {
-    std::vector<uint8_t> all = readFile(path);
-    if (byteOffset + bytes.size() > all.size()) all.resize(byteOffset + bytes.size());
-    std::copy(bytes.begin(), bytes.end(), all.begin() + static_cast<long>(byteOffset));
-    writeFile(path, all);
+    std::fstream f(path, std::ios::in | std::ios::out | std::ios::binary);
+    f.seekp(static_cast<std::streamoff>(byteOffset));
+    f.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    ASSERT_TRUE(f.good()) << "cannot patch " << path;
   }
   void truncateTo(uint64_t bytes) const { std::filesystem::resize_file(path, bytes); }
 };
