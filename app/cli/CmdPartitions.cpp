@@ -8,7 +8,9 @@
 #include <csignal>
 #include <cstdio>
 #include <functional>
+#include <map>
 #include <memory>
+#include <optional>
 
 #include "cli/CliController.h"
 #include "media/DMedia.h"
@@ -40,9 +42,23 @@ std::string shownName(const PlistDict& volume) {
   return name;
 }
 
-void printVolumes(const PlistArray& volumes, bool json, bool found) {
+// cutToDrive: volume start -> the size the partition table gave, for the
+// volumes whose size was cut at the drive's end.
+void printVolumes(const PlistArray& volumes, bool json, bool found,
+                  const std::map<uint64_t, uint64_t>& cutToDrive = {}) {
+  auto tableSize = [&](const PlistDict& d) -> std::optional<uint64_t> {
+    const auto it = cutToDrive.find(d.u64("Volume Start"));
+    if (it == cutToDrive.end()) return std::nullopt;
+    return it->second;
+  };
   if (json) {
-    fmt::print("{}\n", PlistValue(volumes).toJson());
+    PlistArray shown;
+    for (const auto& v : volumes) {
+      PlistDict d = *v.dict();
+      if (auto size = tableSize(d)) d.set("Size In Table", *size);
+      shown.push_back(std::move(d));
+    }
+    fmt::print("{}\n", PlistValue(shown).toJson());
     return;
   }
   if (volumes.empty()) {
@@ -63,8 +79,10 @@ void printVolumes(const PlistArray& volumes, bool json, bool found) {
                  d.u64("Volume Size In Sectors"), d.string("Validity Column"), d.string("Volume Validity"),
                  shownName(d), alternate ? fmt::format("  (from the alternate header at sector {})", alternate) : "");
     } else {
-      fmt::print("{:>3}  {:>14}  {:>14}  {}\n", number, d.u64("Volume Start"), d.u64("Volume Size In Sectors"),
-                 shownName(d));
+      const auto size = tableSize(d);
+      fmt::print("{:>3}  {:>14}  {:>14}  {}{}\n", number, d.u64("Volume Start"), d.u64("Volume Size In Sectors"),
+                 shownName(d),
+                 size ? fmt::format("  (the table says {} sectors; cut to the drive's end)", *size) : "");
     }
   }
 }
@@ -95,7 +113,7 @@ int runPartitions(const PartitionOptions& opt) {
   if (!media) return status;
   PlistArray volumes;
   media->initialize(volumes);
-  printVolumes(volumes, opt.json, false);
+  printVolumes(volumes, opt.json, false, media->sizesCutToDrive);
   return 0;
 }
 

@@ -1,5 +1,6 @@
 // The tree scan of one volume: the catalog leaf walk ("Normal Scan") and its
 // entry point, which also drives the node searches of the advanced scan.
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <unordered_set>
@@ -69,6 +70,9 @@ void Volume::startMakingTree(AppControllerInterface* controller, const std::stri
   advScanEntriesCanBePutIntoOrphanEntryArray = false;
   const bool advanced = treeScanMode == 1;
   bool alertShown = false;
+  // A size from a damaged table or file: the scans cover the drive, no more.
+  if (const uint64_t drive = deviceSectors(); drive > 0)
+    sizeInSect = std::min(sizeInSect, drive > startSector ? drive - startSector : 0);
 
   bool usable = initializeVIB();
   if (usable) {

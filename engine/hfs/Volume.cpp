@@ -255,6 +255,8 @@ bool Volume::checkCatalogAndExtentsFile() {
          extentsForID(kCatalogFileID, kDataForkType, static_cast<uint32_t>(sum), vib.catalogFile.totalBlocks))
       catalogExt.push_back(e);
   }
+  // Block counts come from disk: the node searches walk nothing past the volume.
+  cutExtentsToBlocks(catalogExt, volumeBlocksOnDrive());
   return true;
 }
 
@@ -281,6 +283,7 @@ void Volume::getCatalogExtFromVIB() {
     if (d.blockCount == 0) break;
     catalogExtAsPerVIB.push_back({d.startBlock, d.blockCount});
   }
+  cutExtentsToBlocks(catalogExtAsPerVIB, volumeBlocksOnDrive());
 }
 
 namespace {

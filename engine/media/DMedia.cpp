@@ -125,6 +125,25 @@ DMedia::RawRead DMedia::readRaw(uint64_t sector, int32_t count, void* buffer) {
   return {r.bytes, r.error};
 }
 
+uint64_t DMedia::deviceSectors() {
+  if (!ensureOpen()) return 0;
+  struct stat st {};
+  const int fd = fd_.load();
+  if (::fstat(fd, &st) != 0) return 0;
+  if (S_ISREG(st.st_mode)) return static_cast<uint64_t>(st.st_size) / kSectorSize;
+  uint64_t bytes = 0;
+  if (S_ISBLK(st.st_mode) && ::ioctl(fd, BLKGETSIZE64, &bytes) == 0) return bytes / kSectorSize;
+  return 0;
+}
+
+uint64_t DMedia::volumeBlocksOnDrive() {
+  if (blockSize <= 0) return 0;
+  uint64_t driveEnd = deviceSectors();
+  if (driveEnd == 0) driveEnd = sizeInSect;  // not known: what the drive dictionary said
+  const uint64_t onDrive = driveEnd > HPlusVolStart ? (driveEnd - HPlusVolStart) / static_cast<uint32_t>(blockSize) : 0;
+  return std::min<uint64_t>(vib.totalBlocks, onDrive);
+}
+
 bool DMedia::isListed(const PlistArray& dicts) const {
   for (const auto& d : dicts) {
     if (const PlistDict* dict = d.dict(); dict && dict->string("device path") == path) return true;

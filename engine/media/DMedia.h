@@ -4,6 +4,7 @@
 // object's life; every read is a positioned read on it.
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -55,6 +56,16 @@ class DMedia {
   // What the current scan or search could not read (written by the
   // scanning thread only).
   ReadErrors readErrors;
+
+  // The opened device's own size in sectors (0 when not known).
+  uint64_t deviceSectors();
+  // Allocation blocks of the volume in vib from HPlusVolStart that lie on
+  // the drive: the header's total, cut at the drive's end.
+  uint64_t volumeBlocksOnDrive();
+
+  // Volumes whose partition-table size ran past the drive's end were cut to
+  // it: volume start -> the size the table gave.
+  std::map<uint64_t, uint64_t> sizesCutToDrive;
 
   // Reads through this fault table from now on (tests); null reads the
   // device as it is. A new DMedia takes SectorFaults::processDefault().
@@ -146,6 +157,8 @@ class DMedia {
   // failing drive is still there. bytesRead (optional) receives what came back.
   bool read(Reader reader, uint64_t sector, int32_t count, void* buffer, uint64_t* bytesRead = nullptr);
   void reportIfGone(Reader reader);
+  // Size in sectors of a volume of the partition table, cut to the drive.
+  uint64_t sizeWithinDrive(uint64_t start, uint64_t size);
   PlistDict volumeDictionary(uint64_t start, uint64_t sizeInSectors, std::string name, int scanType) const;
   // Steps shared by both naming passes once vib holds a volume header: the
   // B-tree files' extents and header nodes, then the root folder's name.

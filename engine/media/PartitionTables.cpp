@@ -41,7 +41,15 @@ PlistDict DMedia::volumeDictionary(uint64_t start, uint64_t sizeInSectors, std::
                    {"Serial", serial},               {"Revision", revision}};
 }
 
+uint64_t DMedia::sizeWithinDrive(uint64_t start, uint64_t size) {
+  const uint64_t room = start < sizeInSect ? sizeInSect - start : 0;
+  if (size <= room) return size;
+  sizesCutToDrive[start] = size;
+  return room;
+}
+
 void DMedia::initialize(PlistArray& partitionList) {
+  sizesCutToDrive.clear();
   uint8_t sector0[kSectorSize] = {};
   uint8_t sector1[kSectorSize] = {};
   readSector(0, 1, sector0);
@@ -100,7 +108,8 @@ void DMedia::readAndInterpretMBR() {
   for (const auto& e : list) {
     const PlistDict* d = e.dict();
     if (d->i64("System ID") != kHFSSystemID) continue;
-    volumePMArray.push_back(volumeDictionary(d->u64("Relative Sector"), d->u64("Number Of Sectors"),
+    const uint64_t start = d->u64("Relative Sector");
+    volumePMArray.push_back(volumeDictionary(start, sizeWithinDrive(start, d->u64("Number Of Sectors")),
                                              fmt::format("Untitled {}", ++number), 0));
   }
 }
@@ -137,7 +146,9 @@ void DMedia::readAndInterpretGPT() {
     const uint64_t last = entry.endingLBA;
     // The name is taken whole, trailing NUL units included.
     std::string name = utf16LittleToUtf8(reinterpret_cast<const uint8_t*>(entry.partitionName), kGPTNameUnits);
-    volumePMArray.push_back(volumeDictionary(first, last - first + 1, std::move(name), 0));
+    // An entry that ends before it starts has no sectors.
+    const uint64_t size = last >= first ? last - first + 1 : 0;
+    volumePMArray.push_back(volumeDictionary(first, sizeWithinDrive(first, size), std::move(name), 0));
   }
 }
 
@@ -158,7 +169,7 @@ void DMedia::readAndInterpretPM() {
     const bool hfs = std::memcmp(pm.pmParType, "Apple_HFS", 10) == 0;
     const bool hfsx = std::memcmp(pm.pmParType, "Apple_HFSX", 11) == 0;
     if (!hfs && !hfsx) continue;
-    volumePMArray.push_back(volumeDictionary(pm.pmPyPartStart, pm.pmPartBlkCnt,
+    volumePMArray.push_back(volumeDictionary(pm.pmPyPartStart, sizeWithinDrive(pm.pmPyPartStart, pm.pmPartBlkCnt),
                                              fixedText(pm.pmPartName, sizeof pm.pmPartName), 0));
   }
 }
@@ -198,6 +209,9 @@ DMedia::BTreeSetup DMedia::readBTreeHeaders() {
                                               vib.catalogFile.totalBlocks, extRootNode, nodeBytes, reader))
       catalogExt.push_back(e);
   }
+
+  // Block counts come from disk: nothing past the volume's blocks on the drive.
+  cutExtentsToBlocks(catalogExt, volumeBlocksOnDrive());
 
   std::memset(sector, 0, sizeof sector);
   readSector(HPlusVolStart + uint64_t{vib.catalogFile.extents.extDesc[0].startBlock} * bs, 1, sector);
