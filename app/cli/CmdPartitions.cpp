@@ -12,6 +12,7 @@
 #include <memory>
 #include <optional>
 
+#include "base/Text.h"
 #include "cli/CliController.h"
 #include "media/DMedia.h"
 
@@ -35,11 +36,11 @@ extern "C" void stopSearch(int) {
 }
 
 // Names as kept in the dictionaries may carry trailing NULs (GPT names); the
-// listing shows them without.
+// listing shows them without, and any other control character escaped.
 std::string shownName(const PlistDict& volume) {
   std::string name = volume.string("Volume Name");
   while (!name.empty() && name.back() == '\0') name.pop_back();
-  return name;
+  return escapedControls(name, false);
 }
 
 // cutToDrive: volume start -> the size the partition table gave, for the

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "base/PlistValue.h"
+#include "base/Text.h"
 
 namespace ambrel {
 
@@ -25,20 +26,10 @@ std::string extentsText(const std::vector<Extent>& extents) {
   return out;
 }
 
-// TSV cells cannot hold tabs or line breaks: those, and the backslash, are escaped.
-std::string tsvCell(const std::string& text) {
-  std::string out;
-  for (char c : text) {
-    switch (c) {
-      case '\t': out += "\\t"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\\': out += "\\\\"; break;
-      default: out += c;
-    }
-  }
-  return out;
-}
+// TSV cells cannot hold tabs or line breaks, and a listing must not carry a
+// name's control characters to a terminal: those are escaped, and so is the
+// backslash that starts an escape.
+std::string tsvCell(const std::string& text) { return escapedControls(text, true); }
 
 }  // namespace
 

@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include "base/Text.h"
+
 namespace ambrel {
 
 PlistArray::PlistArray() = default;
@@ -133,8 +135,11 @@ std::string PlistValue::describe() const {
 }
 
 std::string jsonQuote(std::string_view text) {
+  // JSON is UTF-8: bytes that are not (a raw name from disk, a file name)
+  // become U+FFFD rather than making the whole document unreadable.
+  const std::string valid = validUtf8(text);
   std::string out = "\"";
-  for (unsigned char c : text) {
+  for (unsigned char c : valid) {
     switch (c) {
       case '"': out += "\\\""; break;
       case '\\': out += "\\\\"; break;
@@ -142,7 +147,7 @@ std::string jsonQuote(std::string_view text) {
       case '\r': out += "\\r"; break;
       case '\t': out += "\\t"; break;
       default:
-        if (c < 0x20) out += fmt::format("\\u{:04x}", c);
+        if (c < 0x20 || c == 0x7F) out += fmt::format("\\u{:04x}", c);
         else out += static_cast<char>(c);
     }
   }

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <fmt/format.h>
 
+#include "base/Text.h"
 #include "media/DMedia.h"
 #include "media/NodeChecks.h"
 
@@ -26,10 +27,10 @@ bool isExtendedLink(int64_t systemID) { return systemID == 5 || systemID == 15 |
 
 bool isHFSPlusSignature(uint16_t sig) { return sig == kHFSPlusSigWord || sig == kHFSXSigWord; }
 
-// A NUL-terminated text field of fixed width, up to its first NUL.
-std::string fixedText(const void* bytes, size_t width) {
-  const char* p = static_cast<const char*>(bytes);
-  return std::string(p, strnlen(p, width));
+// A classic Mac name field of fixed width, up to its first NUL, as UTF-8:
+// classic Mac OS wrote these in MacRoman.
+std::string macRomanText(const void* bytes, size_t width) {
+  return macRomanToUtf8(static_cast<const uint8_t*>(bytes), strnlen(static_cast<const char*>(bytes), width));
 }
 
 }  // namespace
@@ -170,7 +171,7 @@ void DMedia::readAndInterpretPM() {
     const bool hfsx = std::memcmp(pm.pmParType, "Apple_HFSX", 11) == 0;
     if (!hfs && !hfsx) continue;
     volumePMArray.push_back(volumeDictionary(pm.pmPyPartStart, sizeWithinDrive(pm.pmPyPartStart, pm.pmPartBlkCnt),
-                                             fixedText(pm.pmPartName, sizeof pm.pmPartName), 0));
+                                             macRomanText(pm.pmPartName, sizeof pm.pmPartName), 0));
   }
 }
 
@@ -256,8 +257,8 @@ void DMedia::getVolumeNamesPM() {
     std::memcpy(&mdb, sector, kMDBBytes);
     convertMDB(&mdb);
     if (mdb.drSigWord == kHFSSigWord) {
-      // drVN read as C text: the Pascal length byte is not used.
-      std::string wrapperName = fixedText(mdb.drVN, sizeof mdb.drVN);
+      // drVN read as C text (the Pascal length byte is not used), in MacRoman.
+      std::string wrapperName = macRomanText(mdb.drVN, sizeof mdb.drVN);
       if (!wrapperName.empty()) volume.set("Volume Name", wrapperName);
       if (!isHFSPlusSignature(mdb.drEmbedSigWord)) continue;
       HPlusVolStart = start + mdb.drAlBlSt + uint64_t{mdb.drAlBlkSiz / kSectorSize} * mdb.drEmbedExtent.xdrStABN;
