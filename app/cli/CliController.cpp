@@ -1,11 +1,14 @@
 #include "cli/CliController.h"
 
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+
+#include "media/DMedia.h"
 
 namespace ambrel::cli {
 
@@ -17,7 +20,15 @@ int CliController::alert(const std::string& title, const std::string& message, c
 
 PlistArray CliController::driveDictArray() const {
   std::lock_guard lock(mutex_);
-  return drives_;
+  // Only the drives still there: a drive that disappears must not stay
+  // listed, or a failing read of it would pass for a bad sector.
+  PlistArray present;
+  for (const auto& d : drives_) {
+    struct stat st {};
+    const PlistDict* dict = d.dict();
+    if (dict && ::stat(dict->string("device path").c_str(), &st) == 0) present.push_back(d);
+  }
+  return present;
 }
 
 void CliController::setDrives(PlistArray drives) {
@@ -61,6 +72,13 @@ void CliController::apply(const ProgressReport& report) {
   if (tty) fmt::print(stderr, "\r\033[K{}", line);
   else fmt::print(stderr, "{}\n", line);
   std::fflush(stderr);
+}
+
+int readOutcome(const DMedia& media, const CliController& controller, int status, const char* consequence) {
+  if (controller.terminated() || media.isGone()) return kExitDriveGone;
+  if (!media.readErrors.any()) return status;
+  fmt::print(stderr, "ambrel-cli: {}; {}\n", media.readErrors.summary(), consequence);
+  return status == kExitDone ? kExitReadErrors : status;
 }
 
 }  // namespace ambrel::cli

@@ -9,7 +9,19 @@
 
 #include "base/AppControllerInterface.h"
 
+namespace ambrel {
+class DMedia;
+}
+
 namespace ambrel::cli {
+
+// Exit statuses of every command (the README and --help list them).
+inline constexpr int kExitDone = 0;
+inline constexpr int kExitFailed = 1;       // nothing usable found, or saving failed
+inline constexpr int kExitCannotStart = 2;  // bad arguments, a path that cannot be opened
+inline constexpr int kExitReadErrors = 3;   // finished, but parts of the drive could not be read
+inline constexpr int kExitDriveGone = 4;    // the drive disappeared while it was read
+inline constexpr int kExitStopped = 130;    // stopped with Ctrl-C
 
 class CliController : public AppControllerInterface {
  public:
@@ -28,6 +40,7 @@ class CliController : public AppControllerInterface {
   PlistArray volumeDictArray() const override { return {}; }
 
   void setDrives(PlistArray drives);
+  // The drive has disappeared (its alert was shown): the command quits.
   bool terminated() const { return terminated_; }
   void setShowProgress(bool show) { showProgress_ = show; }
 
@@ -43,5 +56,11 @@ class CliController : public AppControllerInterface {
   std::string status_, timeRemaining_, lastDrawnStatus_;
   std::chrono::steady_clock::time_point lastDraw_{};
 };
+
+// The end of a command that read `media`: kExitDriveGone when the drive
+// disappeared; kExitReadErrors, after saying what could not be read and
+// `consequence` ("the listing may be incomplete"), when some of it could
+// not be read; else `status`.
+int readOutcome(const DMedia& media, const CliController& controller, int status, const char* consequence);
 
 }  // namespace ambrel::cli

@@ -162,6 +162,7 @@ int runCarve(CarveOptions& opt) {
   std::signal(SIGINT, previous);
   gCarving.store(nullptr);
   fmt::print(stderr, "\n");
+  if (controller.terminated() || volume->isGone()) return kExitDriveGone;
 
   fmt::print(stderr, "Carved: {} files, {} ({} blocks of {} bytes examined)\n", volume->fileCount,
              sizeText(volume->dataSize), stats.examined, uint64_t(volume->blockSize) * 512);
@@ -173,11 +174,11 @@ int runCarve(CarveOptions& opt) {
   if (stats.notListed)
     fmt::print(stderr, "ambrel-cli: {} files lie beyond sector 4294967295 and could not be listed\n", stats.notListed);
 
-  int status = stats.stopped ? 130 : 0;
+  int status = stats.stopped ? kExitStopped : kExitDone;
   if (opt.out.empty()) {
     writeTreeListing(*volume->dirRoot, opt.format == "json" ? ListingFormat::Json : ListingFormat::Tsv, stdout);
     if (stats.stopped) fmt::print(stderr, "ambrel-cli: search stopped; the listing holds what was found so far\n");
-    return status;
+    return readOutcome(*volume, controller, status, "files there may have been missed");
   }
   if (volume->fileCount == 0) {
     fmt::print(stderr, "ambrel-cli: nothing to save\n");
@@ -199,8 +200,9 @@ int runCarve(CarveOptions& opt) {
   fmt::print("Saved {}: {} files, {} bytes ({})\n", opt.out, r.filesWritten, r.savedData, sizeText(r.savedData));
   fmt::print("Failures: {} creates, {} writes, {} reads; {} names changed\n", r.failedCreates, r.failedWrites,
              r.failedReads, r.renamed);
-  if (r.anyFailure()) status = status ? status : 1;
-  return status;
+  if (r.failedCreates + r.failedWrites + r.damagedCompressed > 0) status = status ? status : kExitFailed;
+  if (r.failedReads && status == kExitDone) status = kExitReadErrors;
+  return readOutcome(*volume, controller, status, "files there may have been missed");
 }
 
 }  // namespace

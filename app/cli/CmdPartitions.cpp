@@ -114,8 +114,9 @@ int runPartitions(const PartitionOptions& opt) {
   if (!media) return status;
   PlistArray volumes;
   media->initialize(volumes);
+  if (controller.terminated()) return kExitDriveGone;
   printVolumes(volumes, opt.json, false, media->sizesCutToDrive);
-  return 0;
+  return readOutcome(*media, controller, kExitDone, "the list may be incomplete");
 }
 
 int runFindVolumes(const PartitionOptions& opt) {
@@ -136,6 +137,8 @@ int runFindVolumes(const PartitionOptions& opt) {
   sigaction(SIGINT, &previous, nullptr);
   gSearching.store(nullptr);
   if (::isatty(STDERR_FILENO)) fmt::print(stderr, "\n");
+  // A drive that disappeared also stops the search: its alert said so.
+  if (controller.terminated() || media->isGone()) return kExitDriveGone;
   const bool aborted = media->abortVolumeScan.load();
 
   // The grade of each volume is in its result row; rows and volumes pair up
@@ -163,9 +166,9 @@ int runFindVolumes(const PartitionOptions& opt) {
   printVolumes(listed, opt.json, true);
   if (aborted) {
     fmt::print(stderr, "ambrel-cli: search stopped; the list holds what was found so far\n");
-    return 130;
+    return kExitStopped;
   }
-  return 0;
+  return readOutcome(*media, controller, kExitDone, "volumes there may have been missed");
 }
 
 }  // namespace

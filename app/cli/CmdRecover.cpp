@@ -132,7 +132,9 @@ int runRecover(RecoverOptions& opt) {
         return 130;
       case ScanOutcome::NothingUsable:
         fmt::print(stderr, "ambrel-cli: no usable volume structures found; try --advanced\n");
-        return 1;
+        return readOutcome(*volume, controller, kExitFailed, "that may be why");
+      case ScanOutcome::DriveGone:
+        return kExitDriveGone;
       case ScanOutcome::Done:
         break;
     }
@@ -176,8 +178,12 @@ int runRecover(RecoverOptions& opt) {
              r.failedReads, r.renamed);
   if (r.damagedCompressed)
     fmt::print("Compressed files not decoded completely: {}\n", r.damagedCompressed);
-  if (r.aborted) return 130;
-  return r.anyFailure() ? 1 : 0;
+  if (r.aborted) return kExitStopped;
+  if (volume->isGone()) return kExitDriveGone;
+  if (r.failedCreates + r.failedWrites + r.damagedCompressed > 0) return kExitFailed;
+  // Read failures alone, while scanning or saving, have a status of their own.
+  return readOutcome(*volume, controller, r.failedReads ? kExitReadErrors : kExitDone,
+                     "entries there may be missing from what was saved");
 }
 
 }  // namespace

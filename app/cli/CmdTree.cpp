@@ -45,9 +45,10 @@ int runTree(TreeOptions& opt) {
     return 2;
   }
   const ScanOutcome outcome = runScan(*volume, controller, opt.advanced);
+  if (outcome == ScanOutcome::DriveGone) return kExitDriveGone;
   if (outcome == ScanOutcome::NothingUsable) {
     fmt::print(stderr, "ambrel-cli: no usable volume structures found; try --advanced\n");
-    return 1;
+    return readOutcome(*volume, controller, kExitFailed, "that may be why");
   }
   writeTreeListing(*volume->dirRoot, opt.format == "json" ? ListingFormat::Json : ListingFormat::Tsv, stdout);
   if (!opt.saveScanInfoPath.empty()) {
@@ -60,9 +61,9 @@ int runTree(TreeOptions& opt) {
   }
   if (outcome == ScanOutcome::Stopped) {
     fmt::print(stderr, "ambrel-cli: scan stopped; the listing holds what was found so far\n");
-    return 130;
+    return kExitStopped;
   }
-  return 0;
+  return readOutcome(*volume, controller, kExitDone, "the listing may be incomplete");
 }
 
 }  // namespace

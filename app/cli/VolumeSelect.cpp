@@ -136,6 +136,7 @@ ScanOutcome runScan(Volume& volume, CliController& controller, bool advanced) {
   if (volume.compressedUnreadable)
     fmt::print(stderr, "{} files marked compressed have no usable compression attribute; they are listed as stored\n",
                volume.compressedUnreadable);
+  if (controller.terminated() || volume.isGone()) return ScanOutcome::DriveGone;
   if (controller.gaveUp() || !volume.dirRoot) return ScanOutcome::NothingUsable;
   return volume.stopTreeThread ? ScanOutcome::Stopped : ScanOutcome::Done;
 }

@@ -47,7 +47,7 @@ DiscoveryRoots discoveryRootsFromEnvironment();
 // True for a path ending in ".asi" (any case): a scan info file.
 bool isScanInfoPath(const std::string& path);
 
-enum class ScanOutcome { Done, Stopped, NothingUsable };
+enum class ScanOutcome { Done, Stopped, NothingUsable, DriveGone };
 
 // Runs the tree scan on the calling thread, Ctrl-C setting its stop flag.
 ScanOutcome runScan(Volume& volume, CliController& controller, bool advanced);

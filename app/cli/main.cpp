@@ -54,7 +54,7 @@ int runInfo(const InfoOptions& opt) {
     fmt::print("Size:            {} bytes ({} sectors of 512 bytes)\n", media.sizeInBytes, media.sizeInSect);
     fmt::print("Partition table: {}\n", partitionTableKindName(kind));
   }
-  return 0;
+  return cli::readOutcome(media, controller, cli::kExitDone, "the partition-table kind may be wrong");
 }
 
 }  // namespace
@@ -75,6 +75,12 @@ int main(int argc, char** argv) {
                "Drives and images are only ever read.",
                "ambrel-cli"};
   app.require_subcommand(1);
+  app.footer(fmt::format(
+      "Exit status: {} done; {} nothing usable found, or saving failed; {} bad arguments or a path that cannot be\n"
+      "opened; {} finished, but parts of the drive could not be read (the message says which; results may be\n"
+      "incomplete); {} the drive disappeared while it was read; {} stopped with Ctrl-C.",
+      cli::kExitDone, cli::kExitFailed, cli::kExitCannotStart, cli::kExitReadErrors, cli::kExitDriveGone,
+      cli::kExitStopped));
   app.set_version_flag("--version", "ambrel-cli 0.1.0");
 
   InfoOptions info;

@@ -32,6 +32,10 @@ inline constexpr const char* kPercentDone = "Percent Done";
 inline constexpr const char* kSizeDone = "Size Done";
 inline constexpr const char* kTotalSize = "Total Size";
 inline constexpr const char* kSavedData = "Saved Data";
+// With the final report of a scan or search: what could not be read, as a
+// sentence ("2 sectors could not be read (at sectors 8, 9)"); absent when
+// everything was read.
+inline constexpr const char* kReadErrors = "Read Errors";
 }  // namespace progress
 
 // Bytes as the user sees them: "%.2f KB" up to 999999, "%.2f MB" up to

@@ -58,7 +58,7 @@ double secondsSince(std::chrono::steady_clock::time_point start) {
 bool Volume::readCatalogNode(uint32_t number, std::vector<uint8_t>& node) {
   node.assign(static_cast<size_t>(catNodeSize) * kSectorSize, 0);
   const int64_t sector = catNodeToSector(number);
-  return sector != kInvalidSector && !node.empty() && readSector(static_cast<uint64_t>(sector), catNodeSize, node.data());
+  return sector != kInvalidSector && !node.empty() && readNode(static_cast<uint64_t>(sector), catNodeSize, node.data());
 }
 
 uint64_t Volume::catalogNodeCount() const {
@@ -140,7 +140,7 @@ void Volume::searchForLevel2IndexNodes() {
                   {progress::kBarIncrement, uint64_t{1}},
                   {progress::kTimeRemaining, timeRemainingText(secondsSince(start), visited, total)}});
     ++visited;
-    if (!readSector(sector, catNodeSize, node.data()) || !validNodeOfLevel(node, kBTIndexNode, 2)) return true;
+    if (!readNode(sector, catNodeSize, node.data()) || !validNodeOfLevel(node, kBTIndexNode, 2)) return true;
     const BTNodeDescriptor_ d = descriptorOf(node);
     found = d.bLink != 0 || d.fLink != 0;
     return !found;
@@ -187,7 +187,7 @@ void Volume::searchForLeafNodes() {
                   {progress::kBarIncrement, uint64_t{1}},
                   {progress::kTimeRemaining, timeRemainingText(secondsSince(start), visited, total)}});
     ++visited;
-    if (readSector(sector, catNodeSize, node.data()) && validNodeOfLevel(node, kBTLeafNode, 1))
+    if (readNode(sector, catNodeSize, node.data()) && validNodeOfLevel(node, kBTLeafNode, 1))
       leafNodePointerTotalArray.push_back(static_cast<uint32_t>(number));
     return true;
   });
@@ -267,7 +267,7 @@ void Volume::processCatFrags() {
     const uint64_t sector = CatNodeArray[i];
     getIfUnusedSectorForCatalogNode(sector);
     const bool live = advScanEntriesCanBePutIntoOrphanEntryArray && sectorIsInCatalogFile(sector);
-    if (!readSector(sector, catNodeSize, node.data())) continue;
+    if (!readNode(sector, catNodeSize, node.data())) continue;
     const BTNodeDescriptor_ d = descriptorOf(node);
     for (uint32_t r = 0; r < d.numRecords && !stopTreeThread; ++r) {
       if (processFragmentRecord(node, d.numRecords, r, live) == RecordCheck::AbandonNode) break;

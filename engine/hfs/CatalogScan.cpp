@@ -70,6 +70,7 @@ void Volume::startMakingTree(AppControllerInterface* controller, const std::stri
   advScanEntriesCanBePutIntoOrphanEntryArray = false;
   const bool advanced = treeScanMode == 1;
   bool alertShown = false;
+  readErrors.clear();
   // A size from a damaged table or file: the scans cover the drive, no more.
   if (const uint64_t drive = deviceSectors(); drive > 0)
     sizeInSect = std::min(sizeInSect, drive > startSector ? drive - startSector : 0);
@@ -107,9 +108,11 @@ void Volume::startMakingTree(AppControllerInterface* controller, const std::stri
 
   withSleepPrevented([this] { processDuplicateEntries(); });
   if (!alertShown) {
-    report({{progress::kProgressStatus, driveText("Tree Completed for {} on drive {} {} {}")},
-                  {progress::kTreeComplete, true},
-                  {progress::kBarDoubleValue, uint64_t{0}}});
+    ProgressReport done{{progress::kProgressStatus, driveText("Tree Completed for {} on drive {} {} {}")},
+                        {progress::kTreeComplete, true},
+                        {progress::kBarDoubleValue, uint64_t{0}}};
+    if (readErrors.any()) done.set(progress::kReadErrors, readErrors.summary());
+    report(std::move(done));
   }
 }
 
@@ -148,7 +151,7 @@ bool Volume::readFilesAndFolders() {
     const int64_t sector = catNodeToSector(number);
     BTNodeDescriptor_ desc{};
     const bool read = sector != kInvalidSector &&
-                      readSector(static_cast<uint64_t>(sector), catNodeSize, node.data());
+                      readNode(static_cast<uint64_t>(sector), catNodeSize, node.data());
     if (read) {
       std::memcpy(&desc, node.data(), sizeof desc);
       convertBTNodeDesc(&desc);

@@ -128,7 +128,7 @@ ProgressReport Volume::counters() const {
 
 bool Volume::readMDB(uint64_t sector) {
   uint8_t buf[kSectorSize] = {};
-  const bool ok = readSector(sector, 1, buf);
+  const bool ok = readOneSector(sector, buf);
   std::memcpy(&mdb, buf, sizeof mdb);
   convertMDB(&mdb);
   return ok;
@@ -136,7 +136,7 @@ bool Volume::readMDB(uint64_t sector) {
 
 bool Volume::readVIB(uint64_t sector) {
   uint8_t buf[kSectorSize] = {};
-  const bool ok = readSector(sector, 1, buf);
+  const bool ok = readOneSector(sector, buf);
   std::memcpy(&vib, buf, sizeof vib);
   convertVIB(&vib);
   return ok;
@@ -217,8 +217,8 @@ bool Volume::checkCatalogAndExtentsFile() {
   uint8_t sector[kSectorSize] = {};
   auto readHeaderNode = [&](const HFSPlusForkData_& fork, BTHeaderRecord& hdr) {
     std::memset(sector, 0, sizeof sector);
-    readSector(HPlusVolStart + uint64_t{fork.extents.extDesc[0].startBlock} * static_cast<uint32_t>(blockSize), 1,
-               sector);
+    readNode(HPlusVolStart + uint64_t{fork.extents.extDesc[0].startBlock} * static_cast<uint32_t>(blockSize), 1,
+             sector);
     BTNodeDescriptor_ desc;
     std::memcpy(&desc, sector, sizeof desc);
     convertBTNodeDesc(&desc);
@@ -332,7 +332,7 @@ std::vector<Extent> Volume::extentsForID(uint32_t fileID, uint8_t fork, uint32_t
     const int64_t sector = extNodeToSector(number);
     if (sector == kInvalidSector) return false;
     std::fill(node.begin(), node.end(), 0);
-    if (!readSector(static_cast<uint64_t>(sector), extNodeSize, node.data())) return false;
+    if (!readNode(static_cast<uint64_t>(sector), extNodeSize, node.data())) return false;
     std::memcpy(&desc, node.data(), sizeof desc);
     convertBTNodeDesc(&desc);
     return true;

@@ -175,6 +175,10 @@ class Volume : public DMedia {
   uint32_t compressedFiles = 0;       // listed with their uncompressed content
   uint32_t compressedUnreadable = 0;  // marked compressed without a usable attribute: listed as stored
 
+ protected:
+  // A drive found gone ends the scan at once.
+  void onDriveGone() override { stopTreeThread.store(true); }
+
  private:
   // Reads sector as a master directory block into mdb; false on a read error.
   bool readMDB(uint64_t sector);

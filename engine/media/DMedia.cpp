@@ -151,11 +151,52 @@ bool DMedia::isListed(const PlistArray& dicts) const {
   return false;
 }
 
+bool DMedia::deviceNodeGone() const {
+  const int fd = fd_.load();
+  struct stat opened {}, named {};
+  if (fd < 0 || ::fstat(fd, &opened) != 0) return false;
+  if (::stat(cPath.c_str(), &named) != 0) return errno == ENOENT || errno == ENOTDIR;
+  if (S_ISBLK(opened.st_mode)) return !S_ISBLK(named.st_mode) || named.st_rdev != opened.st_rdev;
+  return named.st_dev != opened.st_dev || named.st_ino != opened.st_ino;
+}
+
+bool DMedia::driveHasGone(int error) const {
+  // These say the device itself is gone, whatever any list still holds.
+  if (error == ENXIO || error == ENODEV || deviceNodeGone()) return true;
+  if (!appController) return false;
+  // Still listed: the drive is there and the caller handles the bad sector.
+  return !isListed(appController->driveDictArray()) && !isListed(appController->volumeDictArray());
+}
+
+void DMedia::reportGone(Reader reader) {
+  if (!gone_.exchange(true)) {
+    abortVolumeScan.store(true);
+    onDriveGone();
+  }
+  // One alert per reader: a save or a scan after the loss must not raise one
+  // for every block it still tries.
+  if (!appController || goneAlerted_[static_cast<int>(reader)].exchange(true)) return;
+  if (reader == Reader::Scan) {
+    appController->alert("! Error", fmt::format("{} The Program will quit now.", kDriveGone), {"Quit"});
+    appController->terminateApp();
+    return;
+  }
+  appController->alert(reader == Reader::Preview ? "! Can not show preview" : "! Can not save files", kDriveGone,
+                       {"OK"});
+  appController->previewClose();
+}
+
 bool DMedia::read(Reader reader, uint64_t sector, int32_t count, void* buffer, uint64_t* bytesRead) {
   if (bytesRead) *bytesRead = 0;
   if (count < 0) return false;
   if (count == 0) return true;
   const uint64_t want = static_cast<uint64_t>(count) * kSectorSize;
+  if (gone_.load()) {
+    // Nothing is tried any more; a reader that has not said so yet does.
+    std::memset(buffer, 0, want);
+    reportGone(reader);
+    return false;
+  }
   if (reader == Reader::Scan && !ensureOpen()) {
     const int openError = errno;
     std::memset(buffer, 0, want);
@@ -173,22 +214,8 @@ bool DMedia::read(Reader reader, uint64_t sector, int32_t count, void* buffer, u
   // behind what this one delivered.
   std::memset(static_cast<uint8_t*>(buffer) + r.bytes, 0, want - r.bytes);
   // The device ending early is no sign of its loss; only a failing read asks.
-  if (r.error != 0) reportIfGone(reader);
+  if (r.error != 0 && driveHasGone(r.error)) reportGone(reader);
   return false;
-}
-
-void DMedia::reportIfGone(Reader reader) {
-  if (!appController) return;
-  // Still listed: the drive is there and the caller handles the bad sector.
-  if (isListed(appController->driveDictArray()) || isListed(appController->volumeDictArray())) return;
-  if (reader == Reader::Scan) {
-    appController->alert("! Error", fmt::format("{} The Program will quit now.", kDriveGone), {"Quit"});
-    appController->terminateApp();
-    return;
-  }
-  appController->alert(reader == Reader::Preview ? "! Can not show preview" : "! Can not save files", kDriveGone,
-                       {"OK"});
-  appController->previewClose();
 }
 
 bool DMedia::readSector(uint64_t sector, int32_t count, void* buffer) {
@@ -212,6 +239,11 @@ uint64_t DMedia::readSectorsSalvaging(uint64_t sector, uint64_t count, void* buf
   uint64_t bad = 0;
   uint64_t pos = got / kSectorSize;  // whole sectors already in
   while (pos < count) {
+    if (gone_.load()) {
+      // Nothing more can be read; the loss itself has been reported.
+      std::memset(bytes + pos * kSectorSize, 0, (count - pos) * kSectorSize);
+      return bad + (count - pos);
+    }
     const uint64_t n = std::min(kChunk - pos % kChunk, count - pos);
     uint8_t* at = bytes + pos * kSectorSize;
     if (read(Reader::Scan, sector + pos, static_cast<int32_t>(n), at, &got)) {
@@ -222,16 +254,28 @@ uint64_t DMedia::readSectorsSalvaging(uint64_t sector, uint64_t count, void* buf
     for (uint64_t i = got / kSectorSize; i < n; ++i) {
       if (read(Reader::Scan, sector + pos + i, 1, at + i * kSectorSize)) continue;
       ++bad;
-      readErrors.noteSector(sector + pos + i);
+      if (!gone_.load()) readErrors.noteSector(sector + pos + i);
     }
     pos += n;
   }
   return bad;
 }
 
+bool DMedia::readNode(uint64_t sector, int32_t count, void* buffer) {
+  if (readSector(sector, count, buffer)) return true;
+  if (!gone_.load()) readErrors.noteNode(sector);
+  return false;
+}
+
+bool DMedia::readOneSector(uint64_t sector, void* buffer) {
+  if (readSector(sector, 1, buffer)) return true;
+  if (!gone_.load()) readErrors.noteSector(sector);
+  return false;
+}
+
 PartitionTableKind DMedia::partitionTableKind() {
   uint8_t sectors[2][kSectorSize] = {};
-  if (!readSector(0, 1, sectors[0]) || !readSector(1, 1, sectors[1])) return PartitionTableKind::None;
+  if (!readOneSector(0, sectors[0]) || !readOneSector(1, sectors[1])) return PartitionTableKind::None;
   return partitionTableKindOf(sectors[0], sectors[1]);
 }
 

@@ -43,6 +43,8 @@ class DMedia {
   // asked for came back; what a failed or short read did not deliver is
   // zeroed, what it did deliver is kept. A read of 0 sectors succeeds
   // without touching the buffer.
+  // A read that fails on a drive that has disappeared alerts (once for each
+  // reader) and stops running searches and scans.
   bool readSector(uint64_t sector, int32_t count, void* buffer);
   bool readPreviewSector(uint64_t sector, int32_t count, void* buffer);
   bool readSaveSector(uint64_t sector, int32_t count, void* buffer);
@@ -53,9 +55,20 @@ class DMedia {
   // Returns how many sectors could not be read.
   uint64_t readSectorsSalvaging(uint64_t sector, uint64_t count, void* buffer);
 
+  // A B-tree node (or its first sector) at `sector`, read as readSector
+  // does; a failure is noted in readErrors as one unreadable node.
+  bool readNode(uint64_t sector, int32_t count, void* buffer);
+  // One sector (a volume header, a table sector); a failure is noted.
+  bool readOneSector(uint64_t sector, void* buffer);
+
   // What the current scan or search could not read (written by the
   // scanning thread only).
   ReadErrors readErrors;
+  // The drive disappeared while it was read: it failed with ENXIO or ENODEV,
+  // its device node is gone or is another device now, or the controller no
+  // longer lists it. From then on every read fails at once, and each reader
+  // has alerted once.
+  bool isGone() const { return gone_.load(); }
 
   // The opened device's own size in sectors (0 when not known).
   uint64_t deviceSectors();
@@ -142,6 +155,10 @@ class DMedia {
   std::string cPath;
   std::vector<uint64_t> volFoundAtSectorArray;
 
+ protected:
+  // Called once, on the reading thread, when the drive is found gone.
+  virtual void onDriveGone() {}
+
  private:
   enum class Reader { Scan, Preview, Save };
   // Bytes read before the read ended, and the errno that ended it (0 when
@@ -156,7 +173,10 @@ class DMedia {
   // Every reader: reads, zeroes what was not delivered, asks whether a
   // failing drive is still there. bytesRead (optional) receives what came back.
   bool read(Reader reader, uint64_t sector, int32_t count, void* buffer, uint64_t* bytesRead = nullptr);
-  void reportIfGone(Reader reader);
+  bool driveHasGone(int error) const;
+  // The device path no longer names the device that was opened.
+  bool deviceNodeGone() const;
+  void reportGone(Reader reader);
   // Size in sectors of a volume of the partition table, cut to the drive.
   uint64_t sizeWithinDrive(uint64_t start, uint64_t size);
   PlistDict volumeDictionary(uint64_t start, uint64_t sizeInSectors, std::string name, int scanType) const;
@@ -173,6 +193,8 @@ class DMedia {
   };
   BTreeSetup readBTreeHeaders();
   uint32_t countLeafNodes(int32_t nodeSizeInSectors);
+  // "Scan Complete", with what could not be read.
+  ProgressReport completeReport() const;
   void reportNodeWalk(uint64_t done, uint64_t total, double elapsedSeconds);
 
   std::set<uint32_t> mbrTablesRead_;
@@ -180,6 +202,8 @@ class DMedia {
   std::mutex openMutex_;
   std::atomic<int> fd_{-1};
   std::shared_ptr<SectorFaults> faults_;
+  std::atomic<bool> gone_{false};
+  std::atomic<bool> goneAlerted_[3] = {false, false, false};
 };
 
 // The controller's own reader, for a device path no DMedia holds (a mounted

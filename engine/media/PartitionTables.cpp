@@ -51,10 +51,11 @@ uint64_t DMedia::sizeWithinDrive(uint64_t start, uint64_t size) {
 
 void DMedia::initialize(PlistArray& partitionList) {
   sizesCutToDrive.clear();
+  readErrors.clear();
   uint8_t sector0[kSectorSize] = {};
   uint8_t sector1[kSectorSize] = {};
-  readSector(0, 1, sector0);
-  readSector(1, 1, sector1);
+  readOneSector(0, sector0);
+  readOneSector(1, sector1);
   PartitionMap pm;
   std::memcpy(&pm, sector1, sizeof pm);
   convertPM(&pm);
@@ -76,7 +77,7 @@ void DMedia::fillPTList(PlistArray& list, uint32_t tableSector, uint32_t firstEx
   if (mbrTablesRead_.size() >= kMaxMBRTables || !mbrTablesRead_.insert(tableSector).second) return;
   if (tableSector >= sizeInSect) return;
   MasterBootRecord mbr{};
-  readSector(tableSector, 1, &mbr);
+  readOneSector(tableSector, &mbr);
   convertMBR(&mbr);
   if (mbr.bootSignature != 0xAA55) return;
   for (const auto& entry : mbr.partitions) {
@@ -117,7 +118,7 @@ void DMedia::readAndInterpretMBR() {
 
 void DMedia::readAndInterpretGPT() {
   GUIDPartitionTableHeader hdr{};
-  readSector(1, 1, &hdr);
+  readOneSector(1, &hdr);
   convertGPTHeader(&hdr);
   if (hdr.signature != kGPTSignature) return;
   const uint32_t entrySize = hdr.sizeOfPartitionEntry;
@@ -135,7 +136,7 @@ void DMedia::readAndInterpretGPT() {
     const uint64_t at = arrayLBA + i / perSector;
     if (at < arrayLBA || at >= sizeInSect) break;
     if (at != loaded) {
-      readSector(at, 1, sector);
+      readOneSector(at, sector);
       loaded = at;
     }
     GUIDPartitionTableEntry entry;
@@ -155,7 +156,7 @@ void DMedia::readAndInterpretGPT() {
 
 void DMedia::readAndInterpretPM() {
   PartitionMap first{};
-  readSector(1, 1, &first);
+  readOneSector(1, &first);
   convertPM(&first);
   if (first.pmSig != kPartitionMapSignature) return;
   const int64_t entries = first.pmMapBlkCnt;
@@ -164,7 +165,7 @@ void DMedia::readAndInterpretPM() {
     const uint64_t at = static_cast<uint64_t>(i) + 2;
     if (at >= sizeInSect) break;
     PartitionMap pm{};
-    readSector(at, 1, &pm);
+    readOneSector(at, &pm);
     convertPM(&pm);
     // Compared with their terminating NUL: "Apple_HFS_Foo" is not taken.
     const bool hfs = std::memcmp(pm.pmParType, "Apple_HFS", 10) == 0;

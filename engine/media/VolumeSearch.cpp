@@ -203,11 +203,18 @@ void DMedia::verifyVolumeAndGetData(std::string& result, uint64_t whetherAlterna
   }
 }
 
+ProgressReport DMedia::completeReport() const {
+  ProgressReport done{{progress::kScanComplete, true}};
+  if (readErrors.any()) done.set(progress::kReadErrors, readErrors.summary());
+  return done;
+}
+
 void DMedia::initializeForVolumeQuickScan(const VolumeScanRequest& request) {
   AppControllerInterface* controller = request.controller ? request.controller : appController;
   auto send = [controller](ProgressReport r) {
     if (controller) controller->updateVolumeScanProgress(r);
   };
+  readErrors.clear();
   const uint64_t total = sizeInSect;
   const uint64_t chunks = total / kChunkSectors;
   send({{progress::kBarMaxValue, sizeInBytes / kChunkBytes}});
@@ -250,7 +257,7 @@ void DMedia::initializeForVolumeQuickScan(const VolumeScanRequest& request) {
   }
   if (request.volumes)
     for (const auto& v : volumeScanArray) request.volumes->push_back(v);
-  send({{progress::kScanComplete, true}});
+  send(completeReport());
 }
 
 void DMedia::initializeForVolumeThoroughScan(const VolumeScanRequest& request) {
@@ -259,6 +266,7 @@ void DMedia::initializeForVolumeThoroughScan(const VolumeScanRequest& request) {
     if (controller) controller->updateVolumeScanProgress(r);
   };
   volFoundAtSectorArray.clear();
+  readErrors.clear();
   send({{progress::kBarMaxValue, sizeInBytes / kChunkBytes}});
   send({{progress::kBarDoubleValue, 0}});
   send({{progress::kTimeRemaining, ""}});
@@ -316,7 +324,7 @@ void DMedia::initializeForVolumeThoroughScan(const VolumeScanRequest& request) {
   }
   if (request.volumes)
     for (const auto& v : volumeScanArray) request.volumes->push_back(v);
-  send({{progress::kScanComplete, true}});
+  send(completeReport());
 }
 
 }  // namespace ambrel
