@@ -11,6 +11,7 @@
 #include <cstring>
 #include <fmt/format.h>
 
+#include "base/ReadOnlyFile.h"
 #include "media/DeviceAccess.h"
 
 namespace ambrel {
@@ -113,9 +114,10 @@ bool DMedia::ensureOpen() {
   std::lock_guard lock(openMutex_);
   if (fd_.load() >= 0) return true;
   if (cPath.empty()) return false;
-  int fd = ::open(cPath.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  fd_.store(fd);
+  // Never blocks: a named pipe or the like is refused, not waited on.
+  const ReadOnlyFile f = openReadOnlyFile(cPath, true);
+  if (f.fd < 0) return false;
+  fd_.store(f.fd);
   return true;
 }
 
@@ -283,9 +285,9 @@ bool readAppSector(AppControllerInterface* appController, uint64_t sector, const
                    int32_t count, void* buffer) {
   if (count < 0) return false;
   if (count == 0) return true;
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  const Preaded r = fd >= 0 ? preadSectors(fd, nullptr, sector, count, buffer) : Preaded{0, errno};
-  if (fd >= 0) ::close(fd);
+  const ReadOnlyFile f = openReadOnlyFile(path, true);
+  const Preaded r = f.fd >= 0 ? preadSectors(f.fd, nullptr, sector, count, buffer) : Preaded{0, f.error ? f.error : ENODEV};
+  if (f.fd >= 0) ::close(f.fd);
   const uint64_t want = static_cast<uint64_t>(count) * kSectorSize;
   if (r.bytes == want) return true;
   std::memset(static_cast<uint8_t*>(buffer) + r.bytes, 0, want - r.bytes);
@@ -301,30 +303,25 @@ bool readAppSector(AppControllerInterface* appController, uint64_t sector, const
 }
 
 PlistDict driveDictionaryForPath(const std::string& path, std::string& error) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    error = openFailureText(path, errno);
+  const ReadOnlyFile f = openReadOnlyFile(path, true);
+  if (f.wrongKind) {
+    error = fmt::format("{} is {}, neither a block device nor a disk image file", path, fileKindName(f.st.st_mode));
     return {};
   }
-  struct stat st {};
-  uint64_t size = 0;
-  bool ok = ::fstat(fd, &st) == 0;
-  if (ok && S_ISBLK(st.st_mode)) {
-    ok = ::ioctl(fd, BLKGETSIZE64, &size) == 0;
-  } else if (ok && S_ISREG(st.st_mode)) {
-    size = static_cast<uint64_t>(st.st_size);
-  } else if (ok) {
-    error = fmt::format("{} is neither a block device nor a disk image file", path);
-    ::close(fd);
+  if (f.fd < 0) {
+    error = openFailureText(path, f.error);
     return {};
   }
+  const bool block = S_ISBLK(f.st.st_mode);
+  uint64_t size = static_cast<uint64_t>(f.st.st_size);
+  const bool ok = !block || ::ioctl(f.fd, BLKGETSIZE64, &size) == 0;
   if (!ok) error = fmt::format("cannot read the size of {}: {}", path, std::strerror(errno));
-  ::close(fd);
+  ::close(f.fd);
   if (!ok) return {};
   return PlistDict{
       {"device path", path},
       {"device size", size},
-      {"device model", S_ISBLK(st.st_mode) ? "Block Device" : "Disk Image"},
+      {"device model", block ? "Block Device" : "Disk Image"},
       {"device serial", ""},
       {"device revision", ""},
   };

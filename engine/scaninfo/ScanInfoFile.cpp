@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 
 #include "base/Endian.h"
+#include "base/ReadOnlyFile.h"
 #include "scaninfo/KeyedArchive.h"
 
 namespace ambrel {
@@ -179,14 +180,15 @@ class FileWriter {
 class FileReader {
  public:
   explicit FileReader(const std::string& path) {
-    fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // Never blocks: a named pipe or the like is refused, not waited on.
+    const ReadOnlyFile f = openReadOnlyFile(path, false);
+    if (f.wrongKind) wrongKind_ = f.st.st_mode;
+    fd_ = f.fd;
     if (fd_ < 0) {
-      error_ = errno;
+      error_ = f.wrongKind ? EINVAL : f.error;
       return;
     }
-    struct stat st {};
-    if (::fstat(fd_, &st) != 0) error_ = errno;
-    else size_ = static_cast<uint64_t>(st.st_size);
+    size_ = static_cast<uint64_t>(f.st.st_size);
     buf_.resize(static_cast<size_t>(std::min<uint64_t>(kIoBuffer, std::max<uint64_t>(size_, 1))));
   }
   ~FileReader() {
@@ -194,6 +196,8 @@ class FileReader {
   }
   bool isOpen() const { return fd_ >= 0 && error_ == 0; }
   int error() const { return error_; }
+  // The kind of file refused (a named pipe, a folder, ...), 0 when none was.
+  mode_t wrongKind() const { return wrongKind_; }
   uint64_t size() const { return size_; }
   uint64_t position() const { return position_; }
   uint64_t remaining() const { return size_ > position_ ? size_ - position_ : 0; }
@@ -245,6 +249,7 @@ class FileReader {
 
   int fd_ = -1;
   int error_ = 0;
+  mode_t wrongKind_ = 0;
   uint64_t size_ = 0;
   uint64_t position_ = 0;
   uint64_t bufferAt_ = 0;
@@ -452,8 +457,11 @@ std::optional<ScanInfoError> checkHeader(FileReader& in) {
   return std::nullopt;
 }
 
-ScanInfoError openError(const std::string& path, int err) {
-  return {kErrorTitle, fmt::format("The scan info file \"{}\" could not be opened: {}.", path, std::strerror(err))};
+ScanInfoError openError(const std::string& path, const FileReader& in) {
+  if (in.wrongKind())
+    return {kErrorTitle, fmt::format("The scan info file \"{}\" could not be opened: it is {}, not a regular file.",
+                                     path, fileKindName(in.wrongKind()))};
+  return {kErrorTitle, fmt::format("The scan info file \"{}\" could not be opened: {}.", path, std::strerror(in.error()))};
 }
 
 class EntryReader {
@@ -526,7 +534,7 @@ class EntryReader {
 
 std::optional<ScanInfoError> checkScanInfoHeader(const std::string& path) {
   FileReader in(path);
-  if (!in.isOpen()) return openError(path, in.error());
+  if (!in.isOpen()) return openError(path, in);
   return checkHeader(in);
 }
 
@@ -534,7 +542,7 @@ ScanInfoReadResult readScanInfo(const std::string& path, AppControllerInterface*
   ScanInfoReadResult result;
   FileReader in(path);
   if (!in.isOpen()) {
-    result.error = openError(path, in.error());
+    result.error = openError(path, in);
     return result;
   }
   if (auto refusal = checkHeader(in)) {

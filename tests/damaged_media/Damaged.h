@@ -158,11 +158,12 @@ struct CliRun {
 
 // ambrel-cli with these arguments (already quoted as needed), optionally
 // with a fault table for every drive it opens.
-inline CliRun runCli(const std::string& args, const std::string& faults = "") {
+// A command still running after `seconds` is killed (status 124).
+inline CliRun runCli(const std::string& args, const std::string& faults = "", int seconds = 120) {
   TempDir scratch;
   const std::string errFile = (scratch / "stderr").string();
   std::string command = faults.empty() ? "" : "AMBREL_SECTOR_FAULTS='" + faults + "' ";
-  command += "timeout 120 '" + cliPath() + "' " + args + " 2>'" + errFile + "'";
+  command += "timeout " + std::to_string(seconds) + " '" + cliPath() + "' " + args + " 2>'" + errFile + "'";
   CliRun r;
   r.status = runCommand(command, &r.out);
   const auto err = readFile(errFile);

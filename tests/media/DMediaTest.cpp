@@ -114,18 +114,25 @@ TEST_F(ImageFixture, ZeroSectorsSucceedShortReadsFailWithTheRestZeroed) {
   EXPECT_EQ(controller.terminateCalls, 0);
 }
 
-// A directory opens read-only but every read of it fails: a stand-in for a
-// drive whose reads return an error.
+// A drive whose every read fails with EIO, through a fault table (the
+// controller's own reader has none: a folder stands in for its drive).
 struct FailingReadFixture : ::testing::Test {
   test::TempDir dir;
-  std::string path = dir.path().string();
+  std::string path = (dir / "drive.img").string();
   RecordingController controller;
   std::vector<uint8_t> buf = std::vector<uint8_t>(512);
+  std::shared_ptr<SectorFaults> faults = std::make_shared<SectorFaults>();
+
+  void SetUp() override {
+    test::writeFile(path, std::vector<uint8_t>(4096, 1));
+    faults->add(SectorFaults::Kind::IOError, 0, UINT64_MAX);
+  }
 };
 
 TEST_F(FailingReadFixture, ListedDriveFailsSilently) {
   controller.drives.push_back(driveDict(path, 4096));
   DMedia media(driveDict(path, 4096), &controller);
+  media.setSectorFaults(faults);
   ASSERT_TRUE(media.isOpen());
   EXPECT_FALSE(media.readSector(0, 1, buf.data()));
   EXPECT_FALSE(media.readSaveSector(0, 1, buf.data()));
@@ -138,12 +145,14 @@ TEST_F(FailingReadFixture, ListedDriveFailsSilently) {
   RecordingController volumesOnly;
   volumesOnly.volumes.push_back(driveDict(path, 4096));
   DMedia viaVolume(driveDict(path, 4096), &volumesOnly);
+  viaVolume.setSectorFaults(faults);
   EXPECT_FALSE(viaVolume.readSector(0, 1, buf.data()));
   EXPECT_TRUE(volumesOnly.alerts.empty());
 }
 
 TEST_F(FailingReadFixture, VanishedDriveAsksToQuitOnlyFromTheScanReader) {
   DMedia media(driveDict(path, 4096), &controller);
+  media.setSectorFaults(faults);
   EXPECT_FALSE(media.readSector(0, 1, buf.data()));
   ASSERT_EQ(controller.alerts.size(), 1u);
   EXPECT_EQ(controller.alerts[0].title, "! Error");
@@ -180,6 +189,7 @@ TEST_F(FailingReadFixture, UnopenableDrive) {
 }
 
 TEST_F(FailingReadFixture, ControllerReaderLooksOnlyAtTheVolumeList) {
+  path = dir.path().string();
   controller.drives.push_back(driveDict(path, 4096));
   EXPECT_FALSE(readAppSector(&controller, 0, path, 1, buf.data()));
   ASSERT_EQ(controller.alerts.size(), 1u);
