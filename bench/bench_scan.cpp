@@ -1,5 +1,5 @@
 // The tree scans on a 1,000,000-file volume from the image builder, read from
-// the page cache:
+// the page cache, each timed as the best of three runs:
 //  - the standard scan's catalog records per second and its peak memory
 //    (budget: at least 1,000,000 records/s, under 1 GB), next to `fls -r` on
 //    the same volume in the same run;
@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -93,10 +94,17 @@ PlistDict volumeDict(const Image& img) {
                    {"Serial", ""},                {"Revision", ""}};
 }
 
+struct ScanRun {
+  double seconds = 0;
+  unsigned long entries = 0, files = 0;
+  double peakMB = 0;
+};
+
 // The standard scan in a child process, so that its peak memory is its own.
-void standardScan(const Image& img) {
+ScanRun standardScanOnce(const Image& img) {
+  ScanRun run;
   int pipefd[2];
-  if (::pipe(pipefd) != 0) return;
+  if (::pipe(pipefd) != 0) return run;
   const pid_t pid = ::fork();
   if (pid == 0) {
     ::close(pipefd[0]);
@@ -116,25 +124,46 @@ void standardScan(const Image& img) {
   int status = 0;
   struct rusage usage {};
   ::wait4(pid, &status, 0, &usage);
-  double seconds = 0;
-  unsigned long entries = 0, files = 0;
-  std::sscanf(buf, "%lf %lu %lu", &seconds, &entries, &files);
+  std::sscanf(buf, "%lf %lu %lu", &run.seconds, &run.entries, &run.files);
+  run.peakMB = usage.ru_maxrss / 1024.0;
+  return run;
+}
+
+// Time is the best of three runs (a shared machine only ever slows a run
+// down); memory the largest of them.
+bool standardScan(const Image& img) {
+  ScanRun bestRun;
+  double peakMB = 0;
+  for (int pass = 0; pass < 3; ++pass) {
+    const ScanRun run = standardScanOnce(img);
+    if (run.seconds <= 0) continue;
+    if (bestRun.seconds == 0 || run.seconds < bestRun.seconds) bestRun = run;
+    peakMB = std::max(peakMB, run.peakMB);
+  }
+  if (bestRun.seconds <= 0) {
+    fmt::print("standard scan: no run finished\n");
+    return false;
+  }
   const double records = img.leafRecords;
-  fmt::print("standard scan: {} catalog records ({} entries, {} files) in {:.2f} s = {:.0f} records/s "
-             "(budget >= 1000000); peak memory {:.0f} MB (budget < 1024)\n",
-             img.leafRecords, entries, files, seconds, records / seconds, usage.ru_maxrss / 1024.0);
+  const double rate = records / bestRun.seconds;
+  const bool ok = rate >= 1000000 && peakMB < 1024;
+  fmt::print("standard scan: {} catalog records ({} entries, {} files) in {:.2f} s at best = {:.0f} records/s "
+             "(budget >= 1000000); peak memory {:.0f} MB (budget < 1024): {}\n",
+             img.leafRecords, bestRun.entries, bestRun.files, bestRun.seconds, rate, peakMB,
+             ok ? "within budget" : "OVER BUDGET");
 
   const auto start = Clock::now();
   const int rc = std::system(fmt::format("fls -r -o 0 '{}' > /dev/null 2>&1", img.path).c_str());
   const double flsSeconds = std::chrono::duration<double>(Clock::now() - start).count();
   if (rc == 0)
     fmt::print("fls -r on the same volume: {:.2f} s = {:.0f} records/s ({:.1f}x the scan's time)\n", flsSeconds,
-               records / flsSeconds, flsSeconds / seconds);
+               records / flsSeconds, flsSeconds / bestRun.seconds);
   else
     fmt::print("fls -r could not run (exit {})\n", rc);
+  return ok;
 }
 
-void sectorSearch(const Image& img) {
+bool sectorSearch(const Image& img) {
   const uint64_t bytes = img.sectors * 512;
   readAll(img.path, bytes, 1 << 20);  // into the page cache
   double read = 1e9, search = 1e9;
@@ -151,9 +180,11 @@ void sectorSearch(const Image& img) {
     nodes = volume.CatNodeArray.size();
   }
   const double readSpeed = bytes / read / 1e9, searchSpeed = bytes / search / 1e9;
-  fmt::print("sector search: {:.2f} GB/s ({} leaf nodes found); sequential read {:.2f} GB/s; ratio {:.1f} % "
-             "(budget >= 80 %)\n",
-             searchSpeed, nodes, readSpeed, 100.0 * searchSpeed / readSpeed);
+  const bool ok = searchSpeed >= 0.8 * readSpeed;
+  fmt::print("sector search: best {:.2f} GB/s ({} leaf nodes found); sequential read best {:.2f} GB/s; ratio {:.1f} % "
+             "(budget >= 80 %): {}\n",
+             searchSpeed, nodes, readSpeed, 100.0 * searchSpeed / readSpeed, ok ? "within budget" : "OVER BUDGET");
+  return ok;
 }
 
 }  // namespace
@@ -161,7 +192,7 @@ void sectorSearch(const Image& img) {
 int main() {
   const Image img = makeImage();
   readAll(img.path, img.sectors * 512, 1 << 20);
-  standardScan(img);
-  sectorSearch(img);
-  return 0;
+  const bool scanOk = standardScan(img);
+  const bool searchOk = sectorSearch(img);
+  return scanOk && searchOk ? 0 : 1;
 }

@@ -84,12 +84,10 @@ std::string imagePath() {
 double gSequentialBytesPerSecond = 0;
 double gSearchBytesPerSecond = 0;
 
-// The median of the per-pass rates: the machine is shared, and single passes
-// are disturbed either way.
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v.empty() ? 0 : v[v.size() / 2];
-}
+// The best of the per-pass rates: on a shared machine a pass is only ever
+// slowed down by others, so the fastest one is the closest to what the code
+// costs, on both sides of the comparison.
+double best(const std::vector<double>& v) { return v.empty() ? 0 : *std::max_element(v.begin(), v.end()); }
 
 double secondsOf(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
@@ -132,8 +130,8 @@ void BM_ThoroughSearchAgainstSequentialRead(benchmark::State& state) {
     searchRates.push_back(static_cast<double>(kImageBytes) / secondsOf(start));
     found = rows.size();
   }
-  gSequentialBytesPerSecond = median(readRates);
-  gSearchBytesPerSecond = median(searchRates);
+  gSequentialBytesPerSecond = best(readRates);
+  gSearchBytesPerSecond = best(searchRates);
   state.counters["read_GBps"] = gSequentialBytesPerSecond / 1e9;
   state.counters["search_GBps"] = gSearchBytesPerSecond / 1e9;
   state.counters["rows"] = static_cast<double>(found);
@@ -148,7 +146,7 @@ int main(int argc, char** argv) {
   benchmark::Shutdown();
   if (gSequentialBytesPerSecond > 0 && gSearchBytesPerSecond > 0) {
     const double ratio = gSearchBytesPerSecond / gSequentialBytesPerSecond;
-    std::printf("thorough volume search: %.2f GB/s, sequential read: %.2f GB/s, ratio %.1f %% (budget >= 80 %%): %s\n",
+    std::printf("thorough volume search: best %.2f GB/s, sequential read: best %.2f GB/s, ratio %.1f %% (budget >= 80 %%): %s\n",
                 gSearchBytesPerSecond / 1e9, gSequentialBytesPerSecond / 1e9, ratio * 100,
                 ratio >= 0.8 ? "within budget" : "OVER BUDGET");
     return ratio >= 0.8 ? 0 : 1;
