@@ -49,7 +49,8 @@ class Volume : public DMedia {
   int64_t catNodeToSector(uint32_t node) const;
   int64_t extNodeToSector(uint32_t node) const;
   // Overflow extents of a fork from the extents B-tree; empty with *found
-  // false when the tree has no root (the original's nil).
+  // false when the tree has no root, so callers can tell "no overflow
+  // extents" from "no tree to ask".
   std::vector<Extent> extentsForID(uint32_t fileID, uint8_t fork, uint32_t startBlock, uint32_t totalBlocks,
                                    bool* found = nullptr);
 
@@ -167,7 +168,8 @@ class Volume : public DMedia {
   bool updateStatus = true;
   bool isUSBDevice = false;
   bool lookForRtfAttachments = false;
-  // leafNodePointerArray has been made (the original's non-nil array).
+  // leafNodePointerArray was built from the index nodes: only then does an
+  // empty array mean they pointed nowhere and the leaves must be searched for.
   bool leafNodePointerArrayMade_ = false;
   std::vector<Extent> attributesExt;
   std::optional<AttributesTree::Header> attributesHeader;

@@ -44,7 +44,7 @@ struct VolumeArchive : KeyedEncodable {
 };
 
 // A file-type signature. Unsigned fields travel through the signed coder
-// calls, as the original does, and come back bit for bit.
+// calls (the archive's integers are signed) and come back bit for bit.
 struct SigArchive : KeyedEncodable {
   bool preInstalled = false;
   bool skipFileSize = false;

@@ -7,14 +7,12 @@
 // neither leaks nor overflows the stack.
 //
 // Copies: the adding operations never put the caller's object into the tree.
-// From a const reference they make a mutableCopy(). The original shares the
-// arrays between copy and source; here the extents are copied by value and the
-// children deep-copied (their holder and, where it pointed at the source,
-// their parent re-pointed to the copy), so neither object can dangle when the
-// other goes. No caller changes an array through the source after adding, so
-// what they see is the same. Callers that build an entry only to add it can
-// hand it over as a unique_ptr instead, which saves the copy and behaves as a
-// copy would (hasParent starts NO).
+// From a const reference they make a mutableCopy(): the extents are copied by
+// value and the children deep-copied (their holder and, where it pointed at
+// the source, their parent re-pointed to the copy), so that neither object
+// can dangle when the other goes. Callers that build an entry only to add it
+// can hand it over as a unique_ptr instead, which saves the copy and behaves
+// as a copy would (hasParent starts NO).
 //
 // Counts: each entry keeps the number of marked entries below it, counted the
 // way childrenSelected() defines it (descending only where childrenCount > 0),
