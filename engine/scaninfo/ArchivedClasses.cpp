@@ -111,6 +111,12 @@ std::optional<VolumeArchive> VolumeArchive::decode(const ArchivedObject& o, std:
     error = "the volume has no volumeScanType";
     return std::nullopt;
   }
+  // Every other field's meaning depends on the type: one we do not know
+  // cannot be read as if it were another.
+  if (*type < 0 || *type > 3) {
+    error = fmt::format("scan type {} is not one of 0 to 3", *type);
+    return std::nullopt;
+  }
   v.volumeScanType = static_cast<int32_t>(*type);
   bool ok = readString(o, "volumeName", v.volumeName, error) && readString(o, "rootName", v.rootName, error) &&
             readString(o, "deletedFilesPath", v.deletedFilesPath, error) && readString(o, "path", v.path, error) &&

@@ -42,7 +42,7 @@ struct HDIRCoder : KeyedEncodable {
 
   void encodeWithCoder(KeyedArchiver& coder) const override {
     coder.encodeObject("fileName", PlistValue(dir.fileName()));
-    coder.encodeObject("pathName", PlistValue(dir.pathName));
+    coder.encodeObject("pathName", PlistValue(pathNameOf(dir)));
     coder.encodeInt("fileType", dir.fileType);
     coder.encodeInt32("createDate", static_cast<int32_t>(dir.createDate));
     coder.encodeInt32("modDate", static_cast<int32_t>(dir.modDate));
@@ -87,7 +87,7 @@ class HDIRDecoder {
     auto d = std::make_unique<HDIR>();
     auto name = o.decodeObject("fileName").string();
     d->setFileName(name.value_or(std::string()));
-    d->pathName = o.decodeObject("pathName").string().value_or(std::string());
+    // "pathName" is not read: an entry's path comes from the folders above it.
     d->fileType = static_cast<uint16_t>(o.decodeInt64("fileType").value_or(0));
     d->createDate = static_cast<uint32_t>(o.decodeInt64("createDate").value_or(0));
     d->modDate = static_cast<uint32_t>(o.decodeInt64("modDate").value_or(0));
@@ -155,7 +155,7 @@ std::optional<std::vector<uint8_t>> archiveHDIR(const HDIR& root) {
 std::unique_ptr<HDIR> unarchiveHDIR(std::span<const uint8_t> bytes, std::string& error) {
   error.clear();
   KeyedUnarchiver u;
-  if (!u.load(bytes)) {
+  if (!u.load(bytes) || !u.checkReferences()) {
     error = u.error();
     return nullptr;
   }

@@ -1,5 +1,6 @@
 #include "scaninfo/KeyedArchive.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <map>
@@ -328,6 +329,43 @@ bool KeyedUnarchiver::load(std::span<const uint8_t> bytes) {
   }
   objects_ = objects;
   objectCount_ = plist_array_get_size(objects);
+  return true;
+}
+
+bool KeyedUnarchiver::checkReferences() {
+  std::vector<plist_t> pending{objects_};
+  while (!pending.empty()) {
+    plist_t n = pending.back();
+    pending.pop_back();
+    switch (plist_get_node_type(n)) {
+      case PLIST_UID: {
+        uint64_t index = 0;
+        plist_get_uid_val(n, &index);
+        if (index >= objectCount_) {
+          error_ = fmt::format("damaged: a reference names object {}, past the archive's {} objects", index, objectCount_);
+          return false;
+        }
+        break;
+      }
+      case PLIST_ARRAY:
+        for (uint32_t i = 0, count = plist_array_get_size(n); i < count; ++i)
+          pending.push_back(plist_array_get_item(n, i));
+        break;
+      case PLIST_DICT: {
+        plist_dict_iter it = nullptr;
+        plist_dict_new_iter(n, &it);
+        for (plist_t value = nullptr;;) {
+          plist_dict_next_item(n, it, nullptr, &value);
+          if (!value) break;
+          pending.push_back(value);
+        }
+        std::free(it);
+        break;
+      }
+      default:
+        break;
+    }
+  }
   return true;
 }
 

@@ -136,6 +136,11 @@ class KeyedUnarchiver {
   // False with error() set when the bytes are not a keyed archive.
   bool load(std::span<const uint8_t> bytes);
   const std::string& error() const { return error_; }
+  // Every reference in the archive names one of its objects. Files we write
+  // and read back as a whole (scan info) must pass: a dangling reference
+  // would read as a missing value (a zero, an empty name) without a word.
+  // Other archives are read leniently, as the decoders of the platform do.
+  bool checkReferences();
 
   // $top's "root", or another top-level key.
   ArchivedObject root() const { return top("root"); }

@@ -12,90 +12,12 @@
 #include "base/Endian.h"
 #include "base/ReadOnlyFile.h"
 #include "scaninfo/KeyedArchive.h"
+#include "scaninfo/ScanInfoIo.h"
 
 namespace ambrel {
 namespace {
 
-constexpr size_t kIoBuffer = 1 << 20;
 constexpr const char* kErrorTitle = "! Error";
-constexpr uint16_t kMaxNameUnits = 0xFFFF;
-
-// ---- text
-
-// UTF-8 to UTF-16 code units, at most kMaxNameUnits of them (never splitting
-// a surrogate pair). Bytes that are not UTF-8 become U+FFFD.
-void appendUtf16(std::string_view s, std::vector<uint16_t>& out) {
-  out.clear();
-  size_t i = 0;
-  while (i < s.size()) {
-    uint32_t c = static_cast<uint8_t>(s[i]);
-    size_t n = c < 0x80 ? 1 : (c >> 5) == 0x6 ? 2 : (c >> 4) == 0xE ? 3 : (c >> 3) == 0x1E ? 4 : 0;
-    uint32_t cp = 0xFFFD;
-    size_t used = 1;
-    if (n == 1) {
-      cp = c;
-    } else if (n > 1 && i + n <= s.size()) {
-      uint32_t v = c & (0x7F >> n);
-      bool ok = true;
-      for (size_t k = 1; k < n; ++k) {
-        uint8_t b = static_cast<uint8_t>(s[i + k]);
-        if ((b & 0xC0) != 0x80) { ok = false; break; }
-        v = (v << 6) | (b & 0x3F);
-      }
-      static constexpr uint32_t kMin[] = {0, 0, 0x80, 0x800, 0x10000};
-      if (ok && v >= kMin[n] && v <= 0x10FFFF && !(v >= 0xD800 && v <= 0xDFFF)) {
-        cp = v;
-        used = n;
-      }
-    }
-    i += used;
-    if (cp >= 0x10000) {
-      if (out.size() + 2 > kMaxNameUnits) break;
-      cp -= 0x10000;
-      out.push_back(static_cast<uint16_t>(0xD800 + (cp >> 10)));
-      out.push_back(static_cast<uint16_t>(0xDC00 + (cp & 0x3FF)));
-    } else {
-      if (out.size() + 1 > kMaxNameUnits) break;
-      out.push_back(static_cast<uint16_t>(cp));
-    }
-  }
-}
-
-// Big-endian UTF-16 to UTF-8; an unpaired surrogate becomes U+FFFD.
-std::string utf8FromUtf16BE(const uint8_t* p, size_t units) {
-  std::string out;
-  out.reserve(units);
-  for (size_t i = 0; i < units; ++i) {
-    uint32_t c = loadBE16(p + 2 * i);
-    if (c >= 0xD800 && c <= 0xDBFF && i + 1 < units) {
-      uint32_t d = loadBE16(p + 2 * (i + 1));
-      if (d >= 0xDC00 && d <= 0xDFFF) {
-        c = 0x10000 + ((c - 0xD800) << 10) + (d - 0xDC00);
-        ++i;
-      } else {
-        c = 0xFFFD;
-      }
-    } else if (c >= 0xD800 && c <= 0xDFFF) {
-      c = 0xFFFD;
-    }
-    if (c < 0x80) {
-      out += static_cast<char>(c);
-    } else if (c < 0x800) {
-      out += static_cast<char>(0xC0 | (c >> 6));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    } else if (c < 0x10000) {
-      out += static_cast<char>(0xE0 | (c >> 12));
-      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    } else {
-      out += static_cast<char>(0xF0 | (c >> 18));
-      out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    }
-  }
-  return out;
-}
 
 // ---- progress
 
@@ -106,156 +28,6 @@ void report(AppControllerInterface* controller, ProgressReport r) {
 void barStep(AppControllerInterface* controller, int64_t n) {
   report(controller, ProgressReport{{progress::kBarIncrement, n}});
 }
-
-// ---- files
-
-class FileWriter {
- public:
-  explicit FileWriter(const std::string& path) {
-    fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd_ < 0) error_ = errno;
-    buf_.reserve(kIoBuffer);
-  }
-  ~FileWriter() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  bool ok() const { return error_ == 0; }
-  int error() const { return error_; }
-
-  void put(const void* p, size_t n) {
-    const uint8_t* b = static_cast<const uint8_t*>(p);
-    if (buf_.size() + n > kIoBuffer) flush();
-    if (n > kIoBuffer) {
-      writeAll(b, n);
-      return;
-    }
-    buf_.insert(buf_.end(), b, b + n);
-  }
-  void putBE32(uint32_t v) {
-    uint8_t b[4];
-    storeBE32(b, v);
-    put(b, 4);
-  }
-  void flush() {
-    if (!buf_.empty()) writeAll(buf_.data(), buf_.size());
-    buf_.clear();
-  }
-  // Rewrites bytes already flushed, at an absolute offset.
-  void rewrite(uint64_t at, const std::vector<uint8_t>& bytes) {
-    flush();
-    size_t done = 0;
-    while (ok() && done < bytes.size()) {
-      ssize_t w = ::pwrite(fd_, bytes.data() + done, bytes.size() - done, static_cast<off_t>(at + done));
-      if (w < 0 && errno == EINTR) continue;
-      if (w <= 0) error_ = w < 0 ? errno : EIO;
-      else done += static_cast<size_t>(w);
-    }
-  }
-  bool close() {
-    flush();
-    if (fd_ >= 0 && ::close(fd_) != 0 && ok()) error_ = errno;
-    fd_ = -1;
-    return ok();
-  }
-
- private:
-  void writeAll(const uint8_t* p, size_t n) {
-    while (ok() && n > 0) {
-      ssize_t w = ::write(fd_, p, n);
-      if (w < 0 && errno == EINTR) continue;
-      if (w <= 0) {
-        error_ = w < 0 ? errno : EIO;
-        return;
-      }
-      p += w;
-      n -= static_cast<size_t>(w);
-    }
-  }
-
-  int fd_ = -1;
-  int error_ = 0;
-  std::vector<uint8_t> buf_;
-};
-
-class FileReader {
- public:
-  explicit FileReader(const std::string& path) {
-    // Never blocks: a named pipe or the like is refused, not waited on.
-    const ReadOnlyFile f = openReadOnlyFile(path, false);
-    if (f.wrongKind) wrongKind_ = f.st.st_mode;
-    fd_ = f.fd;
-    if (fd_ < 0) {
-      error_ = f.wrongKind ? EINVAL : f.error;
-      return;
-    }
-    size_ = static_cast<uint64_t>(f.st.st_size);
-    buf_.resize(static_cast<size_t>(std::min<uint64_t>(kIoBuffer, std::max<uint64_t>(size_, 1))));
-  }
-  ~FileReader() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  bool isOpen() const { return fd_ >= 0 && error_ == 0; }
-  int error() const { return error_; }
-  // The kind of file refused (a named pipe, a folder, ...), 0 when none was.
-  mode_t wrongKind() const { return wrongKind_; }
-  uint64_t size() const { return size_; }
-  uint64_t position() const { return position_; }
-  uint64_t remaining() const { return size_ > position_ ? size_ - position_ : 0; }
-
-  bool seek(uint64_t at) {
-    if (at > size_) return false;
-    position_ = at;
-    begin_ = end_ = 0;
-    bufferAt_ = at;
-    return true;
-  }
-  // Exactly n bytes, or false (the file ends or a read fails).
-  bool read(void* dst, size_t n) {
-    if (n > remaining()) return false;
-    uint8_t* out = static_cast<uint8_t*>(dst);
-    while (n > 0) {
-      if (begin_ == end_ && !fill()) return false;
-      size_t take = std::min(n, end_ - begin_);
-      std::memcpy(out, buf_.data() + begin_, take);
-      begin_ += take;
-      out += take;
-      n -= take;
-      position_ += take;
-    }
-    return true;
-  }
-  bool readBE32(uint32_t& v) {
-    uint8_t b[4];
-    if (!read(b, 4)) return false;
-    v = loadBE32(b);
-    return true;
-  }
-
- private:
-  bool fill() {
-    bufferAt_ = position_;
-    for (;;) {
-      ssize_t r = ::pread(fd_, buf_.data(), buf_.size(), static_cast<off_t>(position_));
-      if (r < 0 && errno == EINTR) continue;
-      if (r <= 0) {
-        if (r < 0) error_ = errno;
-        return false;
-      }
-      begin_ = 0;
-      end_ = static_cast<size_t>(r);
-      return true;
-    }
-  }
-
-  int fd_ = -1;
-  int error_ = 0;
-  mode_t wrongKind_ = 0;
-  uint64_t size_ = 0;
-  uint64_t position_ = 0;
-  uint64_t bufferAt_ = 0;
-  std::vector<uint8_t> buf_;
-  size_t begin_ = 0, end_ = 0;
-};
 
 // ---- entries
 
@@ -270,21 +42,22 @@ uint64_t storedRscSize(const HDIR& dir) {
 
 class EntryWriter {
  public:
-  explicit EntryWriter(FileWriter& out) : out_(out) {}
+  explicit EntryWriter(scaninfo::FileWriter& out) : out_(out) {}
 
-  void write(const HDIR& dir) {
+  // `path` is the entry's pathName in UTF-16, built by the caller's walk.
+  void write(const HDIR& dir, const std::vector<uint16_t>& path) {
     HFSPlusDir r;
     convertHDirToHPDir(dir, r);
-    appendUtf16(dir.fileName(), name_);
-    appendUtf16(dir.pathName, path_);
+    name_.clear();
+    scaninfo::appendUtf16(dir.fileName(), name_);
     r.fileNameLength = bswap16(static_cast<uint16_t>(name_.size()));
-    r.pathNameLength = bswap16(static_cast<uint16_t>(path_.size()));
+    r.pathNameLength = bswap16(static_cast<uint16_t>(path.size()));
     r.childRecordCount = static_cast<int32_t>(bswap32(static_cast<uint32_t>(dir.children().size())));
     r.dataExtCount = static_cast<int32_t>(bswap32(static_cast<uint32_t>(dir.dataExt.size())));
     r.rscExtCount = static_cast<int32_t>(bswap32(static_cast<uint32_t>(dir.rscExt.size())));
     out_.put(&r, sizeof r);
     putUnits(name_);
-    putUnits(path_);
+    putUnits(path);
     // The counts are written whatever the sizes; the pairs only for a non-empty fork.
     if (storedDataSize(dir) != 0) putExtents(dir.dataExt);
     if (storedRscSize(dir) != 0) putExtents(dir.rscExt);
@@ -305,10 +78,17 @@ class EntryWriter {
     }
   }
 
-  FileWriter& out_;
-  std::vector<uint16_t> name_, path_;
+  scaninfo::FileWriter& out_;
+  std::vector<uint16_t> name_;
   std::vector<uint8_t> bytes_;
 };
+
+// The pathName of the children of an entry whose own pathName is `path`.
+void appendComponent(std::vector<uint16_t>& path, const HDIR& dir) {
+  if (path.size() >= scaninfo::kMaxNameUnits) return;
+  path.push_back(u'/');
+  scaninfo::appendUtf16(pathComponent(dir.fileName()), path);
+}
 
 std::vector<uint8_t> framedArchive(const std::vector<uint8_t>& archive) {
   std::vector<uint8_t> out(4 + archive.size());
@@ -362,6 +142,8 @@ void convertHPDirToHDir(const HFSPlusDir& r, HDIR& dir) {
 std::optional<ScanInfoError> writeScanInfo(const std::string& path, const ScanInfo& info, const HDIR& root,
                                            AppControllerInterface* controller, uint64_t* entriesWritten) {
   if (entriesWritten) *entriesWritten = 0;
+  std::string target;
+  if (auto refusal = checkScanInfoDestination(path, info.volume.path, &target)) return refusal;
   report(controller, ProgressReport{{progress::kBarMinValue, int64_t{0}},
                                     {progress::kBarMaxValue, int64_t{root.childrenCount()} + 5},
                                     {progress::kProgressStatus, "Saving Scan Info"}});
@@ -373,8 +155,17 @@ std::optional<ScanInfoError> writeScanInfo(const std::string& path, const ScanIn
     return ScanInfoError{"! Error", "The scan info header does not fit its area."};
   header.insert(header.end(), version.begin(), version.end());
 
-  FileWriter out(path);
-  if (!out.ok()) return writeError(path, out.error());
+  // Written beside the target and renamed over it once whole: a failed or
+  // interrupted write never leaves a file at `path` that looks usable.
+  std::string temp;
+  const int fd = scaninfo::createTemporaryBeside(target, temp);
+  if (fd < 0) return writeError(path, errno);
+  scaninfo::FileWriter out(fd);
+  auto fail = [&](int err) {
+    out.close();
+    ::unlink(temp.c_str());
+    return writeError(path, err);
+  };
   std::vector<uint8_t> area(kScanInfoHeaderSize, 0);
   std::memcpy(area.data(), incomplete.data(), incomplete.size());
   out.put(area.data(), area.size());
@@ -397,16 +188,21 @@ std::optional<ScanInfoError> writeScanInfo(const std::string& path, const ScanIn
   }
 
   // Pre-order without recursion: a chain of a million folders is a tree too.
+  // The path grows and shrinks with the walk; no entry keeps one.
   EntryWriter entries(out);
   uint64_t count = 0;
   struct Frame {
     const HDIR* dir;
     size_t next;
+    size_t pathUnits;  // of the pathName of dir's children
   };
+  std::vector<uint16_t> pathUnits;
+  scaninfo::appendUtf16(pathNameOf(root), pathUnits);
   std::vector<Frame> stack;
-  entries.write(root);
+  entries.write(root, pathUnits);
   ++count;
-  stack.push_back({&root, 0});
+  appendComponent(pathUnits, root);
+  stack.push_back({&root, 0, pathUnits.size()});
   while (!stack.empty() && out.ok()) {
     Frame& f = stack.back();
     if (f.next >= f.dir->children().size()) {
@@ -414,12 +210,17 @@ std::optional<ScanInfoError> writeScanInfo(const std::string& path, const ScanIn
       continue;
     }
     const HDIR* child = f.dir->children()[f.next++].get();
-    entries.write(*child);
+    pathUnits.resize(f.pathUnits);
+    entries.write(*child, pathUnits);
     if (++count % kScanInfoProgressStep == 0) barStep(controller, static_cast<int64_t>(kScanInfoProgressStep));
-    stack.push_back({child, 0});
+    if (!child->children().empty()) {
+      appendComponent(pathUnits, *child);
+      stack.push_back({child, 0, pathUnits.size()});
+    }
   }
   out.rewrite(0, header);
-  if (!out.close()) return writeError(path, out.error());
+  if (!out.close()) return fail(out.error());
+  if (::rename(temp.c_str(), target.c_str()) != 0) return fail(errno);
   barStep(controller, 1);
   if (entriesWritten) *entriesWritten = count;
   report(controller, ProgressReport{{progress::kProgressStatus, "Scan Info Saved"}, {progress::kBarDoubleValue, 0.0}});
@@ -427,6 +228,8 @@ std::optional<ScanInfoError> writeScanInfo(const std::string& path, const ScanIn
 }
 
 namespace {
+
+using scaninfo::FileReader;
 
 // The archive framed at the reader's position: a length, then that many bytes.
 // nullopt when the length runs past `limit` or the file.
@@ -491,13 +294,13 @@ class EntryReader {
       error = fmt::format("entry {} claims {} children, more than the file holds", index + 1, children);
       return nullptr;
     }
-    std::string name, path;
-    if (!readText(nameUnits, name) || !readText(pathUnits, path)) {
+    std::string name;
+    // The stored path is passed over: an entry's path comes from its folders.
+    if (!readText(nameUnits, name) || !in_.skip(uint64_t{pathUnits} * 2)) {
       error = fmt::format("it ends inside the name of entry {}", index + 1);
       return nullptr;
     }
     dir->setFileName(nameUnits == 0 ? std::string("Untitled") : std::move(name));
-    dir->pathName = std::move(path);
     if ((dir->dataSize != 0 && !readExtents(dataPairs, dir->dataExt)) ||
         (dir->rscSize != 0 && !readExtents(rscPairs, dir->rscExt))) {
       error = fmt::format("entry {} has more extents than the file holds", index + 1);
@@ -512,7 +315,7 @@ class EntryReader {
     if (size_t{units} * 2 > in_.remaining()) return false;
     bytes_.resize(size_t{units} * 2);
     if (!in_.read(bytes_.data(), bytes_.size())) return false;
-    out = utf8FromUtf16BE(bytes_.data(), units);
+    out = scaninfo::utf8FromUtf16BE(bytes_.data(), units);
     return true;
   }
   bool readExtents(int32_t pairs, std::vector<Extent>& out) {
@@ -555,12 +358,12 @@ ScanInfoReadResult readScanInfo(const std::string& path, AppControllerInterface*
   };
 
   ScanInfoContents contents;
-  in.seek(kScanInfoHeaderSize);
+  if (!in.seek(kScanInfoHeaderSize)) return fail("it is cut short inside its header");
   auto volumeBytes = readFramed(in, in.size());
   if (!volumeBytes) return fail("the volume record is cut short");
   {
     KeyedUnarchiver u;
-    if (!u.load(*volumeBytes)) return fail("the volume record is " + u.error());
+    if (!u.load(*volumeBytes) || !u.checkReferences()) return fail("the volume record is " + u.error());
     std::string why;
     auto volume = VolumeArchive::decode(u.root(), why);
     if (!volume) return fail("the volume record is unusable (" + why + ")");
@@ -611,9 +414,16 @@ ScanInfoReadResult readScanInfo(const std::string& path, AppControllerInterface*
     // The root is not counted in the steps, as the children are read after it.
     if (contents.entryCount++ % kScanInfoProgressStep == 0) barStep(controller, static_cast<int64_t>(kScanInfoProgressStep));
     child->parent = folder;
-    HDIR* added = folder->addChildFromScanFile(std::move(child));
+    // Marks are counted once the whole tree is in: carrying each one up to
+    // the root as it comes would cost the depth per entry.
+    HDIR* added = folder->appendUncounted(std::move(child));
     if (children > 0) stack.push_back({added, children});
   }
+  // The tree must end where the file does: bytes behind it mean a count
+  // above was damaged and entries would be lost without a word.
+  if (const uint64_t left = in.remaining(); left != 0)
+    return fail(fmt::format("{} {} the last entry", left, left == 1 ? "byte follows" : "bytes follow"));
+  HDIR::recountMarks(*contents.root);
   report(controller, ProgressReport{{progress::kProgressStatus, " "}, {progress::kBarDoubleValue, 0.0}});
   result.contents = std::move(contents);
   return result;

@@ -9,7 +9,8 @@
 //              volume-search list (1)
 //          2560 bytes: the drive's sectors 0-4 (every type but 2)
 //          the tree: one entry block per HDIR in pre-order (HFSPlusDir
-//          record, UTF-16 name and path, extent pairs)
+//          record, UTF-16 name and path, extent pairs); the file ends with
+//          the last entry
 //
 // All integers are big-endian. Both directions stream: the writer walks the
 // tree, the reader builds it entry by entry; neither holds more than one
@@ -79,10 +80,21 @@ struct ScanInfoError {
   std::string message;
 };
 
-// Writes `path` (replacing it). The marker stays "UnComple" until the whole
-// tree is on disk. Progress goes to `controller` as tree reports ("Saving
-// Scan Info", one step per archive and per 100 entries); it may be null.
-// On failure the partial file is left, marked incomplete.
+// Where a scan info file may be written: a new file, or an existing regular
+// file (a symbolic link is followed to it), and never the drive being
+// scanned, `drivePath`, nor anything that resolves to it (the same device and
+// inode, or the file behind a loop device). The refusal to show, or nothing
+// when fine; `resolved` then receives the real path to write.
+std::optional<ScanInfoError> checkScanInfoDestination(const std::string& path, const std::string& drivePath,
+                                                      std::string* resolved = nullptr);
+
+// Writes `path` (replacing it), after checkScanInfoDestination with the
+// volume's own path as the drive. The file is written under a temporary name
+// beside `path`, its marker "UnComple" until the whole tree is in, and renamed
+// into place only once complete: on failure nothing is left, and an earlier
+// file at `path` stays as it was. Progress goes to `controller` as tree
+// reports ("Saving Scan Info", one step per archive and per 100 entries); it
+// may be null.
 std::optional<ScanInfoError> writeScanInfo(const std::string& path, const ScanInfo& info, const HDIR& root,
                                            AppControllerInterface* controller, uint64_t* entriesWritten = nullptr);
 

@@ -143,10 +143,10 @@ TEST(VolumeSearch, KnownFirstBlocksAreNotExamined) {
   // files numbered in each extension folder.
   const HDIR* images = volume->dirRoot->firstChildNamed("Images");
   ASSERT_TRUE(images);
-  EXPECT_EQ(images->pathName, "/Root");
+  EXPECT_EQ(pathNameOf(*images), "/Root");
   const HDIR* jpg = const_cast<HDIR*>(images)->firstChildNamed("jpg");
   ASSERT_TRUE(jpg);
-  EXPECT_EQ(jpg->pathName, "/Root/Images");
+  EXPECT_EQ(pathNameOf(*jpg), "/Root/Images");
   ASSERT_EQ(jpg->children().size(), 1u);
   EXPECT_EQ(jpg->children()[0]->fileName(), "File1.jpg");
   EXPECT_EQ(jpg->children()[0]->parentID, jpg->fileID);

@@ -18,7 +18,6 @@ inline void expectSameTree(const HDIR& a, const HDIR& b) {
     ++n;
     SCOPED_TRACE(x->fileName());
     EXPECT_EQ(x->fileName().empty() ? std::string("Untitled") : x->fileName(), y->fileName());
-    EXPECT_EQ(x->pathName, y->pathName);
     EXPECT_EQ(x->fileType, y->fileType);
     EXPECT_EQ(x->createDate, y->createDate);
     EXPECT_EQ(x->modDate, y->modDate);

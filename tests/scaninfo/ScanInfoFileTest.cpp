@@ -6,12 +6,15 @@
 #include <fstream>
 #include <random>
 
+#include <fmt/format.h>
+
 #include "scaninfo/SameTree.h"
 #include "base/Endian.h"
 #include "scaninfo/KeyedArchive.h"
 #include "scaninfo/ScanInfoFile.h"
 #include "support/RecordingController.h"
 #include "support/TempDir.h"
+#include "tree/CheckController.h"
 
 namespace ambrel {
 namespace {
@@ -36,7 +39,6 @@ std::unique_ptr<HDIR> entry(const std::string& name, uint16_t type, uint32_t id,
 std::unique_ptr<HDIR> sampleTree() {
   auto root = entry("Macintosh HD", kHDIRFolder, 2, 1);
   auto docs = entry("Documents \xC3\xA9t\xC3\xA9 \xE6\x96\x87\xE6\x9B\xB8 \xF0\x9F\x93\x81", kHDIRFolder, 16, 2);
-  docs->pathName = "/Documents";
   auto f1 = entry("r\xC3\xA9sum\xC3\xA9 \"final\": v2/3.txt", kHDIRFile, 17, 16);
   f1->dataSize = 5000;
   f1->fileSize = 5000 + 286;
@@ -131,12 +133,16 @@ TEST(ScanInfoFile, RoundTripKeepsTheTreeAndAnIndependentReaderAgrees) {
   EXPECT_NE(seen.find(R"("drive":2560)"), std::string::npos) << seen;
   EXPECT_NE(seen.find(R"("trailing":0)"), std::string::npos) << seen;
   EXPECT_NE(seen.find(R"("list":[{"Volume Name":"Macintosh HD","Volume Scan Type":0,"Volume Size In Sectors":999960,"Volume Start":40}])"), std::string::npos) << seen;
+  // Each path is the chain of folders above the entry, as it was walked.
+  const std::string docs = "Documents \xC3\xA9t\xC3\xA9 \xE6\x96\x87\xE6\x9B\xB8 \xF0\x9F\x93\x81";
   EXPECT_NE(seen.find(R"("entries":[[0,"Macintosh HD","",1,2,1,0,0,2,0,[],[]],)"
-                      "[1,\"Documents \xC3\xA9t\xC3\xA9 \xE6\x96\x87\xE6\x9B\xB8 \xF0\x9F\x93\x81\",\"/Documents\",1,16,2,0,0,3,0,[],[]],"
-                      "[2,\"r\xC3\xA9sum\xC3\xA9 \\\"final\\\": v2/3.txt\",\"\",2,17,16,5000,286,0,1,[[100,2],[4000000000,1]],[[300,1]]],"
-                      R"([2,"","",2,18,16,0,0,0,0,[],[]],)"
-                      R"([2,"tab\there\nnul\u0000end)" "\xEF\xBF\xBF" R"(","",2,19,16,1,0,0,0,[[1,1]],[]],)"
-                      R"([1,"Lost Files","",1,7,2,0,0,5,0,[],[]]])"),
+                      "[1,\"" + docs + "\",\"/Macintosh HD\",1,16,2,0,0,3,0,[],[]],"
+                      "[2,\"r\xC3\xA9sum\xC3\xA9 \\\"final\\\": v2/3.txt\",\"/Macintosh HD/" + docs +
+                      "\",2,17,16,5000,286,0,1,[[100,2],[4000000000,1]],[[300,1]]],"
+                      "[2,\"\",\"/Macintosh HD/" + docs + "\",2,18,16,0,0,0,0,[],[]],"
+                      R"([2,"tab\there\nnul\u0000end)" "\xEF\xBF\xBF" "\",\"/Macintosh HD/" + docs +
+                      R"(",2,19,16,1,0,0,0,[[1,1]],[]],)"
+                      R"([1,"Lost Files","/Macintosh HD",1,7,2,0,0,5,0,[],[]]])"),
             std::string::npos)
       << seen;
   EXPECT_NE(pythonView(dir / "scan2.asi").find(R"("drive":0,"entries":[[0,"Macintosh HD")"), std::string::npos);
@@ -232,13 +238,25 @@ TEST(ScanInfoFile, RefusalsCarryTheExactMessages) {
   EXPECT_EQ(checkScanInfoHeader(dir / "missing.asi")->title, "! Error");
 }
 
-// Watches the file while it is written: at each bar step of 100 entries.
+// Watches the folder while the file is written, at each bar step of 100
+// entries: nothing may be at the file's own path yet, and the one file being
+// written beside it must say it is incomplete.
 class SnapshotController : public test::RecordingController {
  public:
   void updateTreeProgress(const ProgressReport& r) override {
     RecordingController::updateTreeProgress(r);
     if (r.i64(progress::kBarIncrement) == 100 && !path.empty()) {
-      if (auto refusal = checkScanInfoHeader(path)) messages.push_back(refusal->message);
+      if (fs::exists(path)) {
+        messages.push_back("something at the file's path before it is whole");
+        return;
+      }
+      std::vector<fs::path> beside;
+      for (const auto& e : fs::directory_iterator(path.parent_path())) beside.push_back(e.path());
+      if (beside.size() != 1) {
+        messages.push_back(std::to_string(beside.size()) + " files beside it");
+        return;
+      }
+      if (auto refusal = checkScanInfoHeader(beside[0])) messages.push_back(refusal->message);
       else messages.push_back("complete");
     }
   }
@@ -258,7 +276,7 @@ std::unique_ptr<HDIR> wideTree(int children) {
   return root;
 }
 
-TEST(ScanInfoFile, MarkerStaysIncompleteUntilTheEndAndProgressComesInSteps) {
+TEST(ScanInfoFile, NothingAtThePathUntilTheFileIsWholeAndProgressComesInSteps) {
   TempDir dir;
   auto root = wideTree(6000);  // ~2.8 MB: the buffer reaches the disk several times
   SnapshotController watch;
@@ -385,6 +403,145 @@ TEST(ScanInfoFile, HostileCountsAreRefusedWithoutAllocating) {
     test::writeFile(file, d);
     auto r = readScanInfo(file, nullptr);
     EXPECT_TRUE(r.contents || !r.error.message.empty());
+  }
+}
+
+}  // namespace
+}  // namespace ambrel
+
+namespace ambrel {
+namespace {
+
+// A chain of folders `depth` deep with its deepest folder marked, so that
+// every folder of it is marked: built and marked in linear time.
+std::unique_ptr<HDIR> markedChain(uint32_t depth) {
+  auto root = entry("root", kHDIRFolder, 2, 1);
+  HDIR* at = root.get();
+  for (uint32_t i = 0; i < depth; ++i) {
+    at->setChildrenCount(1);
+    auto next = entry("d", kHDIRFolder, 100 + i, at->fileID);
+    next->parent = at;
+    at = at->addChild(std::move(next));
+  }
+  CheckController(at, true).run();
+  return root;
+}
+
+TEST(ScanInfoFile, MarkedDeepChainIsReadWithoutCarryingEachMarkToTheRoot) {
+  // Each marked entry used to carry its mark up through every folder above
+  // it while the tree was read: 80,000 levels took minutes.
+  TempDir dir;
+  constexpr uint32_t kDepth = 80000;
+  auto root = markedChain(kDepth);
+  ASSERT_EQ(root->childrenSelected(), int64_t{kDepth});
+  ASSERT_FALSE(writeScanInfo(dir / "marked.asi", sampleInfo(3), *root, nullptr));
+  auto back = readScanInfo(dir / "marked.asi", nullptr);
+  ASSERT_TRUE(back.contents) << back.error.message;
+  const HDIR* d = back.contents->root.get();
+  for (uint32_t level = 0; level <= kDepth; ++level) {
+    ASSERT_EQ(d->selected(), 1) << level;
+    ASSERT_EQ(d->childrenSelected(), int64_t{kDepth - level}) << level;
+    if (level < kDepth) d = d->children()[0].get();
+  }
+  EXPECT_TRUE(d->children().empty());
+  // The counts are live: unmarking the bottom unmarks the whole chain.
+  CheckController(const_cast<HDIR*>(d), false).run();
+  EXPECT_EQ(back.contents->root->childrenSelected(), 0);
+  EXPECT_EQ(back.contents->root->selected(), 0);
+}
+
+// The file with its volume archive replaced, written back.
+void replaceVolumeArchive(const fs::path& file, const std::vector<uint8_t>& archive) {
+  auto bytes = test::readFile(file);
+  const uint32_t old = loadBE32(bytes.data() + 1024);
+  std::vector<uint8_t> out(bytes.begin(), bytes.begin() + 1024);
+  out.resize(1028);
+  storeBE32(out.data() + 1024, static_cast<uint32_t>(archive.size()));
+  out.insert(out.end(), archive.begin(), archive.end());
+  out.insert(out.end(), bytes.begin() + 1028 + old, bytes.end());
+  test::writeFile(file, out);
+}
+
+TEST(ScanInfoDamage, ScanTypeOutsideZeroToThreeIsRefused) {
+  TempDir dir;
+  auto root = sampleTree();
+  const fs::path file = dir / "t.asi";
+  ScanInfo info = sampleInfo(3);
+  ASSERT_FALSE(writeScanInfo(file, info, *root, nullptr));
+  for (int32_t type : {91, 4, -1}) {
+    info.volume.volumeScanType = type;
+    replaceVolumeArchive(file, KeyedArchiver::archivedData(info.volume));
+    auto r = readScanInfo(file, nullptr);
+    EXPECT_FALSE(r.contents) << type;
+    EXPECT_EQ(r.error.title, "! Error");
+    EXPECT_EQ(r.error.message,
+              fmt::format("This scan info file is damaged: the volume record is unusable (scan type {} is not one of 0 "
+                          "to 3).",
+                          type));
+  }
+}
+
+TEST(ScanInfoDamage, EntriesBeyondTheRootsChildrenAreRefused) {
+  // A root that claims no children while 4 entries follow it used to open as
+  // the root alone.
+  TempDir dir;
+  auto root = sampleTree();
+  const fs::path file = dir / "c.asi";
+  ScanInfo info = sampleInfo(2);
+  ASSERT_FALSE(writeScanInfo(file, info, *root, nullptr));
+  auto bytes = test::readFile(file);
+  const size_t rootAt = 1024 + 4 + KeyedArchiver::archivedData(info.volume).size();
+  storeBE32(bytes.data() + rootAt + 59, 0);
+  test::writeFile(file, bytes);
+  auto r = readScanInfo(file, nullptr);
+  EXPECT_FALSE(r.contents);
+  EXPECT_EQ(r.error.message.rfind("This scan info file is damaged: ", 0), 0u) << r.error.message;
+  EXPECT_NE(r.error.message.find("follow the last entry"), std::string::npos) << r.error.message;
+
+  // Bytes of any kind after a whole tree are refused the same way.
+  ASSERT_FALSE(writeScanInfo(file, info, *root, nullptr));
+  bytes = test::readFile(file);
+  bytes.push_back(0);
+  test::writeFile(file, bytes);
+  EXPECT_EQ(readScanInfo(file, nullptr).error.message, "This scan info file is damaged: 1 byte follows the last entry.");
+}
+
+TEST(ScanInfoDamage, DanglingReferenceInTheVolumeIsRefused) {
+  // A reference past the archive's objects used to read as nil: startSector
+  // became 0 without a word.
+  TempDir dir;
+  auto root = sampleTree();
+  const fs::path file = dir / "r.asi";
+  ScanInfo info = sampleInfo(3);
+  ASSERT_FALSE(writeScanInfo(file, info, *root, nullptr));
+  test::writeFile(dir / "volume.bplist", KeyedArchiver::archivedData(info.volume));
+  std::ofstream(dir / "dangle.py") << "import plistlib, sys\n"
+                                   << "p = plistlib.load(open(sys.argv[1], 'rb'))\n"
+                                   << "v = p['$objects'][p['$top']['root'].data]\n"
+                                   << "v['startSector'] = plistlib.UID(len(p['$objects']) + 5)\n"
+                                   << "open(sys.argv[1], 'wb').write(plistlib.dumps(p, fmt=plistlib.FMT_BINARY))\n";
+  ASSERT_EQ(test::runCommand("python3 " + (dir / "dangle.py").string() + " " + (dir / "volume.bplist").string()), 0);
+  replaceVolumeArchive(file, test::readFile(dir / "volume.bplist"));
+  auto r = readScanInfo(file, nullptr);
+  EXPECT_FALSE(r.contents);
+  EXPECT_EQ(r.error.message.rfind("This scan info file is damaged: the volume record ", 0), 0u) << r.error.message;
+  EXPECT_NE(r.error.message.find("reference"), std::string::npos) << r.error.message;
+}
+
+TEST(ScanInfoDamage, FileCutInsideTheHeaderSaysCutShort) {
+  // Cut behind the two header archives but before the volume record, the
+  // file used to be read from the wrong place: "not a keyed archive".
+  TempDir dir;
+  auto root = sampleTree();
+  const fs::path file = dir / "h.asi";
+  ASSERT_FALSE(writeScanInfo(file, sampleInfo(0), *root, nullptr));
+  auto bytes = test::readFile(file);
+  for (size_t n : {size_t{600}, size_t{1023}, size_t{1024}, size_t{1026}}) {
+    test::writeFile(file, std::vector<uint8_t>(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(n)));
+    auto r = readScanInfo(file, nullptr);
+    EXPECT_FALSE(r.contents);
+    EXPECT_EQ(r.error.message.rfind("This scan info file is damaged: ", 0), 0u) << n << ": " << r.error.message;
+    EXPECT_NE(r.error.message.find("cut short"), std::string::npos) << n << ": " << r.error.message;
   }
 }
 
