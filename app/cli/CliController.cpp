@@ -1,4 +1,5 @@
 #include "cli/CliController.h"
+#include "cli/TerminalText.h"
 
 #include <fmt/format.h>
 #include <sys/stat.h>
@@ -14,7 +15,17 @@ namespace ambrel::cli {
 
 int CliController::alert(const std::string& title, const std::string& message, const std::vector<std::string>&) {
   std::lock_guard lock(mutex_);
-  fmt::print(stderr, "{}: {}\n", title, message);
+  // Our own messages run over several lines; only what is inside a line is
+  // escaped.
+  std::string shown;
+  for (size_t at = 0;;) {
+    const size_t end = message.find('\n', at);
+    shown += terminalText(std::string_view(message).substr(at, end == std::string::npos ? end : end - at));
+    if (end == std::string::npos) break;
+    shown += '\n';
+    at = end + 1;
+  }
+  fmt::print(stderr, "{}: {}\n", terminalText(title), shown);
   return 0;
 }
 
@@ -67,7 +78,7 @@ void CliController::apply(const ProgressReport& report) {
   bar.resize(kWidth, '-');
   std::string line = fmt::format("[{}] {:5.1f}%", bar, fraction * 100.0);
   if (!timeRemaining_.empty()) line += fmt::format("  remaining {}", timeRemaining_);
-  if (!status_.empty()) line += "  " + status_.substr(0, 60);
+  if (!status_.empty()) line += "  " + terminalText(status_.substr(0, 60));
   const bool tty = ::isatty(STDERR_FILENO);
   if (tty) fmt::print(stderr, "\r\033[K{}", line);
   else fmt::print(stderr, "{}\n", line);

@@ -13,6 +13,7 @@
 #include "carving/SignatureDatabase.h"
 #include "carving/SignatureSearch.h"
 #include "cli/CliController.h"
+#include "cli/TerminalText.h"
 #include "cli/VolumeSelect.h"
 #include "core/TreeListing.h"
 #include "output/Saver.h"
@@ -196,7 +197,7 @@ int runCarve(CarveOptions& opt) {
   options.finalAlert = false;
   Saver saver(*volume->dirRoot, saveSourceOf(*volume), &controller, options);
   const SaveResult r = saver.saveFilesAndFolders(opt.out);
-  for (const auto& line : r.problems) fmt::print(stderr, "failed: {}\n", line);
+  for (const auto& line : r.problems) fmt::print(stderr, "failed: {}\n", terminalText(line));
   fmt::print("Saved {}: {} files, {} bytes ({})\n", opt.out, r.filesWritten, r.savedData, sizeText(r.savedData));
   fmt::print("Failures: {} creates, {} writes, {} reads; {} names changed\n", r.failedCreates, r.failedWrites,
              r.failedReads, r.renamed);

@@ -5,12 +5,12 @@
 #include <fnmatch.h>
 
 #include <atomic>
-#include <cctype>
 #include <csignal>
 #include <filesystem>
 #include <functional>
 
 #include "cli/CliController.h"
+#include "cli/TerminalText.h"
 #include "cli/VolumeSelect.h"
 #include "output/Saver.h"
 #include "media/DriveFinder.h"
@@ -37,29 +37,42 @@ extern "C" void stopSaving(int) {
   if (Saver* s = gSaving.load()) s->abort();
 }
 
-// Marks every entry whose listed path (as `tree` prints it) matches a pattern;
-// a folder brings its whole subtree. Returns how many entries matched.
+// Marks exactly the entries whose listed path (as `tree` prints it) matches
+// a pattern, a folder with its whole subtree; marks an opened scan info file
+// brought along are cleared first. Returns how many entries matched.
 size_t markMatching(HDIR& root, const std::vector<std::string>& patterns) {
+  HDIR::clearMarks(root);
   if (patterns.empty()) {
     CheckController(&root, true).run();
     return 1;
   }
   size_t matched = 0;
-  std::vector<HDIR*> stack{&root};
-  while (!stack.empty()) {
-    HDIR* e = stack.back();
-    stack.pop_back();
-    const std::string path = e->pathName + "/" + e->fileName();
+  forEachWithPath(root, [&](HDIR& e, const std::string& pathName) {
+    const std::string path = pathName + "/" + e.fileName();
     for (const auto& p : patterns) {
       if (::fnmatch(p.c_str(), path.c_str(), 0) == 0) {
-        CheckController(e, true).run();
+        CheckController(&e, true).run();
         ++matched;
-        break;
+        // Everything below is marked with it.
+        return e.childrenCount() <= 0;
       }
     }
-    for (const auto& c : e->children()) stack.push_back(c.get());
-  }
+    return true;
+  });
   return matched;
+}
+
+// The nearest folder that exists at or above `path`, where free space and
+// writability can be asked before anything is made.
+std::filesystem::path existingAncestor(const std::filesystem::path& path) {
+  std::error_code ec;
+  std::filesystem::path p = std::filesystem::absolute(path, ec);
+  if (ec) p = path;
+  while (!p.empty() && !std::filesystem::exists(p, ec)) {
+    if (p == p.parent_path()) break;
+    p = p.parent_path();
+  }
+  return p;
 }
 
 // A volume from a scan info file, reading from the drive the file was made
@@ -71,7 +84,7 @@ std::unique_ptr<Volume> volumeFromScanInfo(const std::string& path, const std::s
   auto result = openScanInfo(path, &controller);
   fmt::print(stderr, "\n");
   if (!result.opened) {
-    fmt::print(stderr, "ambrel-cli: {}: {}\n", result.error.title, result.error.message);
+    fmt::print(stderr, "ambrel-cli: {}: {}\n", result.error.title, terminalText(result.error.message));
     return nullptr;
   }
   auto volume = std::move(result.opened->volume);
@@ -99,16 +112,16 @@ std::unique_ptr<Volume> volumeFromScanInfo(const std::string& path, const std::s
   const ScanInfoDriveCheck check = checkScanInfoDrive(*volume, result.opened->first5Sectors, candidates);
   if (!check.found) {
     if (volume->volumeScanType == 2)
-      fmt::print(stderr, "ambrel-cli: {}: {}\n", kVolumeNotMountedTitle, volumeNotMountedMessage(volume->volumeName));
+      fmt::print(stderr, "ambrel-cli: {}: {}\n", kVolumeNotMountedTitle, terminalText(volumeNotMountedMessage(volume->volumeName)));
     else
       fmt::print(stderr, "ambrel-cli: {}: {} (recorded drive: {}{})\n", kDriveNotConnectedTitle,
-                 kDriveNotConnectedMessage, check.previousPath,
+                 kDriveNotConnectedMessage, terminalText(check.previousPath),
                  drivePath.empty() ? "; --drive PATH names the drive under a new path" : "; given: " + drivePath);
     return nullptr;
   }
   if (check.repointed)
     fmt::print(stderr, "ambrel-cli: the drive of this scan info file, recorded as {}, is read from {}\n",
-               check.previousPath, volume->path);
+               terminalText(check.previousPath), terminalText(volume->path));
   controller.setDrives(PlistArray{candidates[static_cast<size_t>(check.index)]});
   return volume;
 }
@@ -147,16 +160,25 @@ int runRecover(RecoverOptions& opt) {
   const MarkedCount marked = countMarkedDataAndFiles(*volume->dirRoot);
   fmt::print(stderr, "Marked: {}\n", markedDataText(marked));
 
+  // Checked where the folder will be, and made only once everything passed.
   std::error_code ec;
-  std::filesystem::create_directories(opt.out, ec);
-  const DestinationInfo dest = destinationInfo(opt.out);
+  const bool outExists = std::filesystem::exists(opt.out, ec);
+  const std::filesystem::path probe = outExists ? std::filesystem::path(opt.out) : existingAncestor(opt.out);
+  const DestinationInfo dest = destinationInfo(probe.string());
   if (!dest.exists || !dest.writable) {
-    fmt::print(stderr, "ambrel-cli: ! Can not save: the folder {} is not writable.\n", opt.out);
+    fmt::print(stderr, "ambrel-cli: ! Can not save: the folder {} is not writable.\n", terminalText(opt.out));
     return 2;
   }
-  if (dest.freeBytes < marked.markedData) {
-    fmt::print(stderr, "ambrel-cli: ! Not enough free disk space: {} needed, {} free in {}\n",
-               sizeText(marked.markedData), sizeText(dest.freeBytes), opt.out);
+  // Both forks are written, and each resource fork with its sidecar header.
+  const uint64_t needed = bytesToWrite(*volume->dirRoot);
+  if (dest.freeBytes < needed) {
+    fmt::print(stderr, "ambrel-cli: ! Not enough free disk space: {} needed, {} free in {}\n", sizeText(needed),
+               sizeText(dest.freeBytes), terminalText(probe.string()));
+    return 2;
+  }
+  if (!outExists && (!std::filesystem::create_directories(opt.out, ec) || ec)) {
+    fmt::print(stderr, "ambrel-cli: ! Can not save: the folder {} could not be made: {}\n", terminalText(opt.out),
+               ec.message());
     return 2;
   }
 
@@ -167,13 +189,18 @@ int runRecover(RecoverOptions& opt) {
   std::signal(SIGINT, previous);
   gSaving.store(nullptr);
 
-  for (const auto& line : r.renames) fmt::print(stderr, "renamed: {}\n", line);
-  for (const auto& line : r.problems) fmt::print(stderr, "failed: {}\n", line);
+  for (const auto& line : r.renames) fmt::print(stderr, "renamed: {}\n", terminalText(line));
+  for (const auto& line : r.problems) fmt::print(stderr, "failed: {}\n", terminalText(line));
   if (r.renames.size() < r.renamed) fmt::print(stderr, "renamed: ... {} more\n", r.renamed - r.renames.size());
-  const uint32_t failures = r.failedCreates + r.failedWrites + r.failedReads + r.damagedCompressed;
-  if (r.problems.size() < failures) fmt::print(stderr, "failed: ... {} more\n", failures - r.problems.size());
-  fmt::print("{} {}: {} files, {} bytes ({}) in {}\n", r.aborted ? "Aborted" : "Saved", opt.out, r.saveCount,
-             r.savedData, sizeText(r.savedData), r.foldersCreated == 1 ? "1 folder" : fmt::format("{} folders", r.foldersCreated));
+  if (r.unlistedProblems) fmt::print(stderr, "failed: ... {} more\n", r.unlistedProblems);
+  // Only what was saved whole counts as saved.
+  fmt::print("{} {}: {} files, {} bytes ({}) in {}\n", r.aborted ? "Aborted" : "Saved", terminalText(opt.out),
+             r.filesWritten, r.savedData, sizeText(r.savedData),
+             r.foldersCreated == 1 ? "1 folder" : fmt::format("{} folders", r.foldersCreated));
+  if (r.filesNotWhole())
+    fmt::print("Not saved whole: {} files ({} kept with \"(incomplete)\" in their names, {} not saved)\n",
+               r.filesNotWhole(), r.filesIncomplete, r.filesNotSaved);
+  if (r.emptyFiles) fmt::print("Empty files, not created: {}\n", r.emptyFiles);
   fmt::print("Failures: {} creates, {} writes, {} reads; {} names changed\n", r.failedCreates, r.failedWrites,
              r.failedReads, r.renamed);
   if (r.damagedCompressed)

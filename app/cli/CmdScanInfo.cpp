@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <functional>
 
+#include "cli/TerminalText.h"
 #include "scaninfo/ScanInfoFile.h"
 
 namespace ambrel::cli {
@@ -55,7 +56,7 @@ const char* listTitle(int32_t type) {
 int runScanInfo(const ScanInfoOptions& opt) {
   auto result = readScanInfo(opt.path, nullptr);
   if (!result.contents) {
-    fmt::print(stderr, "ambrel-cli: {}: {}\n", result.error.title, result.error.message);
+    fmt::print(stderr, "ambrel-cli: {}: {}\n", result.error.title, terminalText(result.error.message));
     return 1;
   }
   const ScanInfoContents& c = *result.contents;
@@ -82,11 +83,12 @@ int runScanInfo(const ScanInfoOptions& opt) {
     fmt::print("{}\n", PlistValue(out).toJson());
     return 0;
   }
-  fmt::print("File:     {}\n", opt.path);
+  fmt::print("File:     {}\n", terminalText(opt.path));
   fmt::print("State:    {}\n", kScanInfoComplete);
   fmt::print("Version:  {}\n", kScanInfoVersion);
   fmt::print("Volume:\n");
-  for (const auto& [key, value] : volumeKeys(c.info.volume)) fmt::print("  {:<17} {}\n", key, value.describe());
+  for (const auto& [key, value] : volumeKeys(c.info.volume))
+    fmt::print("  {:<17} {}\n", key, terminalText(value.describe()));
   if (hasList) {
     fmt::print("{}: {} {}\n", listTitle(type), c.info.partitionList.size(),
                c.info.partitionList.size() == 1 ? "entry" : "entries");
@@ -94,16 +96,17 @@ int runScanInfo(const ScanInfoOptions& opt) {
     for (const auto& item : c.info.partitionList) {
       fmt::print("  {}.", ++n);
       if (const PlistDict* d = item.dict()) {
-        for (const auto& [key, value] : *d) fmt::print(" {}={}", key, value.describe());
+        for (const auto& [key, value] : *d) fmt::print(" {}={}", terminalText(key), terminalText(value.describe()));
       } else {
-        fmt::print(" {}", item.describe());
+        fmt::print(" {}", terminalText(item.describe()));
       }
       fmt::print("\n");
     }
   }
   fmt::print("Drive sectors: {}\n", c.info.first5Sectors.empty() ? std::string("none (a volume device)")
                                                                    : fmt::format("{} bytes", c.info.first5Sectors.size()));
-  fmt::print("Tree:     {} entries ({} folders, {} files), root \"{}\"\n", c.entryCount, folders, files, c.root->fileName());
+  fmt::print("Tree:     {} entries ({} folders, {} files), root \"{}\"\n", c.entryCount, folders, files,
+             terminalText(c.root->fileName()));
   return 0;
 }
 

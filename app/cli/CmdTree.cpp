@@ -5,6 +5,7 @@
 #include <functional>
 
 #include "cli/CliController.h"
+#include "cli/TerminalText.h"
 #include "cli/VolumeSelect.h"
 #include "core/TreeListing.h"
 #include "scaninfo/VolumeScanInfo.h"
@@ -26,7 +27,7 @@ int listScanInfo(const TreeOptions& opt) {
   auto result = openScanInfo(opt.choice.path, &controller);
   fmt::print(stderr, "\n");
   if (!result.opened) {
-    fmt::print(stderr, "ambrel-cli: {}: {}\n", result.error.title, result.error.message);
+    fmt::print(stderr, "ambrel-cli: {}: {}\n", result.error.title, terminalText(result.error.message));
     return 1;
   }
   writeTreeListing(*result.opened->volume->dirRoot, opt.format == "json" ? ListingFormat::Json : ListingFormat::Tsv,
@@ -44,6 +45,13 @@ int runTree(TreeOptions& opt) {
     fmt::print(stderr, "ambrel-cli: {}\n", error);
     return 2;
   }
+  // Refused before a scan that may take hours, not after it.
+  if (!opt.saveScanInfoPath.empty()) {
+    if (auto refusal = checkScanInfoDestination(opt.saveScanInfoPath, volume->path)) {
+      fmt::print(stderr, "ambrel-cli: {}: {}\n", refusal->title, terminalText(refusal->message));
+      return 2;
+    }
+  }
   const ScanOutcome outcome = runScan(*volume, controller, opt.advanced);
   if (outcome == ScanOutcome::DriveGone) return kExitDriveGone;
   if (outcome == ScanOutcome::NothingUsable) {
@@ -55,7 +63,7 @@ int runTree(TreeOptions& opt) {
     auto failure = saveScanInfo(opt.saveScanInfoPath, *volume, volumeList, &controller);
     fmt::print(stderr, "\n");
     if (failure) {
-      fmt::print(stderr, "ambrel-cli: {}: {}\n", failure->title, failure->message);
+      fmt::print(stderr, "ambrel-cli: {}: {}\n", failure->title, terminalText(failure->message));
       return 1;
     }
   }

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <functional>
 #include <memory>
+#include <new>
 
 #include "cli/CliController.h"
 #include "media/DMedia.h"
@@ -23,6 +24,9 @@ void registerDriveCommands(CLI::App& app, std::function<int()>& run);
 }
 
 namespace {
+
+// The status of a command that ran out of memory.
+constexpr int kExitOutOfMemory = 5;
 
 struct InfoOptions {
   std::string path;
@@ -101,7 +105,15 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& e) {
     return app.exit(e);
   }
-  if (*infoCmd) return runInfo(info);
-  if (run) return run();
+  // Whatever a damaged drive or file makes us hold, running out of memory
+  // ends the command with a message and a status, never an abort.
+  try {
+    if (*infoCmd) return runInfo(info);
+    if (run) return run();
+  } catch (const std::bad_alloc&) {
+    std::fflush(stdout);
+    fmt::print(stderr, "\nambrel-cli: not enough memory to go on; nothing more was done\n");
+    return kExitOutOfMemory;
+  }
   return 1;
 }

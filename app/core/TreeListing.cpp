@@ -52,12 +52,9 @@ void writeTreeListing(const HDIR& root, ListingFormat format, std::FILE* out) {
     fmt::print(out, "\n");
   }
   bool first = true;
-  // Iterative pre-order: trees can be deeper than the stack allows.
-  std::vector<const HDIR*> stack{&root};
-  while (!stack.empty()) {
-    const HDIR* e = stack.back();
-    stack.pop_back();
-    const std::string path = e->pathName + "/" + e->fileName();
+  forEachWithPath(root, [&](const HDIR& entry, const std::string& pathName) {
+    const HDIR* e = &entry;
+    const std::string path = pathName + "/" + e->fileName();
     const char* type = e->fileType == kHDIRFolder ? "folder" : "file";
     if (json) {
       fmt::print(out, "{}\n{{\"path\":{},\"type\":\"{}\",\"fileID\":{},\"parentID\":{},\"fileSize\":{},\"dataSize\":{},"
@@ -71,9 +68,8 @@ void writeTreeListing(const HDIR& root, ListingFormat format, std::FILE* out) {
                  hfsDateText(e->modDate), extentsText(e->dataExt), extentsText(e->rscExt));
     }
     first = false;
-    const auto& children = e->children();
-    for (auto it = children.rbegin(); it != children.rend(); ++it) stack.push_back(it->get());
-  }
+    return true;
+  });
   if (json) fmt::print(out, "\n]\n");
 }
 

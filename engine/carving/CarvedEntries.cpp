@@ -140,7 +140,6 @@ std::unique_ptr<HDIR> SignatureSearch::fileEntry(uint64_t block, const Sig& sig,
   file->blockSize = volume_.blockSize;
   file->fileType = kHDIRFile;
   file->setFileName(name);
-  file->pathName = childPathName(*parent);
   file->parent = parent;
   file->parentID = parent->fileID;
   file->fileID = volume_.maxFileID++;
@@ -160,7 +159,6 @@ HDIR* SignatureSearch::folderNamed(HDIR* parent, const std::string& name, int32_
   folder->setFileName(name);
   folder->parent = parent;
   folder->parentID = parent->fileID;
-  folder->pathName = childPathName(*parent);
   folder->fileID = volume_.maxFileID++;
   folder->blockSize = volume_.blockSize;
   folder->setChildrenCount(childrenCount);

@@ -309,6 +309,7 @@ RecordCheck Volume::processFragmentRecord(const std::vector<uint8_t>& node, uint
   entry.rscSize = file.resourceFork.logicalSize;
   entry.fileSize = entry.dataSize + entry.rscSize;
   entry.blockSize = blockSize;
+  entry.fileMode = byteSwapped(file.permissions.fileMode);
   // A record no longer in the catalog may have lost its attribute, and its
   // file ID may since name another file: only live records are looked up.
   if (live) applyCompression(entry, file);

@@ -51,7 +51,6 @@ void Volume::makeRoot() {
   root->fileID = kRootFolderID;
   root->parentID = kRootParentID;
   root->setFileName("Root");
-  root->pathName = "";
   root->btreeHDIR = btree.get();
   btree->insert(kRootFolderID, root.get());
   dirRoot = std::move(root);
@@ -252,7 +251,6 @@ void Volume::processLeafRecord(const std::vector<uint8_t>& node, uint32_t numRec
     entry->btreeHDIR = btree.get();
     if (parent) {
       entry->setFileName(suggestedRepeatFileName(rec.name, parent));
-      entry->pathName = childPathName(*parent);
       entry->parent = parent;
       for (HDIR* up = parent; up; up = up->parent) up->addToChildrenCount(1);
       parent->addChild(std::move(entry));
@@ -278,6 +276,7 @@ void Volume::processLeafRecord(const std::vector<uint8_t>& node, uint32_t numRec
   entry->rscSize = file.resourceFork.logicalSize;
   entry->fileSize = entry->dataSize + entry->rscSize;
   entry->blockSize = blockSize;
+  entry->fileMode = byteSwapped(file.permissions.fileMode);
   applyCompression(*entry, file);
   ++fileCount;
   ++entryCount;
@@ -287,7 +286,6 @@ void Volume::processLeafRecord(const std::vector<uint8_t>& node, uint32_t numRec
 
   entry->addToFileCount(1);
   if (parent) {
-    entry->pathName = childPathName(*parent);
     entry->parent = parent;
     for (HDIR* up = parent; up; up = up->parent) {
       up->addToChildrenCount(1);

@@ -9,13 +9,6 @@
 
 namespace ambrel {
 
-std::string childPathName(const HDIR& parent) {
-  std::string name = parent.fileName();
-  for (char& c : name)
-    if (c == '/') c = ':';
-  return parent.pathName + "/" + name;
-}
-
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -128,7 +121,6 @@ void Volume::processOrphanEntriesWithIncrement(bool increment, bool showVolNameO
     report(std::move(r));
     bool folder = false;
     if (e->fileType == kHDIRFolder) {
-      e->pathName = childPathName(*parent);
       e->parent = parent;
       addChildrenUp(parent, 1, 0, 0);
       if (increment) {
@@ -138,7 +130,6 @@ void Volume::processOrphanEntriesWithIncrement(bool increment, bool showVolNameO
       e->btreeHDIR = btree.get();
       folder = true;
     } else if (e->fileType == kHDIRFile) {
-      e->pathName = childPathName(*parent);
       e->parent = parent;
       addChildrenUp(parent, 1, e->fileSize, 1);
       if (increment) {
@@ -176,7 +167,6 @@ void Volume::processOrphanEntriesWithIncrement(bool increment, bool showVolNameO
     lost->fileID = kLostFilesID;
     lost->parentID = kRootFolderID;
     lost->setFileName("Lost Files");
-    lost->pathName = "/Root";
     lost->parent = dirRoot.get();
     ++folderCount;
     ++entryCount;
@@ -196,7 +186,6 @@ void Volume::processOrphanEntriesWithIncrement(bool increment, bool showVolNameO
     e->setFileName(suggestedRepeatFileName(e->fileName(), dirLostFiles));
     e->parentID = kLostFilesID;
     e->parent = dirLostFiles;
-    e->pathName = childPathName(*dirLostFiles);
     // A folder still orphaned here is left out of the tree, as built.
     if (e->fileType != kHDIRFile) continue;
     addChildrenUp(dirLostFiles, 1, e->fileSize, 1);
@@ -216,7 +205,6 @@ HDIR* Volume::makeLostFolderFor(uint32_t missingID) {
   lost->fileID = missingID;
   lost->parentID = kLostFoldersID;
   lost->setFileName(fmt::format("LostFolder{}", missingID));
-  lost->pathName = childPathName(*dirLostFolders);
   lost->btreeHDIRAdvScan = btreeAdvScan;
   lost->parent = dirLostFolders;
   HDIR* added = dirLostFolders->addChildAdvScan(std::move(lost));
@@ -241,7 +229,6 @@ void Volume::processAdvScanEntries() {
   lostFolders->fileID = kLostFoldersID;
   lostFolders->parentID = kRootFolderID;
   lostFolders->setFileName("Lost Folders");
-  lostFolders->pathName = "/Root";
   lostFolders->parent = dirRoot.get();
   lostFolders->btreeHDIR = btree.get();
   lostFolders->btreeHDIRAdvScan = btreeAdvScan;
@@ -260,7 +247,6 @@ void Volume::processAdvScanEntries() {
     f->setFileName(suggestedRepeatFileName(f->fileName(), parent));
     f->parent = parent;
     f->parentID = parent->fileID;
-    f->pathName = childPathName(*parent);
     addChildrenUp(parent, 1, 0, 0);
     ++folderCount;
     ++entryCount;
@@ -286,7 +272,6 @@ void Volume::processAdvScanEntries() {
   for (auto& f : advScanFolderArray) {
     if (stopTreeThread.load()) break;
     HDIR* lost = makeLostFolderFor(f->parentID);
-    f->pathName = childPathName(*lost);
     f->parent = lost;
     lost->addChildAdvScan(std::move(f));
     addChildrenUp(lost, 1, 0, 0);
@@ -315,7 +300,6 @@ void Volume::processAdvScanEntries() {
       f->setFileName(suggestedRepeatFileName(f->fileName(), parent));
       f->parent = parent;
       f->parentID = parent->fileID;
-      f->pathName = childPathName(*parent);
       parent->addChildAdvScan(std::move(f));
       addChildrenUp(parent, 1, size, 1);
       ++fileCount;
@@ -325,7 +309,6 @@ void Volume::processAdvScanEntries() {
       // files of the same parent find it.
       HDIR* lost = makeLostFolderFor(f->parentID);
       f->parent = lost;
-      f->pathName = childPathName(*lost);
       lost->addChildAdvScan(std::move(f));
       addChildrenUp(lost, 1, size, 1);
       ++folderCount;

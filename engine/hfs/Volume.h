@@ -214,8 +214,4 @@ class Volume : public DMedia {
   uint64_t scanRecordsSeen_ = 0;
 };
 
-// The path name of an entry placed under `parent`: its path and its name with
-// every "/" shown as ":".
-std::string childPathName(const HDIR& parent);
-
 }  // namespace ambrel

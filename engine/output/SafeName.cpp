@@ -69,4 +69,12 @@ std::string numberedName(const std::string& name, uint32_t n, size_t maxBytes) {
   return fitted(name, number, maxBytes);
 }
 
+std::string incompleteName(const std::string& name, uint32_t n, size_t maxBytes) {
+  const std::string mark = n <= 1 ? std::string(" (incomplete)") : fmt::format(" (incomplete {})", n);
+  const size_t ext = extensionStart(name);
+  if (ext != std::string::npos && name.size() - ext <= kMaxKeptExtension)
+    return fitted(name.substr(0, ext), mark + name.substr(ext), maxBytes);
+  return fitted(name, mark, maxBytes);
+}
+
 }  // namespace ambrel

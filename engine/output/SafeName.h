@@ -25,6 +25,10 @@ std::string safeName(const std::string& made, size_t maxBytes, bool* changed = n
 // itself, later ones get " (n)" before the extension. The result fits maxBytes.
 std::string numberedName(const std::string& name, uint32_t n, size_t maxBytes);
 
+// The name a file that is not whole is kept under: " (incomplete)" before
+// the extension, " (incomplete n)" for the n-th in one folder. Fits maxBytes.
+std::string incompleteName(const std::string& name, uint32_t n, size_t maxBytes);
+
 // Where a name's extension starts (the last "." that is not the first
 // character), or npos.
 size_t extensionStart(const std::string& name);

@@ -55,22 +55,43 @@ std::string markedDataText(const MarkedCount& count);
 // "Saved: %.2f KB" and so on.
 std::string savedDataText(uint64_t bytes);
 
+// What the save needs on the destination: both forks of every file it will
+// write (only through marked folders, as it goes), each resource fork with
+// its sidecar's header. markedData counts fileSize alone.
+uint64_t bytesToWrite(const HDIR& root);
+
+// Accounts for every marked file the save reaches: saveCount = filesWritten +
+// filesIncomplete + emptyFiles + the visited ones of filesNotSaved.
 struct SaveResult {
   bool aborted = false;
   int32_t saveCount = 0;    // marked files visited
   uint64_t savedData = 0;   // bytes written, both forks
-  uint32_t filesWritten = 0;
+  uint32_t filesWritten = 0;     // saved whole under their own names
+  // Kept with zeros where the drive could not be read, or cut short by Stop,
+  // under a name marked " (incomplete)".
+  uint32_t filesIncomplete = 0;
+  // Marked files of which nothing was kept: not creatable, not writable (what
+  // was written is removed), nothing readable, or below a folder that could
+  // not be made (these are not visited).
+  uint32_t filesNotSaved = 0;
+  uint32_t emptyFiles = 0;       // no bytes in either fork: counted, not created
   uint32_t foldersCreated = 0;
   uint32_t failedCreates = 0;
   uint32_t failedWrites = 0;
-  uint32_t failedReads = 0;  // each abandoned the rest of one folder level
+  uint32_t failedReads = 0;      // files with sectors that could not be read
+  uint64_t unreadableSectors = 0;
   uint32_t renamed = 0;      // names made safe or numbered to avoid a collision
-  uint32_t damagedCompressed = 0;  // compressed files saved with parts as zeros, or empty
-  // The first problems and renames, as lines a user can read.
+  uint32_t damagedCompressed = 0;  // compressed files with parts that could not be decoded
+  // The first problems and renames, as lines a user can read. Every file not
+  // saved whole has a problem line, up to kMaxListedProblems.
   std::vector<std::string> problems;
+  size_t unlistedProblems = 0;  // beyond kMaxListedProblems
   std::vector<std::string> renames;
 
-  bool anyFailure() const { return failedCreates + failedWrites + failedReads + damagedCompressed > 0; }
+  uint32_t filesNotWhole() const { return filesIncomplete + filesNotSaved; }
+  bool anyFailure() const {
+    return failedCreates + failedWrites + failedReads + damagedCompressed + filesNotWhole() > 0;
+  }
 };
 
 class Saver {
@@ -97,21 +118,38 @@ class Saver {
   uint64_t savedData() const { return savedData_.load(); }
 
   static constexpr size_t kMaxListedProblems = 1000;
+  // A failed read is tried again sector by sector; after this many failures
+  // in a row the rest of that read is given up as unreadable, so that a dead
+  // area costs one read of each chunk and a few more, not one per sector.
+  static constexpr uint64_t kMaxBadSectorRun = 8;
   static constexpr size_t kMaxOpenFolders = 64;
 
  private:
   struct Walk;
-  enum class Copy { Done, ReadFailed, WriteFailed, Aborted };
+  enum class Copy { Done, WriteFailed, Aborted };
+  // How one fork's copy went.
+  struct ForkCopy {
+    uint64_t written = 0;
+    uint64_t sectorsRead = 0;
+    uint64_t sectorsUnreadable = 0;
+    bool noGeometry = false;  // no block size: nothing could be read
+    int writeError = 0;
+  };
 
-  Copy copyFork(const HDIR& entry, const std::vector<Extent>& extents, uint64_t logicalSize, int fd,
-                uint64_t* written);
+  // Copies a fork through its extents; what cannot be read is written as
+  // zeros and counted in `out`.
+  Copy copyFork(const HDIR& entry, const std::vector<Extent>& extents, uint64_t logicalSize, int fd, ForkCopy& out);
   // A compressed entry's uncompressed content; parts that cannot be read or
-  // decoded are written as zeros and the file counted in damagedCompressed.
-  Copy copyCompressed(const HDIR& entry, int fd, uint64_t* written);
+  // decoded are written as zeros and counted in `badChunks`.
+  Copy copyCompressed(const HDIR& entry, int fd, ForkCopy& out, uint32_t& badChunks, bool& opened,
+                      std::string& why);
+  // `count` sectors into `buffer`; a failed read is tried again sector by
+  // sector, the sectors that still fail left as zeros.
+  void readPiece(uint64_t sector, uint64_t count, uint8_t* buffer, ForkCopy& out);
   bool writeAll(int fd, const uint8_t* data, size_t size);
   void reportWrite(uint64_t bytes);
   void problem(std::string text);
-  void renamedEntry(const std::string& from, const std::string& to);
+  void renamedEntry(const HDIR& entry, const std::string& to);
   int32_t blockSizeOf(const HDIR& entry) const;
 
   const HDIR& root_;

@@ -1,5 +1,6 @@
 #include "tree/HDIR.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace ambrel {
@@ -114,7 +115,6 @@ std::unique_ptr<HDIR> HDIR::mutableCopy() const {
     to.btreeHDIR = from.btreeHDIR;
     to.btreeHDIRAdvScan = from.btreeHDIRAdvScan;
     to.fileName_ = from.fileName_;
-    to.pathName = from.pathName;
     to.fileType = from.fileType;
     to.createDate = from.createDate;
     to.modDate = from.modDate;
@@ -127,6 +127,7 @@ std::unique_ptr<HDIR> HDIR::mutableCopy() const {
     to.dataExt = from.dataExt;
     to.rscExt = from.rscExt;
     to.blockSize = from.blockSize;
+    to.fileMode = from.fileMode;
     to.compressionType = from.compressionType;
     to.compressedSize = from.compressedSize;
     to.selected_ = from.selected_;
@@ -189,6 +190,60 @@ HDIR* HDIR::addChildDelFile(std::unique_ptr<HDIR> child) {
   if (btreeHDIR) btreeHDIR->insert(added->fileID, added);
   return added;
 }
+
+HDIR* HDIR::appendUncounted(std::unique_ptr<HDIR> child) {
+  if (!child) return nullptr;
+  child->hasParent = false;
+  HDIR* added = child.get();
+  added->holder_ = this;
+  children_.push_back(std::move(child));
+  dropNameIndex();
+  return added;
+}
+
+void HDIR::recountMarks(HDIR& top) {
+  // Pre-order, then every count from the bottom up: each entry touched twice.
+  std::vector<HDIR*> order{&top};
+  for (size_t i = 0; i < order.size(); ++i)
+    for (auto& c : order[i]->children_) order.push_back(c.get());
+  for (size_t i = order.size(); i-- > 0;) {
+    int64_t sum = 0;
+    for (const auto& c : order[i]->children_) sum += c->contribution();
+    order[i]->selectedBelow_ = sum;
+  }
+}
+
+void HDIR::clearMarks(HDIR& top) {
+  const int64_t before = top.contribution();
+  std::vector<HDIR*> stack{&top};
+  while (!stack.empty()) {
+    HDIR* e = stack.back();
+    stack.pop_back();
+    e->selected_ = 0;
+    e->selectedBelow_ = 0;
+    for (auto& c : e->children_) stack.push_back(c.get());
+  }
+  propagateSelected(top.holder_, -before);
+}
+
+std::string pathComponent(std::string_view name) {
+  std::string out(name);
+  std::replace(out.begin(), out.end(), '/', ':');
+  return out;
+}
+
+std::string pathNameOf(const HDIR& entry) {
+  std::vector<const HDIR*> chain;
+  for (const HDIR* h = entry.holder(); h; h = h->holder()) chain.push_back(h);
+  std::string path;
+  for (auto it = chain.rbegin(); it != chain.rend(); ++it) {
+    path += '/';
+    path += pathComponent((*it)->fileName());
+  }
+  return path;
+}
+
+std::string listedPath(const HDIR& entry) { return pathNameOf(entry) + "/" + entry.fileName(); }
 
 HDIR* HDIR::addChildFromScanFile(std::unique_ptr<HDIR> child) { return append(std::move(child)); }
 

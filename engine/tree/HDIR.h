@@ -18,6 +18,11 @@
 // way childrenSelected() defines it (descending only where childrenCount > 0),
 // so unmarking never recounts subtrees. That is why `selected`, `childrenCount`,
 // `fileName` and `children` change only through their setters.
+//
+// Paths: an entry keeps no path of its own. Its pathName (the path of the
+// folder holding it) is derived from the chain of holders when asked for, so
+// memory stays linear in the number of entries however deep the tree is;
+// walks that need every path build them incrementally (forEachWithPath).
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -42,7 +47,6 @@ class HDIR {
   HDIR(const HDIR&) = delete;
   HDIR& operator=(const HDIR&) = delete;
 
-  std::string pathName;
   uint16_t fileType = 0;  // 1 folder, 2 file
   uint32_t createDate = 0;
   uint32_t modDate = 0;
@@ -55,6 +59,9 @@ class HDIR {
   std::vector<Extent> dataExt;
   std::vector<Extent> rscExt;
   int32_t blockSize = 0;
+  // The catalog's BSD mode bits (0 when unknown, as for entries from a scan
+  // info file, which has no place for them).
+  uint16_t fileMode = 0;
   // An HFS+ compressed file: its compression type (0: not compressed). Then
   // dataSize and fileSize are the uncompressed size, dataExt is empty, and
   // the coded bytes are in the compression attribute (odd types) or in the
@@ -139,6 +146,16 @@ class HDIR {
   HDIR* addChildSig(const HDIR& child) { return addChildSig(child.mutableCopy()); }
   HDIR* addChildSig(std::unique_ptr<HDIR> child);
 
+  // Building a whole tree at once (a scan info file being read): adds without
+  // carrying the child's marks up, which would cost the depth per entry.
+  // recountMarks() on the top entry then sets every count in one pass; until
+  // then childrenSelected() above the added entries is stale.
+  HDIR* appendUncounted(std::unique_ptr<HDIR> child);
+  static void recountMarks(HDIR& top);
+  // Unmarks `top` and every entry below it, whatever their childrenCount, in
+  // one pass. The counts above `top` follow; the marks above stay as they are.
+  static void clearMarks(HDIR& top);
+
  private:
   friend class CheckController;
 
@@ -160,11 +177,56 @@ class HDIR {
   std::unique_ptr<std::unordered_map<std::string_view, HDIR*>> nameIndex_;
 };
 
+// How a folder's name appears inside the paths below it: "/" cannot separate
+// anything there, so it is written ":".
+std::string pathComponent(std::string_view name);
+// The path of the folder holding `entry` ("/Root/Docs"), "" for an entry held
+// by nothing. Costs the depth of the entry.
+std::string pathNameOf(const HDIR& entry);
+// pathNameOf(entry) + "/" + its name: the path listings show.
+std::string listedPath(const HDIR& entry);
+
+// Pre-order over `top` and everything below it, in the order of children,
+// calling visit(entry, pathName) with the entry's pathName built as the walk
+// goes (no recursion, no string per entry). `visit` returns whether to go
+// into the entry's children. The top's pathName is pathNameOf(top).
+template <class Entry, class Visit>
+void forEachWithPath(Entry& top, Visit visit);
+
 // The entry under `id` in a table, or nullptr when absent or removed since.
 inline HDIR* findDir(BTreeTableClass* table, uint32_t id) {
   if (!table) return nullptr;
   auto* item = table->retrieveKeyField(id);
   return item ? item->dir : nullptr;
+}
+
+template <class Entry, class Visit>
+void forEachWithPath(Entry& top, Visit visit) {
+  struct Frame {
+    Entry* dir;
+    size_t next;
+    size_t pathLength;  // of the path of dir's children
+  };
+  std::string path = pathNameOf(top);
+  std::vector<Frame> stack;
+  auto enter = [&](Entry& e) {
+    if (!visit(e, static_cast<const std::string&>(path)) || e.children().empty()) return;
+    path += '/';
+    path += pathComponent(e.fileName());
+    stack.push_back({&e, 0, path.size()});
+  };
+  enter(top);
+  while (!stack.empty()) {
+    Frame& f = stack.back();
+    if (f.next >= f.dir->children().size()) {
+      stack.pop_back();
+      if (!stack.empty()) path.resize(stack.back().pathLength);
+      continue;
+    }
+    Entry& child = *f.dir->children()[f.next++];
+    path.resize(f.pathLength);
+    enter(child);
+  }
 }
 
 template <class Pred>

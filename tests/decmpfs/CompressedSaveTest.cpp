@@ -187,20 +187,26 @@ TEST_F(CompressedFiles, DamagedCompressedFilesAreBoundedAndReported) {
   EXPECT_TRUE(r.anyFailure());
 
   const auto lzvn = payload("lzvn.expected");
-  auto saved = test::readFile(out / "Root/past-fork.bin");
-  ASSERT_EQ(saved.size(), 80000u);
+  auto saved = test::readFile(out / "Root/past-fork (incomplete).bin");
+  ASSERT_EQ(saved.size(), 80000u) << ::testing::PrintToString(r.problems);
   EXPECT_TRUE(std::equal(saved.begin(), saved.begin() + 65536, lzvn.begin()));
   EXPECT_TRUE(std::all_of(saved.begin() + 65536, saved.end(), [](uint8_t b) { return b == 0; }));
 
   const auto words = payload("zlib.expected");
-  saved = test::readFile(out / "Root/bad-chunk.txt");
+  saved = test::readFile(out / "Root/bad-chunk (incomplete).txt");
   ASSERT_EQ(saved.size(), 150000u);
   EXPECT_TRUE(std::equal(saved.begin(), saved.begin() + 65536, words.begin()));
   EXPECT_TRUE(std::all_of(saved.begin() + 65536, saved.begin() + 131072, [](uint8_t b) { return b == 0; }));
   EXPECT_TRUE(std::equal(saved.begin() + 131072, saved.end(), words.begin() + 131072));
 
-  EXPECT_EQ(fs::file_size(out / "Root/claims-60M.bin"), 0u);
-  EXPECT_EQ(fs::file_size(out / "Root/too-many-chunks.bin"), 0u);
+  // Damaged files never lie under their real names: a part is kept under a
+  // name that says so, a file nothing could be decoded of is not kept.
+  for (const char* name : {"past-fork.bin", "bad-chunk.txt", "claims-60M.bin", "too-many-chunks.bin"})
+    EXPECT_FALSE(fs::exists(out / "Root" / name)) << name;
+  EXPECT_FALSE(fs::exists(out / "Root/claims-60M (incomplete).bin"));
+  EXPECT_FALSE(fs::exists(out / "Root/too-many-chunks (incomplete).bin"));
+  EXPECT_EQ(r.filesIncomplete, 2u);
+  EXPECT_EQ(r.filesNotSaved, 2u);
   size_t mentioned = 0;
   for (const auto& p : r.problems)
     for (const char* name : {"past-fork.bin", "bad-chunk.txt", "claims-60M.bin", "too-many-chunks.bin"})

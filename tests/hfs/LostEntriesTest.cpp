@@ -99,8 +99,8 @@ TEST(OrphanEntries, PlacedInLaterPassesWithCountsAndPaths) {
   EXPECT_EQ(dump(*f.root()), "Root(3,100)[Top(2,100)[A/B(1,100)[f.txt(0,100) ] ] ]");
   HDIR* top = f.root()->childAtIndex(0);
   HDIR* ab = top->childAtIndex(0);
-  EXPECT_EQ(top->pathName, "/Root");
-  EXPECT_EQ(ab->pathName, "/Root/Top");
+  EXPECT_EQ(pathNameOf(*top), "/Root");
+  EXPECT_EQ(pathNameOf(*ab), "/Root/Top");
   EXPECT_EQ(ab->parent, top);
   EXPECT_EQ(ab->childAtIndex(0)->parent, ab);
   EXPECT_EQ(ab->fileCount, 1u);
@@ -128,7 +128,7 @@ TEST(OrphanEntries, LeftoversGoToLostFilesWhichASecondRunReuses) {
   HDIR* lost = f.v.dirLostFiles;
   EXPECT_EQ(lost->fileID, kLostFilesID);
   EXPECT_EQ(lost->parentID, kRootFolderID);
-  EXPECT_EQ(lost->pathName, "/Root");
+  EXPECT_EQ(pathNameOf(*lost), "/Root");
   EXPECT_EQ(lost->parent, f.root());
   EXPECT_EQ(findDir(f.v.btree.get(), kLostFilesID), lost);
   // The folder is left out; the two files are renamed within Lost Files.
@@ -176,7 +176,6 @@ void referencePasses(Volume& v) {
         if (e->fileType == kHDIRFile) a->addToFileSize(e->fileSize);
       }
       if (e->fileType == kHDIRFolder) {
-        e->pathName = childPathName(*parent);
         e->btreeHDIR = v.btree.get();
         placedFolder = true;
       }
@@ -246,13 +245,13 @@ TEST(AdvScanEntries, LostFolderPerMissingParentFoundAgainByFiles) {
   ASSERT_NE(lost345, nullptr);
   EXPECT_EQ(lost345->fileName(), "LostFolder345");
   EXPECT_EQ(lost345->parentID, kLostFoldersID);
-  EXPECT_EQ(lost345->pathName, "/Root/Lost Folders");
+  EXPECT_EQ(pathNameOf(*lost345), "/Root/Lost Folders");
   EXPECT_EQ(lost345->parent, lostFolders);
   EXPECT_EQ(dump(*f.root()),
             "Root(9,12)[Lost Folders(5,9)[LostFolder345(2,7)[Orphaned(0,0) late.txt(0,7) ] "
             "LostFolder777(1,2)[elsewhere(0,2) ] ] Docs(2,3)[Sub(1,3)[in sub.txt(0,3) ] ] ]");
   EXPECT_EQ(findDir(f.v.btreeAdvScan, 52)->childAtIndex(0)->parentID, 52u);
-  EXPECT_EQ(lost345->childAtIndex(0)->pathName, "/Root/Lost Folders/LostFolder345");
+  EXPECT_EQ(pathNameOf(*lost345->childAtIndex(0)), "/Root/Lost Folders/LostFolder345");
   // Skipped files stay in their array.
   EXPECT_EQ(f.v.advScanFileArray.size(), 3u);
   EXPECT_TRUE(f.v.advScanFolderArray.empty());

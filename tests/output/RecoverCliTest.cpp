@@ -89,7 +89,7 @@ TEST(CliRecover, FailedWritesMakeTheExitStatusNonZero) {
   const int rc = recover("'" + image + "' --out '" + (dir / "out").string() + "'", out, "trap '' XFSZ; ulimit -f 100; ");
   EXPECT_EQ(rc, 1) << out;
   EXPECT_NE(out.find("Failures: 0 creates, 1 writes, 0 reads"), std::string::npos) << out;
-  EXPECT_NE(out.find("failed: could not write /Root/Pics/c.jpg"), std::string::npos) << out;
+  EXPECT_NE(out.find("failed: could not write \"c.jpg\" for /Root/Pics/c.jpg"), std::string::npos) << out;
   EXPECT_EQ(fs::file_size(dir / "out/Root/Docs/b.pdf"), 50000u);
 }
 

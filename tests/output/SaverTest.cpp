@@ -325,7 +325,7 @@ class StoppingController : public RecordingController {
 };
 }  // namespace
 
-TEST(SaveAbort, StopInALargeFileLeavesItPartAndSaysAborted) {
+TEST(SaveAbort, StopInALargeFileKeepsWhatWasWrittenUnderAnIncompleteName) {
   TempDir dir;
   mk::VolumeSpec spec;
   spec.root = {fileSpec("a-large", 2 * 1024 * 1024), fileSpec("b-later", 1000)};
@@ -340,8 +340,10 @@ TEST(SaveAbort, StopInALargeFileLeavesItPartAndSaysAborted) {
   controller.saver = &saver;
   const SaveResult r = saver.saveFilesAndFolders(dest.string());
   EXPECT_TRUE(r.aborted);
-  // Five writes of 8 blocks of 4096 bytes, then nothing more.
-  const auto part = readFile(dest / "Root/a-large");
+  // Five writes of 8 blocks of 4096 bytes, then nothing more; the real name
+  // never holds a part of a file.
+  EXPECT_FALSE(fs::exists(dest / "Root/a-large"));
+  const auto part = readFile(dest / "Root/a-large (incomplete)");
   EXPECT_EQ(part.size(), 5u * 32768);
   const auto full = expectedData(*v.vol().find("a-large"));
   EXPECT_TRUE(std::equal(part.begin(), part.end(), full.begin()));
@@ -349,10 +351,16 @@ TEST(SaveAbort, StopInALargeFileLeavesItPartAndSaysAborted) {
   EXPECT_EQ(controller.treeReports.back().string(progress::kProgressStatus), "Saving Aborted");
   ASSERT_EQ(controller.alerts.size(), 1u);
   EXPECT_EQ(controller.alerts[0].title, "Saving Aborted");
-  EXPECT_EQ(controller.alerts[0].message, "Saving location was: " + dest.string());
+  EXPECT_EQ(controller.alerts[0].message, "Saving location was: " + dest.string() +
+                                              "\n0 files were saved whole.\n1 files are incomplete and were kept "
+                                              "under names ending in \"(incomplete)\".");
+  EXPECT_EQ(r.filesIncomplete, 1u);
+  EXPECT_EQ(r.filesWritten, 0u);
 }
 
-TEST(SaveFailures, ReadFailureAbandonsTheRestOfThatFolderOnly) {
+TEST(SaveFailures, ReadFailureNoLongerAbandonsTheRestOfTheFolder) {
+  // One bad sector used to end the save of its folder and every subfolder,
+  // and left the part written under the file's real name.
   TempDir dir;
   mk::VolumeSpec spec;
   spec.root = {folderSpec("A", {fileSpec("a-first", 100), fileSpec("b-bad", 200000), fileSpec("c-after", 100),
@@ -371,16 +379,29 @@ TEST(SaveFailures, ReadFailureAbandonsTheRestOfThatFolderOnly) {
   Saver saver(*vol.dirRoot, rec.source(), &controller);
   const SaveResult r = saver.saveFilesAndFolders(dest.string());
   EXPECT_EQ(r.failedReads, 1u);
-  EXPECT_TRUE(r.anyFailure());
+  EXPECT_EQ(r.unreadableSectors, 1u);
+  EXPECT_EQ(r.filesIncomplete, 1u);
+  EXPECT_EQ(r.filesWritten, 4u);
   EXPECT_FALSE(r.aborted);
-  EXPECT_EQ(pathsUnder(dest), (std::set<std::string>{"Root", "Root/A", "Root/A/a-first", "Root/A/b-bad",
-                                                      "Root/B", "Root/B/z"}));
-  EXPECT_EQ(fs::file_size(dest / "Root/A/b-bad"), 2u * 32768);
+  EXPECT_EQ(pathsUnder(dest),
+            (std::set<std::string>{"Root", "Root/A", "Root/A/a-first", "Root/A/b-bad (incomplete)", "Root/A/c-after",
+                                   "Root/A/d-sub", "Root/A/d-sub/deep", "Root/B", "Root/B/z"}));
+  // Everything but the one unreadable sector is the file's own bytes.
+  auto got = readFile(dest / "Root/A/b-bad (incomplete)");
+  auto want = expectedData(*bad);
+  ASSERT_EQ(got.size(), want.size());
+  const size_t hole = 20 * 4096;
+  EXPECT_TRUE(std::all_of(got.begin() + hole, got.begin() + hole + 512, [](uint8_t b) { return b == 0; }));
+  std::fill(want.begin() + hole, want.begin() + hole + 512, 0);
+  EXPECT_TRUE(got == want);
+  EXPECT_EQ(readFile(dest / "Root/A/c-after"), expectedData(*v.vol().find("A/c-after")));
+  EXPECT_EQ(readFile(dest / "Root/A/d-sub/deep"), expectedData(*v.vol().find("A/d-sub/deep")));
   ASSERT_EQ(controller.alerts.size(), 1u);
   EXPECT_EQ(controller.alerts[0].title, "Saving Completed");
-  EXPECT_NE(controller.alerts[0].message.find("1 folders were left incomplete"), std::string::npos);
+  EXPECT_NE(controller.alerts[0].message.find("1 files could not be read completely (1 sectors unreadable)"),
+            std::string::npos);
   ASSERT_FALSE(r.problems.empty());
-  EXPECT_NE(r.problems[0].find("b-bad"), std::string::npos);
+  EXPECT_NE(r.problems[0].find("b-bad (incomplete)"), std::string::npos);
 }
 
 TEST(SaveFailures, WriteFailuresAreCountedAndTheSaveGoesOn) {
@@ -403,7 +424,9 @@ TEST(SaveFailures, WriteFailuresAreCountedAndTheSaveGoesOn) {
   EXPECT_EQ(r.filesWritten, 1u);
   EXPECT_EQ(readFile(dest / "Root/b-small"), expectedData(*v.vol().find("b-small")));
   ASSERT_EQ(controller.alerts.size(), 1u);
-  EXPECT_NE(controller.alerts[0].message.find("2 files could not be written completely"), std::string::npos);
+  EXPECT_NE(controller.alerts[0].message.find("2 files could not be written; what was written of them was removed."),
+            std::string::npos);
+  EXPECT_EQ(pathsUnder(dest), (std::set<std::string>{"Root", "Root/b-small"}));
 }
 
 TEST(SaveDeep, FoldersDeeperThanTheOpenFolderLimit) {

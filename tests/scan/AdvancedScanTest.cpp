@@ -193,7 +193,7 @@ TEST(AdvancedScan, DeletedEntriesFromOldCopiesLandUnderLostFolders) {
     if (e.parentID != kRootFolderID) {
       EXPECT_TRUE(isBelow(h, advanced.volume->dirLostFolders));
       EXPECT_EQ(h->parent->fileName(), "LostFolder" + std::to_string(e.parentID));
-      EXPECT_EQ(h->pathName, "/Root/Lost Folders/LostFolder" + std::to_string(e.parentID));
+      EXPECT_EQ(pathNameOf(*h), "/Root/Lost Folders/LostFolder" + std::to_string(e.parentID));
     }
   }
   // Every live file of the normal scan is in the advanced tree too.

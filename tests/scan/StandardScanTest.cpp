@@ -193,7 +193,7 @@ TEST(StandardScan, BuilderVolumesAgreeWithFlsAndTheirLayout) {
       if (child->fileName() == "a/b slash") slash = child.get();
     ASSERT_NE(slash, nullptr);
     ASSERT_EQ(slash->children().size(), 1u);
-    EXPECT_EQ(slash->childAtIndex(0)->pathName, "/Root/a:b slash");
+    EXPECT_EQ(pathNameOf(*slash->childAtIndex(0)), "/Root/a:b slash");
   }
 }
 

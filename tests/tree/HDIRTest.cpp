@@ -83,7 +83,7 @@ TEST(HDIR, MutableCopyCopiesEverythingButHasParent) {
   HDIR parent;
   auto srcPtr = entry(kHDIRFolder, 44, "src");
   HDIR& src = *srcPtr;
-  src.pathName = "/Root";
+  src.fileMode = 0100755;
   src.createDate = 1;
   src.modDate = 2;
   src.parentID = 3;
@@ -108,7 +108,7 @@ TEST(HDIR, MutableCopyCopiesEverythingButHasParent) {
   auto copy = src.mutableCopy();
   EXPECT_FALSE(copy->hasParent);
   EXPECT_EQ(copy->fileName(), "src");
-  EXPECT_EQ(copy->pathName, "/Root");
+  EXPECT_EQ(copy->fileMode, 0100755);
   EXPECT_EQ(copy->fileType, kHDIRFolder);
   EXPECT_EQ(copy->createDate, 1u);
   EXPECT_EQ(copy->modDate, 2u);

@@ -1,0 +1,96 @@
+#pragma once
+// The folder walk of a save: folders made and entered through descriptors
+// (the working directory never moves), files created under names that
+// replace nothing, and every file that is not saved whole accounted for.
+// Internal to output/.
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "output/SafeName.h"
+#include "output/Saver.h"
+
+namespace ambrel {
+
+class Fd {
+ public:
+  Fd() = default;
+  explicit Fd(int fd) : fd_(fd) {}
+  ~Fd() { reset(); }
+  Fd(const Fd&) = delete;
+  Fd& operator=(const Fd&) = delete;
+  Fd(Fd&& o) noexcept : fd_(o.release()) {}
+  Fd& operator=(Fd&& o) noexcept {
+    if (this != &o) {
+      reset();
+      fd_ = o.release();
+    }
+    return *this;
+  }
+  int get() const { return fd_; }
+  int release() { return std::exchange(fd_, -1); }
+  // close() result: a write the file system defers can fail only here.
+  bool reset();
+
+ private:
+  int fd_ = -1;
+};
+
+// Marked files the save would reach below `folder` (through marked folders).
+uint32_t markedFilesBelow(const HDIR& folder);
+
+struct Saver::Walk {
+  // One folder being written: its entry, its open descriptor (closed while
+  // deep below it, and opened again through ".." of the child on the way
+  // back), and the subfolders to enter once its own children are written.
+  struct Frame {
+    const HDIR* dir = nullptr;
+    Fd fd;
+    dev_t dev = 0;
+    ino_t ino = 0;
+    std::vector<std::pair<size_t, std::string>> subfolders;  // child index, name written
+    size_t nextSub = 0;
+    bool childrenDone = false;
+    bool lost = false;  // could not be opened again: the rest of it is given up
+  };
+
+  // Names given so far in one folder, so that the n-th wanting a name starts
+  // at its number rather than trying all the earlier ones again.
+  struct Names {
+    std::unordered_map<std::string, uint32_t> next;
+    size_t maxBytes = kDefaultNameMax;
+  };
+
+  enum class Kind { Folder, File, FileWithSidecar };
+  struct Created {
+    std::string name;
+    Fd data, sidecar;
+  };
+
+  Saver& saver;
+  bool canSaveSlashes = true;
+  std::vector<Frame> frames;
+
+  void run(const std::string& destination);
+
+ private:
+  std::optional<Created> create(int dirFd, Names& names, const HDIR& entry, Kind kind);
+  std::optional<Created> failedCreate(const HDIR& entry, const std::string& name);
+  void saveChildren(Frame& f);
+  void saveFile(Frame& f, Names& names, const HDIR& c);
+  // Removes what was written of a file that cannot be kept.
+  void discard(int dirFd, const std::string& name, bool sidecar);
+  // Moves a file that is not whole to a name that says so; its new name, or
+  // nullopt when it had to be removed instead.
+  std::optional<std::string> keepIncomplete(int dirFd, Names& names, const std::string& name, bool sidecar);
+  // A folder that could not be made or entered: its marked files are lost.
+  void folderLost(const HDIR& folder, const std::string& why);
+  void push(const HDIR* dir, Fd fd);
+  void pop();
+};
+
+}  // namespace ambrel
