@@ -195,7 +195,7 @@ int runRecover(RecoverOptions& opt) {
   if (r.unlistedProblems) fmt::print(stderr, "failed: ... {} more\n", r.unlistedProblems);
   // Only what was saved whole counts as saved.
   fmt::print("{} {}: {} files, {} bytes ({}) in {}\n", r.aborted ? "Aborted" : "Saved", terminalText(opt.out),
-             r.filesWritten, r.savedData, sizeText(r.savedData),
+             r.filesWritten, r.savedData - r.bytesRemoved, sizeText(r.savedData - r.bytesRemoved),
              r.foldersCreated == 1 ? "1 folder" : fmt::format("{} folders", r.foldersCreated));
   if (r.filesNotWhole())
     fmt::print("Not saved whole: {} files ({} kept with \"(incomplete)\" in their names, {} not saved)\n",

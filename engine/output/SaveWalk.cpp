@@ -236,6 +236,7 @@ void Saver::Walk::saveFile(Frame& f, Names& names, const HDIR& c) {
     // A destination that is full or failing: a cut file under its real name
     // would pass for a saved one, so nothing of it stays.
     discard(dir, made->name, hasRsrc);
+    result.bytesRemoved += data.written + rsrc.written;
     ++result.failedWrites;
     ++result.filesNotSaved;
     saver.problem(fmt::format("could not write \"{}\" for {}: {}; what was written of it was removed", failedName,
@@ -255,6 +256,7 @@ void Saver::Walk::saveFile(Frame& f, Names& names, const HDIR& c) {
   const bool nothingRead = compressed ? !opened : (unreadable > 0 || noGeometry) && data.sectorsRead + rsrc.sectorsRead == 0;
   if (nothingRead) {
     discard(dir, made->name, hasRsrc);
+    result.bytesRemoved += data.written + rsrc.written;
     ++result.filesNotSaved;
     saver.problem(compressed ? fmt::format("{} is compressed and could not be decoded: {}; nothing of it was saved",
                                            path, why)
@@ -283,6 +285,7 @@ void Saver::Walk::saveFile(Frame& f, Names& names, const HDIR& c) {
   // An empty file under any name would only pass for something recovered.
   if (data.written + rsrc.written == 0) {
     discard(dir, made->name, hasRsrc);
+    result.bytesRemoved += data.written + rsrc.written;
     ++result.filesNotSaved;
     saver.problem(what + "; nothing of it had been written");
     return;
@@ -292,6 +295,7 @@ void Saver::Walk::saveFile(Frame& f, Names& names, const HDIR& c) {
     saver.problem(fmt::format("{}; saved as \"{}\"", what, *kept));
   } else {
     ++result.filesNotSaved;
+    result.bytesRemoved += data.written + rsrc.written;
     saver.problem(fmt::format("{}; it could not be renamed to say so ({}) and was removed", what, std::strerror(errno)));
   }
 }

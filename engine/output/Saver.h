@@ -66,6 +66,7 @@ struct SaveResult {
   bool aborted = false;
   int32_t saveCount = 0;    // marked files visited
   uint64_t savedData = 0;   // bytes written, both forks
+  uint64_t bytesRemoved = 0;  // of those, in files removed again (not saved)
   uint32_t filesWritten = 0;     // saved whole under their own names
   // Kept with zeros where the drive could not be read, or cut short by Stop,
   // under a name marked " (incomplete)".

@@ -1,0 +1,128 @@
+// What `ambrel-cli` writes, and refuses to write, when saving goes wrong or
+// its arguments point somewhere dangerous.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <fstream>
+
+#include "output/OutputHelpers.h"
+#include "scaninfo/VolumeScanInfo.h"
+#include "tree/CheckController.h"
+
+using namespace ambrel;
+using namespace ambrel::test;
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string cli() {
+  const char* p = std::getenv("AMBREL_CLI");
+  return p ? p : "ambrel-cli";
+}
+
+int run(const std::string& args, std::string& out, const std::string& prefix = "") {
+  out.clear();
+  return runCommand(prefix + cli() + " " + args + " 2>&1", &out);
+}
+
+std::string bareImage(const fs::path& dir, std::vector<mk::EntrySpec> root) {
+  mk::DriveSpec drive;
+  drive.table = mk::TableKind::None;
+  drive.volume = mk::VolumeSpec{};
+  drive.volume->name = "Vol";
+  drive.volume->root = std::move(root);
+  const std::string image = (dir / "bare.img").string();
+  mk::buildImage(drive, image);
+  return image;
+}
+
+}  // namespace
+
+TEST(SaveSafety, DataFilesWereSavedExecutable) {
+  TempDir dir;
+  const std::string image = bareImage(dir.path(), {folderSpec("Docs", {fileSpec("a.txt", 1200)}), fileSpec("b.bin", 10)});
+  std::string out;
+  const fs::path dest = dir / "out";
+  ASSERT_EQ(run("recover '" + image + "' --out '" + dest.string() + "'", out, "umask 022; "), 0) << out;
+  for (const char* p : {"Root/Docs/a.txt", "Root/b.bin"}) {
+    struct stat st {};
+    ASSERT_EQ(::stat((dest / p).c_str(), &st), 0) << p;
+    EXPECT_EQ(st.st_mode & 07777, 0644u) << p;
+  }
+}
+
+TEST(SaveSafety, ScanInfoFileOverwroteTheScannedDrive) {
+  TempDir dir;
+  const std::string image = bareImage(dir.path(), {fileSpec("a.txt", 1200)});
+  const auto before = readFile(image);
+  fs::create_symlink(image, dir / "link.img");
+  std::string out;
+  for (const std::string& target : {image, (dir / "link.img").string()}) {
+    EXPECT_EQ(run("tree '" + image + "' --save-scan-info '" + target + "'", out), 2) << target;
+    EXPECT_NE(out.find("ambrel-cli: ! Error"), std::string::npos) << out;
+  }
+  EXPECT_TRUE(readFile(image) == before);
+  ASSERT_EQ(::mkfifo((dir / "pipe").c_str(), 0600), 0);
+  EXPECT_EQ(run("tree '" + image + "' --save-scan-info '" + (dir / "pipe").string() + "'", out), 2) << out;
+  EXPECT_TRUE(fs::is_fifo(dir / "pipe"));
+  EXPECT_EQ(run("tree '" + image + "' --save-scan-info '" + dir.path().string() + "'", out), 2) << out;
+  // A fine target still works, and leaves no temporary file beside it.
+  ASSERT_EQ(run("tree '" + image + "' --save-scan-info '" + (dir / "ok.asi").string() + "'", out), 0) << out;
+  EXPECT_EQ(pathsUnder(dir.path()), (std::set<std::string>{"bare.img", "pipe", "ok.asi"}));
+}
+
+TEST(SaveSafety, SelectAlsoSavedWhatTheScanInfoFileHadMarked) {
+  TempDir dir;
+  const std::string image = bareImage(
+      dir.path(), {folderSpec("Docs", {fileSpec("a.txt", 1200)}), folderSpec("Pics", {fileSpec("c.jpg", 3000)})});
+  const uint64_t sectors = fs::file_size(image) / 512;
+  ScanResult scanned = scan(image, 0, sectors, "Normal Scan");
+  ASSERT_NE(scanned.volume->dirRoot, nullptr);
+  const HDIR* pics = scanned.volume->dirRoot->firstChildNamed("Pics");
+  ASSERT_NE(pics, nullptr);
+  CheckController(const_cast<HDIR*>(pics), true).run();
+  const std::string asi = (dir / "scan.asi").string();
+  ASSERT_FALSE(saveScanInfo(asi, *scanned.volume, PlistArray{volumeDict(image, 0, sectors)}, scanned.controller.get()));
+  std::string out;
+  const fs::path dest = dir / "out";
+  ASSERT_EQ(run("recover '" + asi + "' --out '" + dest.string() + "' --select '*/Docs'", out), 0) << out;
+  EXPECT_EQ(pathsUnder(dest), (std::set<std::string>{"Root", "Root/Docs", "Root/Docs/a.txt"}));
+}
+
+TEST(SaveSafety, RefusalsLeaveNoOutFolder) {
+  TempDir dir;
+  const std::string image = bareImage(dir.path(), {fileSpec("a.txt", 1200)});
+  const uint64_t sectors = fs::file_size(image) / 512;
+  ScanResult scanned = scan(image, 0, sectors, "Normal Scan");
+  ASSERT_NE(scanned.volume->dirRoot, nullptr);
+  const std::string asi = (dir / "scan.asi").string();
+  ASSERT_FALSE(saveScanInfo(asi, *scanned.volume, PlistArray{volumeDict(image, 0, sectors)}, scanned.controller.get()));
+  {
+    std::fstream f(image, std::ios::in | std::ios::out | std::ios::binary);
+    f.seekp(100);
+    f.put('\x5A');
+  }
+  std::string out;
+  EXPECT_EQ(run("recover '" + asi + "' --out '" + (dir / "never").string() + "'", out), 2) << out;
+  EXPECT_NE(out.find("Drive Not Connected"), std::string::npos) << out;
+  EXPECT_FALSE(fs::exists(dir / "never"));
+  EXPECT_EQ(run("recover '" + image + "' --out '" + (dir / "none").string() + "' --select '*.mov'", out), 1);
+  EXPECT_FALSE(fs::exists(dir / "none"));
+}
+
+TEST(SaveSafety, FailedResourceForkLeftAnEmptySidecarAndRawNamesReachedTheTerminal) {
+  TempDir dir;
+  const std::string evil = "evil\x1b]0;owned\x07.txt";
+  const std::string image = bareImage(dir.path(), {fileSpec("small.txt", 10, 3000), fileSpec(evil, 5000)});
+  std::string out;
+  const fs::path dest = dir / "out";
+  // 2 blocks of 512 bytes at most per file: the sidecar and the second file
+  // cannot be written.
+  EXPECT_EQ(run("recover '" + image + "' --out '" + dest.string() + "'", out, "trap '' XFSZ; ulimit -f 2; "), 1);
+  EXPECT_EQ(pathsUnder(dest), (std::set<std::string>{"Root"})) << out;
+  EXPECT_EQ(out.find('\x1b'), std::string::npos) << out;
+  EXPECT_EQ(out.find('\x07'), std::string::npos) << out;
+  EXPECT_NE(out.find("evil\\x1B]0;owned\\x07.txt"), std::string::npos) << out;
+  EXPECT_NE(out.find("Saved " + dest.string() + ": 0 files, 0 bytes"), std::string::npos) << out;
+}
