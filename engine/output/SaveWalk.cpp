@@ -231,7 +231,8 @@ void Saver::Walk::saveFile(Frame& f, Names& names, const HDIR& c) {
   }
   if (hasRsrc && !made->sidecar.reset()) writeFailed(errno, sidecarName(made->name));
 
-  const std::string path = listedPath(c);
+  // Built only for a problem: it costs the depth of the entry.
+  auto path = [&c] { return listedPath(c); };
   if (err) {
     // A destination that is full or failing: a cut file under its real name
     // would pass for a saved one, so nothing of it stays.
@@ -240,7 +241,7 @@ void Saver::Walk::saveFile(Frame& f, Names& names, const HDIR& c) {
     ++result.failedWrites;
     ++result.filesNotSaved;
     saver.problem(fmt::format("could not write \"{}\" for {}: {}; what was written of it was removed", failedName,
-                              path, std::strerror(err)));
+                              path(), std::strerror(err)));
     return;
   }
 
@@ -259,11 +260,11 @@ void Saver::Walk::saveFile(Frame& f, Names& names, const HDIR& c) {
     result.bytesRemoved += data.written + rsrc.written;
     ++result.filesNotSaved;
     saver.problem(compressed ? fmt::format("{} is compressed and could not be decoded: {}; nothing of it was saved",
-                                           path, why)
-                  : noGeometry ? fmt::format("could not read {}: its block size is unknown; nothing of it was saved", path)
+                                           path(), why)
+                  : noGeometry ? fmt::format("could not read {}: its block size is unknown; nothing of it was saved", path())
                                : fmt::format("could not read {}: none of its {} sectors could be read; nothing of it "
                                              "was saved",
-                                             path, unreadable));
+                                             path(), unreadable));
     return;
   }
   const bool cutShort = !aborted && ((!compressed && data.written < c.dataSize) || rsrc.written < c.rscSize);
@@ -273,14 +274,14 @@ void Saver::Walk::saveFile(Frame& f, Names& names, const HDIR& c) {
   }
 
   std::string what;
-  if (aborted) what = fmt::format("saving was stopped inside {}", path);
+  if (aborted) what = fmt::format("saving was stopped inside {}", path());
   else if (unreadable > 0 || noGeometry)
-    what = fmt::format("could not read {}: {} of its sectors could not be read and are zeros", path, unreadable);
+    what = fmt::format("could not read {}: {} of its sectors could not be read and are zeros", path(), unreadable);
   else if (badCompressed)
-    what = fmt::format("{} is compressed and {} of its parts could not be decoded ({}); they are zeros", path,
+    what = fmt::format("{} is compressed and {} of its parts could not be decoded ({}); they are zeros", path(),
                        badChunks, why);
   else
-    what = fmt::format("{} is cut short: its extents hold {} of its {} bytes", path, data.written + rsrc.written,
+    what = fmt::format("{} is cut short: its extents hold {} of its {} bytes", path(), data.written + rsrc.written,
                        (compressed ? 0 : c.dataSize) + c.rscSize);
   // An empty file under any name would only pass for something recovered.
   if (data.written + rsrc.written == 0) {
