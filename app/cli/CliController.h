@@ -21,6 +21,7 @@ inline constexpr int kExitFailed = 1;       // nothing usable found, or saving f
 inline constexpr int kExitCannotStart = 2;  // bad arguments, a path that cannot be opened
 inline constexpr int kExitReadErrors = 3;   // finished, but parts of the drive could not be read
 inline constexpr int kExitDriveGone = 4;    // the drive disappeared while it was read
+inline constexpr int kExitOutOfMemory = 5;  // ran out of memory: said so, nothing more done
 inline constexpr int kExitStopped = 130;    // stopped with Ctrl-C
 
 class CliController : public AppControllerInterface {

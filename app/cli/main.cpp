@@ -25,9 +25,6 @@ void registerDriveCommands(CLI::App& app, std::function<int()>& run);
 
 namespace {
 
-// The status of a command that ran out of memory.
-constexpr int kExitOutOfMemory = 5;
-
 struct InfoOptions {
   std::string path;
   bool json = false;
@@ -112,8 +109,8 @@ int main(int argc, char** argv) {
     if (run) return run();
   } catch (const std::bad_alloc&) {
     std::fflush(stdout);
-    fmt::print(stderr, "\nambrel-cli: not enough memory to go on; nothing more was done\n");
-    return kExitOutOfMemory;
+    fmt::print(stderr, "\nambrel-cli: out of memory; the command was stopped here\n");
+    return cli::kExitOutOfMemory;
   }
   return 1;
 }
