@@ -169,8 +169,9 @@ int runRecover(RecoverOptions& opt) {
     fmt::print(stderr, "ambrel-cli: ! Can not save: the folder {} is not writable.\n", terminalText(opt.out));
     return 2;
   }
-  // Both forks are written, and each resource fork with its sidecar header.
-  const uint64_t needed = bytesToWrite(*volume->dirRoot);
+  // Both forks are written, each resource fork with its sidecar header, and
+  // every file takes whole allocation units.
+  const uint64_t needed = bytesToWrite(*volume->dirRoot, dest.blockBytes);
   if (dest.freeBytes < needed) {
     fmt::print(stderr, "ambrel-cli: ! Not enough free disk space: {} needed, {} free in {}\n", sizeText(needed),
                sizeText(dest.freeBytes), terminalText(probe.string()));

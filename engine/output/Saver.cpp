@@ -76,7 +76,10 @@ DestinationInfo destinationInfo(const std::string& path) {
   if (!info.exists) return info;
   info.writable = ::access(path.c_str(), W_OK | X_OK) == 0;
   struct statvfs vfs {};
-  if (::statvfs(path.c_str(), &vfs) == 0) info.freeBytes = uint64_t{vfs.f_bavail} * vfs.f_frsize;
+  if (::statvfs(path.c_str(), &vfs) == 0) {
+    info.freeBytes = uint64_t{vfs.f_bavail} * vfs.f_frsize;
+    if (vfs.f_frsize > 0) info.blockBytes = vfs.f_frsize;
+  }
   struct statfs fs {};
   if (::statfs(path.c_str(), &fs) == 0) {
     info.infoAvailable = true;
@@ -101,9 +104,11 @@ MarkedCount countMarkedDataAndFiles(const HDIR& root) {
   return count;
 }
 
-uint64_t bytesToWrite(const HDIR& root) {
+uint64_t bytesToWrite(const HDIR& root, uint64_t blockBytes) {
   if (root.selected() != 1) return 0;
-  uint64_t total = 0;
+  const uint64_t unit = std::max<uint64_t>(blockBytes, 1);
+  auto rounded = [unit](uint64_t bytes) { return (bytes + unit - 1) / unit * unit; };
+  uint64_t total = unit;  // the root's own folder
   std::vector<const HDIR*> stack{&root};
   while (!stack.empty()) {
     const HDIR* d = stack.back();
@@ -111,10 +116,11 @@ uint64_t bytesToWrite(const HDIR& root) {
     for (const auto& c : d->children()) {
       if (c->selected() != 1) continue;
       if (c->fileType == kHDIRFolder) {
+        total += unit;
         stack.push_back(c.get());
       } else if (c->fileType == kHDIRFile) {
-        total += c->dataSize;
-        if (c->rscSize != 0) total += kAppleDoubleHeaderSize + c->rscSize;
+        total += rounded(c->dataSize);
+        if (c->rscSize != 0) total += rounded(kAppleDoubleHeaderSize + c->rscSize);
       }
     }
   }

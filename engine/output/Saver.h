@@ -39,6 +39,7 @@ struct DestinationInfo {
   bool exists = false;
   bool writable = false;
   uint64_t freeBytes = 0;
+  uint64_t blockBytes = 1;  // the allocation unit, 1 when unknown
   bool infoAvailable = false;  // file-system type known
   bool canSaveSlashes = true;  // an "hfs" destination, or unknown
 };
@@ -57,8 +58,11 @@ std::string savedDataText(uint64_t bytes);
 
 // What the save needs on the destination: both forks of every file it will
 // write (only through marked folders, as it goes), each resource fork with
-// its sidecar's header. markedData counts fileSize alone.
-uint64_t bytesToWrite(const HDIR& root);
+// its sidecar's header, every file rounded up to the destination's
+// allocation unit `blockBytes` and a unit for each folder it makes. Counted
+// from the fork sizes, which are what is written: markedData counts
+// fileSize, which a scan info file need not keep equal to them.
+uint64_t bytesToWrite(const HDIR& root, uint64_t blockBytes = 1);
 
 // Accounts for every marked file the save reaches: saveCount = filesWritten +
 // filesIncomplete + emptyFiles + the visited ones of filesNotSaved.

@@ -41,14 +41,18 @@ std::string bareImage(const fs::path& dir, std::vector<mk::EntrySpec> root) {
 
 TEST(SaveSafety, DataFilesWereSavedExecutable) {
   TempDir dir;
-  const std::string image = bareImage(dir.path(), {folderSpec("Docs", {fileSpec("a.txt", 1200)}), fileSpec("b.bin", 10)});
+  mk::EntrySpec tool = fileSpec("run.sh", 40);
+  tool.mode = 0755;
+  const std::string image =
+      bareImage(dir.path(), {folderSpec("Docs", {fileSpec("a.txt", 1200)}), fileSpec("b.bin", 10), tool});
   std::string out;
   const fs::path dest = dir / "out";
   ASSERT_EQ(run("recover '" + image + "' --out '" + dest.string() + "'", out, "umask 022; "), 0) << out;
-  for (const char* p : {"Root/Docs/a.txt", "Root/b.bin"}) {
+  // Executable only where the catalog says so.
+  for (const auto& [p, mode] : {std::pair{"Root/Docs/a.txt", 0644u}, {"Root/b.bin", 0644u}, {"Root/run.sh", 0755u}}) {
     struct stat st {};
     ASSERT_EQ(::stat((dest / p).c_str(), &st), 0) << p;
-    EXPECT_EQ(st.st_mode & 07777, 0644u) << p;
+    EXPECT_EQ(st.st_mode & 07777, mode) << p;
   }
 }
 
@@ -90,7 +94,7 @@ TEST(SaveSafety, SelectAlsoSavedWhatTheScanInfoFileHadMarked) {
   EXPECT_EQ(pathsUnder(dest), (std::set<std::string>{"Root", "Root/Docs", "Root/Docs/a.txt"}));
 }
 
-TEST(SaveSafety, RefusalsLeaveNoOutFolder) {
+TEST(SaveSafety, OutFolderWasMadeBeforeARefusal) {
   TempDir dir;
   const std::string image = bareImage(dir.path(), {fileSpec("a.txt", 1200)});
   const uint64_t sectors = fs::file_size(image) / 512;
@@ -98,12 +102,25 @@ TEST(SaveSafety, RefusalsLeaveNoOutFolder) {
   ASSERT_NE(scanned.volume->dirRoot, nullptr);
   const std::string asi = (dir / "scan.asi").string();
   ASSERT_FALSE(saveScanInfo(asi, *scanned.volume, PlistArray{volumeDict(image, 0, sectors)}, scanned.controller.get()));
+  std::string out;
+  // A file that claims a petabyte: no disk has room, and the folder that
+  // used to be made before the check stays unmade.
+  {
+    HDIR* a = scanned.volume->dirRoot->firstChildNamed("a.txt");
+    ASSERT_NE(a, nullptr);
+    a->dataSize = a->fileSize = uint64_t{1} << 50;
+    const std::string huge = (dir / "huge.asi").string();
+    ASSERT_FALSE(
+        saveScanInfo(huge, *scanned.volume, PlistArray{volumeDict(image, 0, sectors)}, scanned.controller.get()));
+    EXPECT_EQ(run("recover '" + huge + "' --out '" + (dir / "full/out").string() + "'", out), 2) << out;
+    EXPECT_NE(out.find("ambrel-cli: ! Not enough free disk space: "), std::string::npos) << out;
+    EXPECT_FALSE(fs::exists(dir / "full"));
+  }
   {
     std::fstream f(image, std::ios::in | std::ios::out | std::ios::binary);
     f.seekp(100);
     f.put('\x5A');
   }
-  std::string out;
   EXPECT_EQ(run("recover '" + asi + "' --out '" + (dir / "never").string() + "'", out), 2) << out;
   EXPECT_NE(out.find("Drive Not Connected"), std::string::npos) << out;
   EXPECT_FALSE(fs::exists(dir / "never"));
@@ -125,4 +142,30 @@ TEST(SaveSafety, FailedResourceForkLeftAnEmptySidecarAndRawNamesReachedTheTermin
   EXPECT_EQ(out.find('\x07'), std::string::npos) << out;
   EXPECT_NE(out.find("evil\\x1B]0;owned\\x07.txt"), std::string::npos) << out;
   EXPECT_NE(out.find("Saved " + dest.string() + ": 0 files, 0 bytes"), std::string::npos) << out;
+}
+
+TEST(SaveSafety, FreeSpaceCheckCountedFileSizesNotWhatIsWritten) {
+  // 20 files of 100 bytes with a resource fork of 100 bytes: 4,000 bytes of
+  // fileSize, but 40 files of one 4 KiB page each on a 64 KiB tmpfs. The
+  // check passed and the save ran out of space half-way.
+  TempDir dir;
+  std::vector<mk::EntrySpec> files;
+  for (int i = 0; i < 20; ++i) files.push_back(fileSpec("f" + std::to_string(i) + ".txt", 100, 100));
+  const std::string image = bareImage(dir.path(), files);
+  fs::create_directory(dir / "mnt");
+  const std::string onTmpfs = "unshare -rm sh -c 'mount -t tmpfs -o size=64k tmpfs \"" + (dir / "mnt").string() +
+                              "\" && exec \"$0\" \"$@\"' ";
+  std::string out;
+  if (runCommand(onTmpfs + "true 2>&1", &out) != 0) GTEST_SKIP() << "no private tmpfs mount here: " << out;
+  EXPECT_EQ(run("recover '" + image + "' --out '" + (dir / "mnt/out").string() + "'", out, onTmpfs), 2) << out;
+  EXPECT_NE(out.find("ambrel-cli: ! Not enough free disk space: "), std::string::npos) << out;
+  EXPECT_EQ(out.find("Saved"), std::string::npos) << out;
+
+  // What fits is saved: 3 files and their sidecars, 6 pages.
+  EXPECT_EQ(run("recover '" + image + "' --out '" + (dir / "mnt/out").string() + "' --select '*/f1.txt' --select "
+                "'*/f2.txt' --select '*/f3.txt'",
+                out, onTmpfs),
+            0)
+      << out;
+  EXPECT_NE(out.find("Saved " + (dir / "mnt/out").string() + ": 3 files, 600 bytes"), std::string::npos) << out;
 }
