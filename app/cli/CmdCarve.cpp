@@ -198,7 +198,12 @@ int runCarve(CarveOptions& opt) {
   Saver saver(*volume->dirRoot, saveSourceOf(*volume), &controller, options);
   const SaveResult r = saver.saveFilesAndFolders(opt.out);
   for (const auto& line : r.problems) fmt::print(stderr, "failed: {}\n", terminalText(line));
-  fmt::print("Saved {}: {} files, {} bytes ({})\n", opt.out, r.filesWritten, r.savedData - r.bytesRemoved, sizeText(r.savedData - r.bytesRemoved));
+  // Only what was saved whole counts as saved.
+  fmt::print("Saved {}: {} files, {} bytes ({})\n", opt.out, r.filesWritten, r.savedData - r.bytesRemoved,
+             sizeText(r.savedData - r.bytesRemoved));
+  if (r.filesNotWhole())
+    fmt::print("Not saved whole: {} files ({} kept with \"(incomplete)\" in their names, {} not saved)\n",
+               r.filesNotWhole(), r.filesIncomplete, r.filesNotSaved);
   fmt::print("Failures: {} creates, {} writes, {} reads; {} names changed\n", r.failedCreates, r.failedWrites,
              r.failedReads, r.renamed);
   if (r.failedCreates + r.failedWrites + r.damagedCompressed > 0) status = status ? status : kExitFailed;
