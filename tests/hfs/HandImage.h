@@ -11,12 +11,12 @@
 
 namespace ambrel::test {
 
-struct ForkSpec {
+struct ForkLayout {
   uint32_t totalBlocks = 0;
   std::vector<std::pair<uint32_t, uint32_t>> extents;  // start, count (at most 8)
 };
 
-struct ExtentRecordSpec {
+struct ExtentRecordLayout {
   uint8_t fork = 0;
   uint32_t fileID = 0;
   uint32_t startBlock = 0;
@@ -32,7 +32,7 @@ class HandImage {
 
   // A volume header at `sector` with the block size in bytes and three forks.
   void putVIB(uint64_t sector, uint16_t signature, uint32_t blockSizeBytes, uint32_t totalBlocks,
-              const ForkSpec& allocation, const ForkSpec& extents, const ForkSpec& catalog,
+              const ForkLayout& allocation, const ForkLayout& extents, const ForkLayout& catalog,
               uint32_t journalInfoBlock = 0) {
     uint8_t* p = at(sector);
     storeBE16(p, signature);
@@ -71,7 +71,7 @@ class HandImage {
   }
 
   // An extents B-tree leaf node of `nodeBytes` at `sector`.
-  void putExtentLeaf(uint64_t sector, uint32_t nodeBytes, uint32_t fLink, const std::vector<ExtentRecordSpec>& recs) {
+  void putExtentLeaf(uint64_t sector, uint32_t nodeBytes, uint32_t fLink, const std::vector<ExtentRecordLayout>& recs) {
     uint8_t* p = at(sector);
     storeBE32(p, fLink);
     p[8] = 0xFF;
@@ -91,7 +91,7 @@ class HandImage {
   }
 
   // An extents B-tree index node: one key and child pointer per record.
-  void putExtentIndex(uint64_t sector, uint32_t nodeBytes, const std::vector<std::pair<ExtentRecordSpec, uint32_t>>& recs) {
+  void putExtentIndex(uint64_t sector, uint32_t nodeBytes, const std::vector<std::pair<ExtentRecordLayout, uint32_t>>& recs) {
     uint8_t* p = at(sector);
     p[8] = 0;
     p[9] = 2;
@@ -125,7 +125,7 @@ class HandImage {
     storeBE32(p + 4, fileID);
     storeBE32(p + 8, startBlock);
   }
-  static void putFork(uint8_t* p, const ForkSpec& f) {
+  static void putFork(uint8_t* p, const ForkLayout& f) {
     storeBE32(p + 12, f.totalBlocks);
     for (size_t i = 0; i < f.extents.size() && i < 8; ++i) {
       storeBE32(p + 16 + 8 * i, f.extents[i].first);

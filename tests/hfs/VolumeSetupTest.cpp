@@ -7,8 +7,8 @@
 namespace ambrel {
 namespace {
 
-using test::ExtentRecordSpec;
-using test::ForkSpec;
+using test::ExtentRecordLayout;
+using test::ForkLayout;
 using test::HandImage;
 
 constexpr uint64_t kStart = 100;    // partition start
@@ -19,9 +19,9 @@ constexpr uint32_t kBlock = 1024;   // two sectors a block
 // extents B-tree) and whose allocation file overflows over two leaves.
 HandImage fragmentedVolume(bool goodPrimary = true) {
   HandImage img(kStart + kSectors + 8);
-  ForkSpec allocation{6, {{20, 2}, {30, 2}}};
-  ForkSpec extents{4, {{10, 4}}};
-  ForkSpec catalog{20, {}};
+  ForkLayout allocation{6, {{20, 2}, {30, 2}}};
+  ForkLayout extents{4, {{10, 4}}};
+  ForkLayout catalog{20, {}};
   for (uint32_t i = 0; i < 8; ++i) catalog.extents.push_back({100 + 10 * i, 2});
   const uint64_t vibSector = goodPrimary ? kStart + 2 : kStart + kSectors - 2;
   img.putVIB(vibSector, 0x482B, kBlock, 1000, allocation, extents, catalog, 5);
@@ -286,7 +286,7 @@ TEST(VolumeSetup, FortyBlockStatusStraddlesTwoBitmapBlocks) {
   test::RecordingController c;
   // 512-byte blocks: a bitmap block holds 4096 bits. Bitmap blocks at 50 and 70.
   HandImage img(200);
-  img.putVIB(2, 0x482B, 512, 8192, ForkSpec{2, {{50, 1}, {70, 1}}}, {}, {});
+  img.putVIB(2, 0x482B, 512, 8192, ForkLayout{2, {{50, 1}, {70, 1}}}, {}, {});
   img.at(50)[510] = 0x10;  // blocks 4080..4087: a bit at position 3
   img.at(50)[511] = 0x00;
   img.at(70)[0] = 0x80;    // block 4096 used

@@ -27,10 +27,10 @@ Run run(const std::string& args) {
 // Two volumes in an MBR; the drive is wiped of its table for the search.
 Drive twoVolumes(bool withTable) {
   Drive d(2048);
-  TinyVolumeSpec a;
+  TinyVolumeLayout a;
   a.name = "Alpha";
   a.createDate = 1;
-  TinyVolumeSpec b;
+  TinyVolumeLayout b;
   b.name = "Beta";
   b.createDate = 2;
   if (withTable) {

@@ -33,8 +33,8 @@ void expectVolumes(const PlistArray& volumes, const std::vector<Listed>& want) {
   }
 }
 
-TinyVolumeSpec named(const std::string& name, uint32_t blocks = 64) {
-  TinyVolumeSpec s;
+TinyVolumeLayout named(const std::string& name, uint32_t blocks = 64) {
+  TinyVolumeLayout s;
   s.name = name;
   s.totalBlocks = blocks;
   return s;

@@ -41,7 +41,7 @@ void writeHeaderNode(uint8_t* node, uint32_t root, uint32_t leafRecords, uint32_
 
 std::vector<uint16_t> utf16(const std::string& ascii) { return {ascii.begin(), ascii.end()}; }
 
-void writeHeader(uint8_t* at, const TinyVolumeSpec& s, uint32_t catalogStart, uint32_t catalogFirstCount,
+void writeHeader(uint8_t* at, const TinyVolumeLayout& s, uint32_t catalogStart, uint32_t catalogFirstCount,
                  uint32_t catalogTotal, uint32_t extentsBlocks) {
   storeBE16(at, s.hfsx ? 0x4858 : 0x482B);
   storeBE16(at + 2, s.hfsx ? 5 : 4);
@@ -71,9 +71,9 @@ void writeHeader(uint8_t* at, const TinyVolumeSpec& s, uint32_t catalogStart, ui
 
 }  // namespace
 
-uint64_t tinyVolumeSectors(const TinyVolumeSpec& spec) { return uint64_t{spec.totalBlocks} * spec.blockSize / 512; }
+uint64_t tinyVolumeSectors(const TinyVolumeLayout& layout) { return uint64_t{layout.totalBlocks} * layout.blockSize / 512; }
 
-std::vector<uint8_t> buildTinyVolume(const TinyVolumeSpec& s) {
+std::vector<uint8_t> buildTinyVolume(const TinyVolumeLayout& s) {
   if (s.blockSize != kNodeSize) throw std::invalid_argument("tiny volumes use 4096-byte blocks");
   std::vector<uint8_t> v(uint64_t{s.totalBlocks} * s.blockSize, 0);
   auto block = [&](uint32_t b) { return v.data() + uint64_t{b} * s.blockSize; };

@@ -8,7 +8,7 @@
 
 namespace ambrel::test {
 
-struct TinyVolumeSpec {
+struct TinyVolumeLayout {
   std::string name = "Tiny";
   bool hfsx = false;
   uint32_t blockSize = 4096;
@@ -23,8 +23,8 @@ struct TinyVolumeSpec {
 
 // The volume's bytes, totalBlocks x blockSize long, with the alternate
 // header 1024 bytes before its end.
-std::vector<uint8_t> buildTinyVolume(const TinyVolumeSpec& spec);
-uint64_t tinyVolumeSectors(const TinyVolumeSpec& spec);
+std::vector<uint8_t> buildTinyVolume(const TinyVolumeLayout& layout);
+uint64_t tinyVolumeSectors(const TinyVolumeLayout& layout);
 
 // A drive image in memory; sectors are 512 bytes.
 struct Drive {

@@ -13,8 +13,8 @@ namespace {
 
 using Request = DMedia::VolumeScanRequest;
 
-TinyVolumeSpec volumeNamed(const std::string& name, uint32_t createDate) {
-  TinyVolumeSpec s;
+TinyVolumeLayout volumeNamed(const std::string& name, uint32_t createDate) {
+  TinyVolumeLayout s;
   s.name = name;
   s.createDate = createDate;
   return s;
