@@ -2,6 +2,7 @@
 // its arguments point somewhere dangerous.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -74,6 +75,28 @@ TEST(SaveSafety, ScanInfoFileOverwroteTheScannedDrive) {
   // A fine target still works, and leaves no temporary file beside it.
   ASSERT_EQ(run("tree '" + image + "' --save-scan-info '" + (dir / "ok.asi").string() + "'", out), 0) << out;
   EXPECT_EQ(pathsUnder(dir.path()), (std::set<std::string>{"bare.img", "pipe", "ok.asi"}));
+}
+
+TEST(SaveSafety, ScanInfoFileOverwroteTheImageBehindALoopDevice) {
+  if (::geteuid() != 0 || !haveTool("losetup")) GTEST_SKIP() << "making loop devices needs root and losetup";
+  TempDir dir;
+  const std::string image = bareImage(dir.path(), {fileSpec("a.txt", 1200)});
+  const auto before = readFile(image);
+  std::string loop;
+  if (runCommand("losetup -f --show -r '" + image + "' 2>/dev/null", &loop) != 0 || loop.rfind("/dev/loop", 0) != 0)
+    GTEST_SKIP() << "this machine does not let the test bind a loop device";
+  loop = loop.substr(0, loop.find('\n'));
+  std::string out, outDevice;
+  // Scanning the loop device, writing over the file behind it.
+  const int rc = run("tree '" + loop + "' --save-scan-info '" + image + "'", out);
+  // Scanning the file, writing to the loop device over it.
+  const int rcDevice = run("tree '" + image + "' --save-scan-info '" + loop + "'", outDevice);
+  runCommand("losetup -d " + loop);
+  EXPECT_EQ(rc, 2) << out;
+  EXPECT_NE(out.find("would overwrite the drive being scanned"), std::string::npos) << out;
+  EXPECT_EQ(rcDevice, 2) << outDevice;
+  EXPECT_NE(outDevice.find("is not a regular file"), std::string::npos) << outDevice;
+  EXPECT_TRUE(readFile(image) == before);
 }
 
 TEST(SaveSafety, SelectAlsoSavedWhatTheScanInfoFileHadMarked) {
