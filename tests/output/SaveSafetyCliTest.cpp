@@ -192,3 +192,30 @@ TEST(SaveSafety, FreeSpaceCheckCountedFileSizesNotWhatIsWritten) {
       << out;
   EXPECT_NE(out.find("Saved " + (dir / "mnt/out").string() + ": 3 files, 600 bytes"), std::string::npos) << out;
 }
+
+TEST(SaveSafety, FilesBelowAFolderThatCouldNotBeMadeWentUncounted) {
+  // A tmpfs with room for 4 inodes: its own root, the --out folder, Root and
+  // A. The file z and the folder B cannot be created; B's two files are not
+  // saved either, and are counted and named with it.
+  TempDir dir;
+  const std::string image = bareImage(
+      dir.path(), {folderSpec("A", {folderSpec("B", {fileSpec("b1", 10), fileSpec("b2", 10)})}), fileSpec("z", 10)});
+  fs::create_directory(dir / "mnt");
+  const std::string onTmpfs = "unshare -rm sh -c 'mount -t tmpfs -o size=1m,nr_inodes=4 tmpfs \"" +
+                              (dir / "mnt").string() + "\" && exec \"$0\" \"$@\"' ";
+  std::string out;
+  if (runCommand(onTmpfs + "true 2>&1", &out) != 0) GTEST_SKIP() << "no private tmpfs mount here: " << out;
+  const std::string dest = (dir / "mnt/out").string();
+  EXPECT_EQ(run("recover '" + image + "' --out '" + dest + "'", out, onTmpfs), 1) << out;
+  EXPECT_NE(out.find("failed: could not create \"z\" for /Root/z: No space left on device"), std::string::npos) << out;
+  EXPECT_NE(out.find("failed: could not create \"B\" for /Root/A/B: No space left on device"), std::string::npos)
+      << out;
+  EXPECT_NE(out.find("failed: 2 marked files below /Root/A/B were not saved: their folder could not be created"),
+            std::string::npos)
+      << out;
+  EXPECT_NE(out.find("Saved " + dest + ": 0 files, 0 bytes"), std::string::npos) << out;
+  EXPECT_NE(out.find("Not saved whole: 3 files (0 kept with \"(incomplete)\" in their names, 3 not saved)"),
+            std::string::npos)
+      << out;
+  EXPECT_NE(out.find("Failures: 2 creates, 0 writes, 0 reads"), std::string::npos) << out;
+}
