@@ -342,7 +342,7 @@ bool KeyedUnarchiver::checkReferences() {
         uint64_t index = 0;
         plist_get_uid_val(n, &index);
         if (index >= objectCount_) {
-          error_ = fmt::format("damaged: a reference names object {}, past the archive's {} objects", index, objectCount_);
+          error_ = fmt::format("broken: a reference names object {}, past the archive's {} objects", index, objectCount_);
           return false;
         }
         break;
