@@ -307,10 +307,10 @@ bool Volume::plausibleForks(const HFSPlusCatalogFile_& f) const {
   const uint64_t volumeBytes = sizeInSect * kSectorSize;
   const uint64_t data = f.dataFork.logicalSize, rsrc = f.resourceFork.logicalSize;
   if (data > volumeBytes || rsrc > volumeBytes || data + rsrc >= volumeBytes) return false;
-  const uint64_t volumeBlocks = vib.totalBlocks;
   for (const HFSPlusForkData_* fork : {&f.dataFork, &f.resourceFork}) {
     if (fork->logicalSize >= (uint64_t{1} << 32)) return false;
-    if (fork->logicalSize > volumeBlocks * blockBytes) return false;
+    // Against the fork's own block count: the volume header may be gone.
+    if (fork->logicalSize > uint64_t{fork->totalBlocks} * blockBytes) return false;
     if (fork->totalBlocks != (fork->logicalSize + blockBytes - 1) / blockBytes) return false;
   }
   return true;

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "ImageBuilder.h"
+#include "scan/ContentCheck.h"
 #include "scan/ScanHelpers.h"
 
 using namespace ambrel;
@@ -237,4 +238,31 @@ TEST(StandardScan, AFifthVisitToANodeEndsTheChain) {
   }
   EXPECT_EQ(most, 5u);
   EXPECT_TRUE(r.controller->sawTreeComplete());
+}
+
+// With both volume headers gone nothing says how large the volume's blocks
+// are, and the file check must not lean on the header's block count.
+TEST(AdvancedScan, BothHeadersZeroedStillRecoversEveryFileWithItsBytes) {
+  mk::VolumeSpec v;
+  v.generate = mk::GenerateSpec{400, 30, 5, 1, 40000, true};
+  v.damage.primaryHeader = mk::VolumeDamage::Header::Zeroed;
+  v.damage.alternateHeader = mk::VolumeDamage::Header::Zeroed;
+  auto b = buildVolume(v);
+
+  ScanResult r = scan(b->image, 0, b->layout.sizeSectors, "Advanced Scan");
+  ASSERT_NE(r.volume->dirRoot, nullptr);
+  EXPECT_TRUE(r.controller->sawTreeComplete());
+  const auto ids = entriesByFileID(*r.volume->dirRoot);
+  size_t files = 0;
+  for (const auto& e : b->layout.entries) {
+    if (e.folder || e.deleted) continue;
+    ++files;
+    SCOPED_TRACE(e.path);
+    ASSERT_EQ(ids.count(e.cnid), 1u);
+    const HDIR& got = *ids.find(e.cnid)->second;
+    EXPECT_EQ(got.dataSize, e.dataSize);
+    EXPECT_TRUE(sameExtentList(got.dataExt, e.dataExtents));
+    EXPECT_TRUE(dataOf(b->image, *r.volume, got) == *builtData(e));
+  }
+  EXPECT_EQ(files, 400u);
 }

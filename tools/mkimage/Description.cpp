@@ -151,11 +151,19 @@ VolumeSpec volumeOf(const json& j, const std::filesystem::path& base) {
     }
   if (j.contains("damage")) {
     const auto& d = j["damage"];
-    std::string h = d.value("primaryHeader", std::string("intact"));
-    if (h == "zero") v.damage.primaryHeader = VolumeDamage::Header::Zeroed;
-    else if (h == "corrupt") v.damage.primaryHeader = VolumeDamage::Header::Corrupted;
-    else if (h != "intact") throw BuildError("primaryHeader is \"zero\", \"corrupt\" or \"intact\"");
+    auto header = [&](const char* key) {
+      std::string h = d.value(key, std::string("intact"));
+      if (h == "zero") return VolumeDamage::Header::Zeroed;
+      if (h == "corrupt") return VolumeDamage::Header::Corrupted;
+      if (h != "intact") throw BuildError(std::string(key) + " is \"zero\", \"corrupt\" or \"intact\"");
+      return VolumeDamage::Header::Intact;
+    };
+    v.damage.primaryHeader = header("primaryHeader");
+    v.damage.alternateHeader = header("alternateHeader");
     v.damage.catalogHeaderCorrupted = d.value("catalogHeader", false);
+    v.damage.extentsHeaderCorrupted = d.value("extentsHeader", false);
+    v.damage.catalogRootCorrupted = d.value("catalogRoot", false);
+    if (d.contains("zeroFirst")) v.damage.zeroFirstBytes = sizeOf(d["zeroFirst"], "zeroFirst");
     if (d.contains("leafChain")) {
       LeafChainDamage lc;
       std::string mode = d["leafChain"].value("mode", std::string("zero"));
@@ -169,6 +177,10 @@ VolumeSpec volumeOf(const json& j, const std::filesystem::path& base) {
     if (d.contains("overwriteNodes")) {
       v.damage.overwriteNodes = d["overwriteNodes"].value("count", 1u);
       v.damage.overwriteSeed = d["overwriteNodes"].value("seed", uint64_t(1));
+    }
+    if (d.contains("overwriteLeaves")) {
+      v.damage.overwriteLeafPercent = d["overwriteLeaves"].value("percent", 10u);
+      v.damage.overwriteSeed = d["overwriteLeaves"].value("seed", v.damage.overwriteSeed);
     }
     v.damage.oldNodeCopies = d.value("oldNodeCopies", 0u);
   }
@@ -195,7 +207,8 @@ json volumeJson(const VolumeLayout& v) {
   for (const auto& e : v.entries)
     entries.push_back({{"path", e.path}, {"cnid", e.cnid}, {"parentID", e.parentID}, {"folder", e.folder},
                        {"deleted", e.deleted}, {"dataSize", e.dataSize}, {"rsrcSize", e.rsrcSize},
-                       {"dataExtents", extentsJson(e.dataExtents)}, {"rsrcExtents", extentsJson(e.rsrcExtents)}});
+                       {"dataExtents", extentsJson(e.dataExtents)}, {"rsrcExtents", extentsJson(e.rsrcExtents)},
+                       {"recordNode", e.recordNode}, {"threadNode", e.threadNode}});
   json payloads = json::array();
   for (const auto& p : v.payloads) payloads.push_back({{"sector", p.sector}, {"size", p.size}});
   return {{"name", v.name}, {"hfsx", v.hfsx}, {"wrapped", v.wrapped}, {"startSector", v.startSector},

@@ -133,14 +133,17 @@ void VolumeBuilder::Impl::applyDamage(VolumeLayout& v) {
       std::memcpy(&buf[i], &r, std::min<size_t>(8, buf.size() - i));
     }
   };
-  if (d.primaryHeader != VolumeDamage::Header::Intact) {
+  auto damageHeader = [&](VolumeDamage::Header how, uint64_t byte) {
+    if (how == VolumeDamage::Header::Intact) return;
     std::vector<uint8_t> h(512, 0);
-    if (d.primaryHeader == VolumeDamage::Header::Corrupted) {
+    if (how == VolumeDamage::Header::Corrupted) {
       randomFill(h);
       h[0] = 0xDE;  // never a valid signature
     }
-    image->write(byteOf(0) + 1024, h.data(), h.size());
-  }
+    image->write(byte, h.data(), h.size());
+  };
+  damageHeader(d.primaryHeader, byteOf(0) + 1024);
+  damageHeader(d.alternateHeader, v.alternateHeaderSector * 512);
   if (d.leafChain) {
     if (catPlan.levels.empty() || catPlan.levels[0].size() < 2) throw BuildError("a broken leaf chain needs two leaves");
     const auto& leaves = catPlan.levels[0];
@@ -173,12 +176,36 @@ void VolumeBuilder::Impl::applyDamage(VolumeLayout& v) {
       v.overwrittenNodes.push_back(n);
     }
   }
-  if (d.catalogHeaderCorrupted) {
+  if (d.overwriteLeafPercent) {
+    const auto& leaves = catPlan.levels.empty() ? std::vector<BTreePlan::PlannedNode>{} : catPlan.levels[0];
+    const size_t want = std::min<size_t>(leaves.size(), (leaves.size() * d.overwriteLeafPercent + 99) / 100);
+    std::set<uint32_t> chosen;
+    while (chosen.size() < want) chosen.insert(leaves[splitmix64(rng) % leaves.size()].number);
+    std::vector<uint8_t> junk(spec.nodeSize);
+    for (uint32_t n : chosen) {
+      randomFill(junk);
+      image->write(nodeSector(n) * 512, junk.data(), junk.size());
+      v.overwrittenNodes.push_back(n);
+    }
+  }
+  if (d.catalogRootCorrupted && !catPlan.levels.empty()) {
+    std::vector<uint8_t> junk(spec.nodeSize);
+    randomFill(junk);
+    image->write(nodeSector(catPlan.rootNode()) * 512, junk.data(), junk.size());
+    v.overwrittenNodes.push_back(catPlan.rootNode());
+  }
+  auto corruptHeaderNode = [&](uint64_t byte) {
     std::vector<uint8_t> junk(512);
     randomFill(junk);
     junk[8] = 0x7F;     // not a header node kind
     junk[11] = 0x99;    // nor three records
-    image->write(nodeSector(0) * 512, junk.data(), junk.size());
+    image->write(byte, junk.data(), junk.size());
+  };
+  if (d.catalogHeaderCorrupted) corruptHeaderNode(nodeSector(0) * 512);
+  if (d.extentsHeaderCorrupted) corruptHeaderNode(byteOf(extentsExtents.front().startBlock));
+  if (d.zeroFirstBytes) {
+    const uint64_t from = v.startSector * 512;
+    image->zero(from, static_cast<size_t>(std::min<uint64_t>(d.zeroFirstBytes, v.sizeSectors * 512)));
   }
 }
 

@@ -280,7 +280,12 @@ VolumeLayout VolumeBuilder::Impl::write(ImageFile& img, uint64_t startSector, ui
   image->write(v.alternateHeaderSector * 512, header.data(), 512);
   if (spec.wrapper) writeWrapper(startSector, wrapBlock, wrapBlocks, sectors);
 
-  // Entries of the layout.
+  // Entries of the layout, with the live leaves that hold their records.
+  std::vector<uint32_t> recordNode(items.size()), threadNode(items.size());
+  if (!catPlan.levels.empty())
+    for (const auto& leaf : catPlan.levels[0])
+      for (uint32_t r = leaf.first; r < leaf.first + leaf.count; ++r)
+        (liveRecs[r].thread ? threadNode : recordNode)[liveRecs[r].item] = leaf.number;
   std::vector<std::string> paths(items.size());
   v.entries.reserve(items.size());
   for (uint32_t i = 0; i < items.size(); ++i) {
@@ -306,6 +311,8 @@ VolumeLayout VolumeBuilder::Impl::write(ImageFile& img, uint64_t startSector, ui
     f.generatedRsrc = f.generatedRsrc && !it.sparse;
     f.dataSeed = it.dataSeed;
     f.rsrcSeed = it.rsrcSeed;
+    f.recordNode = recordNode[i];
+    f.threadNode = threadNode[i];
     v.entries.push_back(std::move(f));
   }
   applyDamage(v);

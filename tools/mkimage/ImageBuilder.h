@@ -96,11 +96,16 @@ struct LeafChainDamage {
 
 struct VolumeDamage {
   enum class Header { Intact, Zeroed, Corrupted } primaryHeader = Header::Intact;
+  Header alternateHeader = Header::Intact;
   bool catalogHeaderCorrupted = false;
+  bool extentsHeaderCorrupted = false;  // the extents B-tree's header node, as the catalog's
+  bool catalogRootCorrupted = false;    // the catalog's root node filled with noise
   std::optional<LeafChainDamage> leafChain;
   uint32_t overwriteNodes = 0;     // random catalog nodes (not the header) overwritten
+  uint32_t overwriteLeafPercent = 0;  // this share of the catalog's leaves (rounded up) overwritten
   uint64_t overwriteSeed = 1;
   uint32_t oldNodeCopies = 0;      // catalog leaf node copies written into free blocks
+  uint64_t zeroFirstBytes = 0;     // the volume's first bytes zeroed (headers, bitmap, whatever lies there)
 };
 
 struct VolumeSpec {
@@ -165,6 +170,8 @@ struct FileLayout {
   bool generatedData = false, generatedRsrc = false;
   bool sparse = false;             // forks read as zeros
   uint64_t dataSeed = 0, rsrcSeed = 0;
+  // Live catalog leaves holding its record and its thread record (0: none).
+  uint32_t recordNode = 0, threadNode = 0;
 };
 
 struct NodeLayout {
