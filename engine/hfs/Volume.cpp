@@ -6,6 +6,7 @@
 #include <unordered_set>
 
 #include "base/Endian.h"
+#include "media/NodeChecks.h"
 
 namespace ambrel {
 
@@ -348,12 +349,7 @@ std::vector<Extent> Volume::extentsForID(uint32_t fileID, uint8_t fork, uint32_t
       const uint32_t off = recordOffset(node.data(), nodeBytes, i, sizeof(HFSPlusExtentKey_) + 4);
       if (!off) continue;
       const uint8_t* rec = node.data() + off;
-      const uint8_t keyFork = rec[2];
-      const uint32_t keyID = loadBE32(rec + 4);
-      const uint32_t keyStart = loadBE32(rec + 8);
-      // Fork type first, deliberately, then file ID, then start block.
-      if (fork > keyFork || (fork == keyFork && fileID > keyID) ||
-          (fork == keyFork && fileID == keyID && startBlock >= keyStart)) {
+      if (extentKeyNotBefore(fileID, fork, startBlock, rec)) {
         child = loadBE32(rec + sizeof(HFSPlusExtentKey_));
         descend = true;
         break;

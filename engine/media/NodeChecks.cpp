@@ -133,6 +133,15 @@ std::string utf16LittleToUtf8(const uint8_t* units, size_t count) {
   return utf16ToUtf8(units, count, [](const uint8_t* p) { return uint32_t{loadLE16(p)}; });
 }
 
+bool extentKeyNotBefore(uint32_t fileID, uint8_t forkType, uint32_t startBlock, const uint8_t* key) {
+  const uint8_t keyFork = key[2];
+  const uint32_t keyFile = loadBE32(key + 4);
+  const uint32_t keyStart = loadBE32(key + 8);
+  if (fileID != keyFile) return fileID > keyFile;
+  if (forkType != keyFork) return forkType > keyFork;
+  return startBlock >= keyStart;
+}
+
 std::vector<Extent> overflowExtentsFor(uint32_t fileID, uint8_t forkType, uint32_t startBlock,
                                        uint32_t totalBlocks, uint32_t rootNode, uint32_t nodeSize,
                                        const NodeReader& readNode) {
@@ -157,12 +166,7 @@ std::vector<Extent> overflowExtentsFor(uint32_t fileID, uint8_t forkType, uint32
       const size_t at = offsets[i];
       if (at + kExtentKeySize + 4 > nodeSize) continue;
       const uint8_t* key = bytes.data() + at;
-      const uint8_t keyFork = key[2];
-      const uint32_t keyFile = loadBE32(key + 4);
-      const uint32_t keyStart = loadBE32(key + 8);
-      const bool notBefore = forkType > keyFork || (forkType == keyFork && fileID > keyFile) ||
-                             (forkType == keyFork && fileID == keyFile && startBlock >= keyStart);
-      if (notBefore) {
+      if (extentKeyNotBefore(fileID, forkType, startBlock, key)) {
         current = loadBE32(key + kExtentKeySize);
         descended = true;
         break;

@@ -50,12 +50,16 @@ std::vector<uint16_t> recordOffsetsOf(std::span<const uint8_t> node, uint32_t no
 std::string utf16BigToUtf8(const uint8_t* units, size_t count);
 std::string utf16LittleToUtf8(const uint8_t* units, size_t count);
 
+// Whether the extent key (fileID, forkType, startBlock) sorts at or after the
+// on-disk key at `key` (an HFSPlusExtentKey_ in disk order), in the extents
+// B-tree's own order: file ID, then fork type, then start block.
+bool extentKeyNotBefore(uint32_t fileID, uint8_t forkType, uint32_t startBlock, const uint8_t* key);
+
 // Extents-overflow B-tree look-up: the extents of (fileID, forkType) from
 // `startBlock` on, until `totalBlocks` is reached or no further record
 // matches. readNode fills a node of nodeSize bytes and answers false when it
-// cannot. Descends from rootNode (index records compared fork type first,
-// then file ID, then start block) and then follows forward links; every walk
-// is bounded by a visited set.
+// cannot. Descends from rootNode by the tree's key order and then follows
+// forward links; every walk is bounded by a visited set.
 using NodeReader = std::function<bool(uint32_t node, std::vector<uint8_t>& bytes)>;
 std::vector<Extent> overflowExtentsFor(uint32_t fileID, uint8_t forkType, uint32_t startBlock,
                                        uint32_t totalBlocks, uint32_t rootNode, uint32_t nodeSize,

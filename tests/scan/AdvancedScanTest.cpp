@@ -266,3 +266,41 @@ TEST(AdvancedScan, BothHeadersZeroedStillRecoversEveryFileWithItsBytes) {
   }
   EXPECT_EQ(files, 400u);
 }
+
+// An extents B-tree of more than one level is searched in its own key order
+// (file ID, fork type, start block): a resource fork's records lie among the
+// same file's data-fork records, not after every data fork of the volume.
+TEST(StandardScan, OverflowExtentsOfResourceForksFoundInATwoLevelExtentsTree) {
+  mk::VolumeSpec v;
+  v.blockSize = 512;
+  for (int i = 0; i < 200; ++i) {
+    mk::EntrySpec e = file("r" + std::to_string(i), 5000 + 17 * i);
+    e.rsrcSize = 6000 + 13 * i;
+    e.rsrcFragments = 10;
+    if (i % 3 == 0) e.dataFragments = 9;  // data-fork overflow records too
+    v.root.push_back(e);
+  }
+  auto b = buildVolume(v);
+  ASSERT_GE(b->layout.extentsTree.depth, 2u);
+
+  ScanResult r = scan(b->image, 0, b->layout.sizeSectors, "Normal Scan");
+  ASSERT_NE(r.volume->dirRoot, nullptr);
+  const auto ids = entriesByFileID(*r.volume->dirRoot);
+  const bool tsk = haveTool("icat");
+  for (const auto& e : b->layout.entries) {
+    if (e.folder || e.cnid == kRootFolderID) continue;
+    SCOPED_TRACE(e.path);
+    ASSERT_EQ(ids.count(e.cnid), 1u);
+    const HDIR& got = *ids.find(e.cnid)->second;
+    EXPECT_TRUE(sameExtentList(got.dataExt, e.dataExtents));
+    EXPECT_TRUE(sameExtentList(got.rscExt, e.rsrcExtents));
+    const auto rsrc = rsrcOf(b->image, *r.volume, got);
+    EXPECT_TRUE(rsrc == *builtRsrc(e));
+    EXPECT_TRUE(dataOf(b->image, *r.volume, got) == *builtData(e));
+    if (tsk) {
+      std::string icat;
+      runCommand("icat '" + b->image + "' " + std::to_string(e.cnid) + "-4353 2>/dev/null", &icat);
+      EXPECT_TRUE(icat == std::string(rsrc.begin(), rsrc.end()));
+    }
+  }
+}
