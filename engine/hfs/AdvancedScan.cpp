@@ -346,7 +346,7 @@ bool Volume::makeAdvTree() {
   processCatFrags();
   if (!orphanEntryArray.empty()) processOrphanEntriesWithIncrement(true, false);
   if (!advScanFolderArray.empty() && !advScanFileArray.empty())
-    withSleepPrevented([this] { processAdvScanEntries(); });
+    processAdvScanEntries();
   return true;
 }
 

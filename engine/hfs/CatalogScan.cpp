@@ -26,12 +26,6 @@ std::string Volume::driveText(const char* format) const {
   return fmt::format(fmt::runtime(format), volumeName, model, serial, revision);
 }
 
-void Volume::withSleepPrevented(const std::function<void()>& step) {
-  startPreventingSleep();
-  step();
-  stopPreventingSleep();
-}
-
 void Volume::startPreventingSleep() {
   if (appController) appController->preventSleep(true);
 }
@@ -73,6 +67,9 @@ void Volume::startMakingTree(AppControllerInterface* controller, const std::stri
   // A size from a damaged table or file: the scans cover the drive, no more.
   if (const uint64_t drive = deviceSectors(); drive > 0)
     sizeInSect = std::min(sizeInSect, drive > startSector ? drive - startSector : 0);
+  // The machine stays awake from the first step to the last report: every
+  // step of a scan can take long on a large or failing drive.
+  startPreventingSleep();
 
   bool usable = initializeVIB();
   if (usable) {
@@ -81,10 +78,10 @@ void Volume::startMakingTree(AppControllerInterface* controller, const std::stri
     if (!usable) getCatalogExtFromVIB();
   }
   if (usable) {
-    if (catTreeDepth > 1) withSleepPrevented([this] { enumerateLevel2IndexNodes(); });
+    if (catTreeDepth > 1) enumerateLevel2IndexNodes();
     if (leafNodePointerArrayMade_ && (leafNodePointerArray.empty() || level2IndexNodeHasProblems))
-      withSleepPrevented([this] { searchForLevel2IndexNodes(); });
-    if (level2IndexNodeHasProblems) withSleepPrevented([this] { searchForLeafNodes(); });
+      searchForLevel2IndexNodes();
+    if (level2IndexNodeHasProblems) searchForLeafNodes();
 
     if (firstLeafNode != 0 && catNodeSize != 0) {
       makeTree();
@@ -105,7 +102,7 @@ void Volume::startMakingTree(AppControllerInterface* controller, const std::stri
     alertShown = true;
   }
 
-  withSleepPrevented([this] { processDuplicateEntries(); });
+  processDuplicateEntries();
   if (!alertShown) {
     ProgressReport done{{progress::kProgressStatus, driveText("Tree Completed for {} on drive {} {} {}")},
                         {progress::kTreeComplete, true},
@@ -113,6 +110,7 @@ void Volume::startMakingTree(AppControllerInterface* controller, const std::stri
     if (readErrors.any()) done.set(progress::kReadErrors, readErrors.summary());
     report(std::move(done));
   }
+  stopPreventingSleep();
 }
 
 bool Volume::readFilesAndFolders() {

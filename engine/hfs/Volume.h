@@ -197,7 +197,6 @@ class Volume : public DMedia {
 
   // Tree scan helpers.
   std::string driveText(const char* format) const;  // format with volume name, model, serial, revision
-  void withSleepPrevented(const std::function<void()>& step);
   void makeRoot();
   void processLeafRecord(const std::vector<uint8_t>& node, uint32_t numRecords, uint32_t index, bool tolerant);
   bool collectForkExtents(const HFSPlusForkData_& fork, uint32_t fileID, uint8_t forkType, std::vector<Extent>& out);

@@ -25,10 +25,18 @@ class ScanController : public RecordingController {
       volume->setStopTreeThread(true);
   }
   void destroyVolumeAndBackToPartList() override { ++gaveUp; }
+  // Sleep requests in order, each with the number of progress reports sent
+  // before it.
+  void preventSleep(bool on) override { sleepRequests.push_back({on, progressReports.size()}); }
 
+  struct SleepRequest {
+    bool on = false;
+    size_t afterReports = 0;
+  };
   Volume* volume = nullptr;
   int stopAfterReports = 0;
   int gaveUp = 0;
+  std::vector<SleepRequest> sleepRequests;
 
   bool sawTreeComplete() const {
     for (const auto& r : progressReports)
