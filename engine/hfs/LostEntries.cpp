@@ -196,6 +196,9 @@ void Volume::processOrphanEntriesWithIncrement(bool increment, bool showVolNameO
     }
     dirLostFiles->addChild(std::move(e));
   }
+  // Each entry above reported the one before it; the last one is reported here
+  // so that the bar reaches its maximum.
+  if (total > 0 && !stopTreeThread.load()) report({{progress::kProgressStatus, l}, {progress::kBarIncrement, 1}});
   orphanEntryArray.clear();
 }
 
@@ -292,8 +295,12 @@ void Volume::processAdvScanEntries() {
     f->btreeHDIRAdvScan = btreeAdvScan;
     if (f->fileName().empty() || f->fileID == 0 || f->parentID == 0 || f->fileSize == 0 ||
         (!f->dataExt.empty() && f->dataExt.front().startBlock >= volumeBlocks) ||
-        (!f->rscExt.empty() && f->rscExt.front().startBlock >= volumeBlocks))
+        (!f->rscExt.empty() && f->rscExt.front().startBlock >= volumeBlocks)) {
+      // A skipped file still counts towards the bar's maximum.
+      ++done;
+      report({{progress::kProgressStatus, files}, {progress::kBarIncrement, 1}});
       continue;
+    }
     dataSize += f->dataSize + f->rscSize;
     const uint64_t size = f->fileSize;
     if (HDIR* parent = findDir(btreeAdvScan, f->parentID)) {

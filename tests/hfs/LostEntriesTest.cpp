@@ -261,6 +261,43 @@ TEST(AdvScanEntries, LostFolderPerMissingParentFoundAgainByFiles) {
   EXPECT_EQ(f.v.dataSize, 12u);
 }
 
+// The last bar maximum sent under a status beginning with `prefix`, and the
+// increments sent under it after that.
+std::pair<uint64_t, uint64_t> barUnder(const test::RecordingController& c, const std::string& prefix) {
+  uint64_t max = 0, sum = 0;
+  for (const auto& r : c.progressReports) {
+    if (r.string(progress::kProgressStatus).rfind(prefix, 0) != 0) continue;
+    if (r.contains(progress::kBarMaxValue)) {
+      max = r.u64(progress::kBarMaxValue);
+      sum = 0;
+    }
+    sum += r.u64(progress::kBarIncrement);
+  }
+  return {max, sum};
+}
+
+TEST(ProgressBar, PlacingLostAndSkippedEntriesFillsTheBar) {
+  Fixture f;
+  // Lost files: none of their parents is known.
+  for (uint32_t i = 0; i < 5; ++i) f.v.orphanEntryArray.push_back(file(40 + i, 900 + i, "lost" + std::to_string(i), 5));
+  f.v.processOrphanEntriesWithIncrement(true, false);
+  auto [lostMax, lostDone] = barUnder(f.c, "Processing Lost Entries for");
+  EXPECT_EQ(lostMax, 5u);
+  EXPECT_EQ(lostDone, 5u);
+
+  // Files of the advanced scan, three of which are skipped.
+  f.v.advScanFolderArray.push_back(folder(51, 2, "Docs"));
+  f.v.advScanFileArray.push_back(file(61, 51, "kept.txt", 3));
+  f.v.advScanFileArray.push_back(file(62, 51, "", 3));
+  f.v.advScanFileArray.push_back(file(63, 51, "empty.txt", 0));
+  f.v.advScanFileArray.push_back(file(0, 51, "no id", 2));
+  f.v.advScanFileArray.push_back(file(64, 777, "elsewhere", 2));
+  f.v.processAdvScanEntries();
+  auto [filesMax, filesDone] = barUnder(f.c, "Processing Files for");
+  EXPECT_EQ(filesMax, 5u);
+  EXPECT_EQ(filesDone, 5u);
+}
+
 TEST(EmptyFolders, RemovedWithCountsAndTablesCleared) {
   Fixture f;
   HDIR* root = f.root();
