@@ -8,6 +8,7 @@
 
 #include "base/Endian.h"
 #include "hfs/CatalogRecords.h"
+#include "hfs/Geometry.h"
 #include "hfs/Volume.h"
 
 namespace ambrel {
@@ -212,6 +213,14 @@ void Volume::searchCatFrags() {
   std::vector<uint8_t> batch(kBatchSectors * kSectorSize);
   uint8_t first[kSectorSize];
   uint64_t done = 0;
+  // Node ends met, each with the node sizes at which a sound leaf ends there;
+  // a node size the catalog header gave is the only one tried.
+  struct End {
+    uint64_t sector;
+    uint8_t sizes;  // bit k: 2^k sectors
+  };
+  std::vector<End> ends;
+  const int32_t known = catNodeSize;
   // The volume's own sectors: a partition starts where its table says.
   const uint64_t begin = startSector, end = startSector + sizeInSect;
   for (uint64_t batchStart = begin; batchStart < end && !stopTreeThread; batchStart += kBatchSectors) {
@@ -226,25 +235,42 @@ void Volume::searchCatFrags() {
       for (uint64_t s = 0; s < count; ++s) {
         const uint64_t here = pos + s;
         const uint8_t* sector = &batch[(here - batchStart) * kSectorSize];
-        if (loadBE16(sector + 510) != 14 || loadBE16(sector + 508) <= 14) continue;
-        if (catNodeSize == 0) catNodeSize = kAssumedCatNodeSectors;
-        if (here + 1 < static_cast<uint64_t>(catNodeSize) + begin) continue;
-        const uint64_t nodeStart = here - static_cast<uint64_t>(catNodeSize) + 1;
-        const uint8_t* head = nullptr;
-        if (nodeStart >= batchStart) {
-          head = &batch[(nodeStart - batchStart) * kSectorSize];
-        } else if (readSector(nodeStart, 1, first)) {
-          head = first;
+        if (!looksLikeNodeEnd(sector)) continue;
+        uint8_t sizes = 0;
+        for (int k = 0; (int32_t{1} << k) <= kMaxNodeSectors; ++k) {
+          const uint64_t nodeSectors = uint64_t{1} << k;
+          if (known > 0 && nodeSectors != static_cast<uint64_t>(known)) continue;
+          if (here + 1 < nodeSectors + begin) break;
+          const uint64_t nodeStart = here - nodeSectors + 1;
+          const uint8_t* head = nullptr;
+          if (nodeStart >= batchStart) {
+            head = &batch[(nodeStart - batchStart) * kSectorSize];
+          } else if (readSector(nodeStart, 1, first)) {
+            head = first;
+          }
+          if (head && plausibleLeafNode(head, sector, static_cast<uint32_t>(nodeSectors * kSectorSize)))
+            sizes |= static_cast<uint8_t>(1u << k);
         }
-        if (!head) continue;
-        BTNodeDescriptor_ d;
-        std::memcpy(&d, head, sizeof d);
-        convertBTNodeDesc(&d);
-        if (d.height == 1 && d.kind == kBTLeafNode && d.numRecords >= 1 && d.numRecords <= 254 && d.reserved == 0)
-          CatNodeArray.push_back(nodeStart);
+        if (sizes) ends.push_back({here, sizes});
       }
     }
   }
+  if (known <= 0) {
+    // The node size most ends agree with; those inside the catalog file, when
+    // its place is known, speak for it.
+    std::vector<uint8_t> all, inCatalog;
+    for (const End& e : ends) {
+      all.push_back(e.sizes);
+      if (sectorIsInCatalogFile(e.sector)) inCatalog.push_back(e.sizes);
+    }
+    const int32_t voted = nodeSizeByVote(inCatalog.empty() ? all : inCatalog);
+    catNodeSize = voted > 0 ? voted : kAssumedCatNodeSectors;
+  }
+  const uint64_t chosen = static_cast<uint64_t>(catNodeSize);
+  uint8_t bit = 0;
+  while ((uint64_t{1} << bit) < chosen) ++bit;
+  for (const End& e : ends)
+    if (e.sizes & (1u << bit)) CatNodeArray.push_back(e.sector - chosen + 1);
 }
 
 void Volume::processCatFrags() {
@@ -310,24 +336,17 @@ RecordCheck Volume::processFragmentRecord(const std::vector<uint8_t>& node, uint
   entry.fileSize = entry.dataSize + entry.rscSize;
   entry.blockSize = blockSize;
   entry.fileMode = byteSwapped(file.permissions.fileMode);
+  if (blockSizeSource == BlockSizeSource::Assumed) entry.confidence = Confidence::AssumedGeometry;
   // A record no longer in the catalog may have lost its attribute, and its
   // file ID may since name another file: only live records are looked up.
   if (live) applyCompression(entry, file);
-  // Only the record's own eight extents: the extents file is not consulted for
-  // nodes found by searching.
-  auto ownExtents = [](const HFSPlusForkData_& fork, std::vector<Extent>& out) {
-    uint64_t sum = 0;
-    size_t used = 0;
-    for (const auto& e : fork.extents.extDesc) {
-      if (e.startBlock == 0) break;
-      out.push_back({e.startBlock, e.blockCount});
-      sum += e.blockCount;
-      ++used;
-    }
-    return used < 8 ? sum == fork.totalBlocks : sum <= fork.totalBlocks;
-  };
-  if (!ownExtents(file.dataFork, entry.dataExt) || !ownExtents(file.resourceFork, entry.rscExt))
-    return RecordCheck::SkipRecord;
+  // The extents file describes the live files only: an old copy of a record
+  // keeps its own eight extents and, when it needs more, is flagged.
+  const bool overflow = live && extentsTreeUsable;
+  const ForkExtents data = collectForkExtents(file.dataFork, file.fileID, kDataForkType, entry.dataExt, overflow);
+  const ForkExtents rsrc = collectForkExtents(file.resourceFork, file.fileID, kResourceForkType, entry.rscExt, overflow);
+  if (data == ForkExtents::Wrong || rsrc == ForkExtents::Wrong) return RecordCheck::SkipRecord;
+  if (data == ForkExtents::Incomplete || rsrc == ForkExtents::Incomplete) noteMissingExtents(entry);
   entry.addToFileCount(1);
   if (live) addToOrphanEntryArray(entry);
   else addToAdvScanFileArray(entry);
@@ -338,9 +357,48 @@ void Volume::addToOrphanEntryArray(const HDIR& entry) { orphanEntryArray.push_ba
 void Volume::addToAdvScanFolderArray(const HDIR& entry) { advScanFolderArray.push_back(entry.mutableCopy()); }
 void Volume::addToAdvScanFileArray(const HDIR& entry) { advScanFileArray.push_back(entry.mutableCopy()); }
 
+void Volume::inferBlockSizeFromRecords() {
+  if (catNodeSize <= 0) return;
+  // Enough forks to outvote any noise; memory stays bounded on huge volumes.
+  constexpr size_t kMaxSamples = 200000;
+  std::vector<ForkSample> forks;
+  std::vector<uint8_t> node(static_cast<size_t>(catNodeSize) * kSectorSize);
+  auto sample = [&](const HFSPlusForkData_& fork) {
+    ForkSample f;
+    f.logicalSize = fork.logicalSize;
+    f.totalBlocks = fork.totalBlocks;
+    size_t used = 0;
+    for (const auto& e : fork.extents.extDesc) {
+      if (e.startBlock == 0) break;
+      ++used;
+      f.extentBlocks += e.blockCount;
+      f.lastBlock = std::max<uint64_t>(f.lastBlock, uint64_t{e.startBlock} + e.blockCount);
+    }
+    f.allEightUsed = used == 8;
+    forks.push_back(f);
+  };
+  for (uint64_t sector : CatNodeArray) {
+    if (stopTreeThread || forks.size() >= kMaxSamples) break;
+    if (!readSector(sector, catNodeSize, node.data())) continue;
+    const BTNodeDescriptor_ d = descriptorOf(node);
+    for (uint32_t r = 0; r < d.numRecords; ++r) {
+      const CatalogRecordView rec = catalogRecordAt(node, d.numRecords, r, true);
+      if (rec.check == RecordCheck::AbandonNode) break;
+      HFSPlusCatalogFile_ file;
+      if (!rec.ok() || rec.recordType != kHFSPlusFileRecord || !rec.file(file)) continue;
+      sample(file.dataFork);
+      sample(file.resourceFork);
+    }
+  }
+  const BlockSizeGuess guess = blockSizeFromForks(forks, sizeInSect);
+  if (guess.sectors > 0) blockSize = guess.sectors;
+  blockSizeSource = guess.unique ? BlockSizeSource::FileRecords : BlockSizeSource::Assumed;
+}
+
 bool Volume::makeAdvTree() {
   makeRoot();
   searchCatFrags();
+  if (blockSizeSource != BlockSizeSource::Header) inferBlockSizeFromRecords();
   checkAllocationFile();
   orphanEntryArray.clear();
   processCatFrags();

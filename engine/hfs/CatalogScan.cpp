@@ -71,7 +71,9 @@ void Volume::startMakingTree(AppControllerInterface* controller, const std::stri
   // step of a scan can take long on a large or failing drive.
   startPreventingSleep();
 
-  bool usable = initializeVIB();
+  const bool headerRead = initializeVIB();
+  blockSizeSource = headerRead ? BlockSizeSource::Header : BlockSizeSource::Assumed;
+  bool usable = headerRead;
   if (usable) {
     advScanEntriesCanBePutIntoOrphanEntryArray = true;
     usable = checkCatalogAndExtentsFile();
@@ -89,8 +91,9 @@ void Volume::startMakingTree(AppControllerInterface* controller, const std::stri
     }
     if (advanced) makeAdvTree();
   } else if (advanced) {
-    // Allocation blocks are taken as 4096 bytes when the headers cannot be trusted.
-    blockSize = 8;
+    // A header that was read says how large the blocks are; without one they
+    // are learnt from the file records found, 4096 bytes failing that.
+    if (!headerRead) blockSize = 8;
     makeAdvTree();
   } else {
     if (appController) {
@@ -205,23 +208,33 @@ void Volume::reportEntryProgress() {
   report(std::move(r));
 }
 
-// The extents of one fork: its record's own up to the first empty one, then
-// the overflow file's. False when they do not add up to the fork's blocks.
-bool Volume::collectForkExtents(const HFSPlusForkData_& fork, uint32_t fileID, uint8_t forkType,
-                                std::vector<Extent>& out) {
+Volume::ForkExtents Volume::collectForkExtents(const HFSPlusForkData_& fork, uint32_t fileID, uint8_t forkType,
+                                       std::vector<Extent>& out, bool lookUpOverflow) {
   uint64_t sum = 0;
+  size_t used = 0;
   for (const auto& d : fork.extents.extDesc) {
     if (d.startBlock == 0) break;
     out.push_back({d.startBlock, d.blockCount});
     sum += d.blockCount;
+    ++used;
   }
-  if (sum < fork.totalBlocks) {
+  // A free slot in the record means it holds every extent of the fork.
+  if (used < 8 || sum >= fork.totalBlocks) return sum == fork.totalBlocks ? ForkExtents::Complete : ForkExtents::Wrong;
+  if (lookUpOverflow) {
     for (const Extent& e : extentsForID(fileID, forkType, static_cast<uint32_t>(sum), fork.totalBlocks)) {
       out.push_back(e);
       sum += e.blockCount;
     }
   }
-  return sum == fork.totalBlocks;
+  if (sum == fork.totalBlocks) return ForkExtents::Complete;
+  return sum < fork.totalBlocks ? ForkExtents::Incomplete : ForkExtents::Wrong;
+}
+
+// A fork that is kept though its overflow extents could not be read: the file
+// is listed, flagged, and named among those affected.
+void Volume::noteMissingExtents(HDIR& entry) {
+  if (entry.confidence == Confidence::Sure) entry.confidence = Confidence::ExtentsMissing;
+  if (missingExtentFileIDs.size() < kMaxListedMissingExtents) missingExtentFileIDs.push_back(entry.fileID);
 }
 
 void Volume::processLeafRecord(const std::vector<uint8_t>& node, uint32_t numRecords, uint32_t index, bool tolerant) {
@@ -279,8 +292,10 @@ void Volume::processLeafRecord(const std::vector<uint8_t>& node, uint32_t numRec
   ++fileCount;
   ++entryCount;
   dataSize += entry->fileSize;
-  if (!collectForkExtents(file.dataFork, file.fileID, kDataForkType, entry->dataExt)) return;
-  if (!collectForkExtents(file.resourceFork, file.fileID, kResourceForkType, entry->rscExt)) return;
+  const ForkExtents data = collectForkExtents(file.dataFork, file.fileID, kDataForkType, entry->dataExt, true);
+  const ForkExtents rsrc = collectForkExtents(file.resourceFork, file.fileID, kResourceForkType, entry->rscExt, true);
+  if (data == ForkExtents::Wrong || rsrc == ForkExtents::Wrong) return;
+  if (data == ForkExtents::Incomplete || rsrc == ForkExtents::Incomplete) noteMissingExtents(*entry);
 
   entry->addToFileCount(1);
   if (parent) {

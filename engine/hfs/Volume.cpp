@@ -229,20 +229,27 @@ bool Volume::checkCatalogAndExtentsFile() {
     return true;
   };
 
+  // Without its header node the extents B-tree is unknown: the catalog is
+  // still read, and forks that need overflow extents are listed as incomplete.
   BTHeaderRecord hdr;
-  if (!readHeaderNode(vib.extentsFile, hdr)) {
-    report({{progress::kProgressStatus, "Checking Extents File ... done"}, {progress::kStopAnimation, true}});
-    return false;
-  }
-  extNodeSize = hdr.nodeSize / 512;
-  extRootNode = hdr.rootNode;
+  extentsTreeUsable = readHeaderNode(vib.extentsFile, hdr);
+  extNodeSize = extentsTreeUsable ? hdr.nodeSize / 512 : 0;
+  extRootNode = extentsTreeUsable ? hdr.rootNode : 0;
   report({{progress::kProgressStatus, "Checking Extents File ... done"}, {progress::kStopAnimation, true}});
   report({{progress::kProgressStatus, "Checking Catalog File ..."}, {progress::kStartAnimation, true}});
 
   catalogExt.clear();
   uint64_t sum = 0;
   appendForkExtents(vib.catalogFile, catalogExt, &sum);
-  if (!readHeaderNode(vib.catalogFile, hdr)) {
+  if (vib.catalogFile.totalBlocks > sum) {
+    for (const Extent& e :
+         extentsForID(kCatalogFileID, kDataForkType, static_cast<uint32_t>(sum), vib.catalogFile.totalBlocks))
+      catalogExt.push_back(e);
+  }
+  // Block counts come from disk: the node searches walk nothing past the volume.
+  cutExtentsToBlocks(catalogExt, volumeBlocksOnDrive());
+  catalogHeaderUsable = readHeaderNode(vib.catalogFile, hdr);
+  if (!catalogHeaderUsable) {
     report({{progress::kProgressStatus, "Checking Catalog File ... done"}, {progress::kStopAnimation, true}});
     return false;
   }
@@ -251,13 +258,6 @@ bool Volume::checkCatalogAndExtentsFile() {
   firstLeafNode = hdr.firstLeafNode;
   leafRecords = hdr.leafRecords / 2;
   catTreeDepth = hdr.treeDepth;
-  if (vib.catalogFile.totalBlocks > sum) {
-    for (const Extent& e :
-         extentsForID(kCatalogFileID, kDataForkType, static_cast<uint32_t>(sum), vib.catalogFile.totalBlocks))
-      catalogExt.push_back(e);
-  }
-  // Block counts come from disk: the node searches walk nothing past the volume.
-  cutExtentsToBlocks(catalogExt, volumeBlocksOnDrive());
   return true;
 }
 

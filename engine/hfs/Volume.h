@@ -41,6 +41,8 @@ class Volume : public DMedia {
 
   bool initializeVIB();
   void fillVIB();
+  // True when the catalog's header node is sound. An unusable extents header
+  // only clears extentsTreeUsable; the catalog's extents are filled either way.
   bool checkCatalogAndExtentsFile();
   void checkAllocationFile();
   void fillAllocationExt();
@@ -95,6 +97,9 @@ class Volume : public DMedia {
   bool makeAdvTree();
   void searchCatFrags();
   void processCatFrags();
+  // With no volume header left: the block size the file records of the nodes
+  // found agree with (blockSizeSource FileRecords), else 4 KiB (Assumed).
+  void inferBlockSizeFromRecords();
   void addToOrphanEntryArray(const HDIR& entry);
   void addToAdvScanFolderArray(const HDIR& entry);
   void addToAdvScanFileArray(const HDIR& entry);
@@ -174,6 +179,14 @@ class Volume : public DMedia {
   std::vector<Extent> attributesExt;
   std::optional<AttributesTree::Header> attributesHeader;
   bool attributesLoaded = false;
+  // Where blockSize came from; files found under an assumed one are flagged.
+  enum class BlockSizeSource { Header, FileRecords, Assumed };
+  BlockSizeSource blockSizeSource = BlockSizeSource::Header;
+  bool extentsTreeUsable = false;   // its header node was sound
+  bool catalogHeaderUsable = false;
+  // Files listed with a fork whose overflow extents could not be read.
+  std::vector<uint32_t> missingExtentFileIDs;
+  static constexpr size_t kMaxListedMissingExtents = 100000;
   uint32_t compressedFiles = 0;       // listed with their uncompressed content
   uint32_t compressedUnreadable = 0;  // marked compressed without a usable attribute: listed as stored
 
@@ -199,7 +212,12 @@ class Volume : public DMedia {
   std::string driveText(const char* format) const;  // format with volume name, model, serial, revision
   void makeRoot();
   void processLeafRecord(const std::vector<uint8_t>& node, uint32_t numRecords, uint32_t index, bool tolerant);
-  bool collectForkExtents(const HFSPlusForkData_& fork, uint32_t fileID, uint8_t forkType, std::vector<Extent>& out);
+  // The extents of one fork: its record's own up to the first empty one, then,
+  // when asked, the overflow file's. Wrong when they cannot be this fork's.
+  enum class ForkExtents { Complete, Incomplete, Wrong };
+  ForkExtents collectForkExtents(const HFSPlusForkData_& fork, uint32_t fileID, uint8_t forkType,
+                                 std::vector<Extent>& out, bool lookUpOverflow);
+  void noteMissingExtents(HDIR& entry);
   bool plausibleForks(const HFSPlusCatalogFile_& f) const;
   void reportEntryProgress();
   bool readCatalogNode(uint32_t number, std::vector<uint8_t>& node);

@@ -110,6 +110,16 @@ HDIR* HDIR::firstChildNamed(std::string_view name) {
   return it == nameIndex_->end() ? nullptr : it->second;
 }
 
+const char* confidenceText(Confidence c) {
+  switch (c) {
+    case Confidence::Sure: return "sure";
+    case Confidence::AssumedGeometry: return "assumed block size";
+    case Confidence::BlocksReused: return "blocks reused";
+    case Confidence::ExtentsMissing: return "extents missing";
+  }
+  return "sure";
+}
+
 std::unique_ptr<HDIR> HDIR::mutableCopy() const {
   auto copyFields = [](const HDIR& from, HDIR& to) {
     to.btreeHDIR = from.btreeHDIR;
@@ -130,6 +140,7 @@ std::unique_ptr<HDIR> HDIR::mutableCopy() const {
     to.fileMode = from.fileMode;
     to.compressionType = from.compressionType;
     to.compressedSize = from.compressedSize;
+    to.confidence = from.confidence;
     to.selected_ = from.selected_;
     to.childrenCount_ = from.childrenCount_;
     to.parent = from.parent;

@@ -38,6 +38,17 @@ namespace ambrel {
 inline constexpr uint16_t kHDIRFolder = 1;
 inline constexpr uint16_t kHDIRFile = 2;
 
+// How far a recovered file's content can be trusted. Anything but Sure is
+// shown in the listing and counted when saving.
+enum class Confidence : uint8_t {
+  Sure = 0,
+  AssumedGeometry,  // its blocks were mapped with a block size nothing on the disk confirmed
+  BlocksReused,     // an old record whose blocks now belong to something else
+  ExtentsMissing,   // overflow extents could not be read: the fork is incomplete
+};
+// "sure", "assumed block size", "blocks reused", "extents missing".
+const char* confidenceText(Confidence c);
+
 class HDIR {
  public:
   using ChildArray = std::vector<std::unique_ptr<HDIR>>;
@@ -69,6 +80,7 @@ class HDIR {
   // 0, as the file has no resource fork of its own.
   uint32_t compressionType = 0;
   uint64_t compressedSize = 0;
+  Confidence confidence = Confidence::Sure;
   HDIR* parent = nullptr;                       // not owned
   BTreeTableClass* btreeHDIR = nullptr;         // not owned
   BTreeTableClass* btreeHDIRAdvScan = nullptr;  // not owned

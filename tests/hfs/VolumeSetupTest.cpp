@@ -244,15 +244,21 @@ TEST(VolumeSetup, HeaderNodeChecksAndMissingExtentsTree) {
   EXPECT_TRUE(v2.extentsForID(4, 0, 16, 20, &found).empty());
   EXPECT_FALSE(found);
 
-  // A bad extents header node fails before the catalog is looked at.
+  // A bad extents header node leaves the extents tree unknown, but the
+  // catalog is still checked and read, with the extents its fork gives.
   HandImage img3 = fragmentedVolume();
   img3.at(kStart + 20)[8] = 0;
   test::RecordingController c3;
   Volume v3(HandImage::partitionDict(img3.write(dir, "c.img"), kStart, kSectors), &c3);
   ASSERT_TRUE(v3.initializeVIB());
-  EXPECT_FALSE(v3.checkCatalogAndExtentsFile());
-  ASSERT_EQ(c3.progressReports.size(), 2u);
+  EXPECT_TRUE(v3.checkCatalogAndExtentsFile());
+  EXPECT_FALSE(v3.extentsTreeUsable);
+  EXPECT_TRUE(v3.catalogHeaderUsable);
+  EXPECT_EQ(v3.extRootNode, 0u);
+  EXPECT_EQ(v3.catalogExt.size(), 8u);
+  ASSERT_EQ(c3.progressReports.size(), 3u);
   EXPECT_EQ(c3.progressReports[1].string(progress::kProgressStatus), "Checking Extents File ... done");
+  EXPECT_EQ(c3.progressReports[2].string(progress::kProgressStatus), "Checking Catalog File ...");
 }
 
 TEST(VolumeSetup, OverflowWalkEndsOnLoopsAndBadNodes) {

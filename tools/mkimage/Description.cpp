@@ -94,6 +94,9 @@ EntrySpec entryOf(const json& j, const std::filesystem::path& base) {
   e.gid = j.value("gid", 20u);
   e.deleted = j.value("deleted", false);
   e.inOldNodes = j.value("inOldNodes", true);
+  if (j.contains("previousSize")) e.previousSize = sizeOf(j["previousSize"], "previousSize");
+  e.previousBlocksReused = j.value("previousBlocksReused", false);
+  if (j.contains("accessed")) e.accessed = dateOf(j["accessed"]);
   if (j.contains("xattrs")) {
     for (const auto& x : j["xattrs"]) {
       auto value = bytesOf(x, "text", "file", base);
@@ -126,6 +129,7 @@ VolumeSpec volumeOf(const json& j, const std::filesystem::path& base) {
   }
   v.wrapper = j.value("wrapper", false);
   v.catalogExtents = j.value("catalogExtents", 1u);
+  v.journalLeafCopies = j.value("journalLeafCopies", 0u);
   if (j.contains("created")) v.created = dateOf(j["created"]);
   v.seed = j.value("seed", v.seed);
   if (j.contains("tree"))

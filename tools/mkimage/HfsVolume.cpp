@@ -39,6 +39,7 @@ Item VolumeBuilder::Impl::newItem(const std::u16string& name, bool folder) {
   it.modified = it.created + 60;
   it.dataSeed = spec.seed * 1000003ULL + it.cnid * 2;
   it.rsrcSeed = it.dataSeed + 1;
+  it.previousSeed = it.dataSeed ^ 0x5EA50000000ULL;
   return it;
 }
 
@@ -54,6 +55,13 @@ void VolumeBuilder::Impl::addSpecEntry(const EntrySpec& e, int32_t parentIndex, 
   it.sparse = e.sparse;
   it.inOldNodes = e.inOldNodes;
   if (e.sparse && (e.data || e.rsrc)) throw BuildError("a sparse file has no explicit contents: " + e.name);
+  it.accessed = e.accessed;
+  if (e.previousSize) {
+    if (e.folder || !e.children.empty() || it.deleted) throw BuildError("only a live file has an earlier version: " + e.name);
+    it.hasPrevious = true;
+    it.previousSize = *e.previousSize;
+    it.previousReused = e.previousBlocksReused;
+  }
   it.dataFrags = std::max(1u, e.dataFragments);
   it.rsrcFrags = std::max(1u, e.rsrcFragments);
   if (e.created) it.created = *e.created;
@@ -192,7 +200,7 @@ size_t VolumeBuilder::Impl::writeRecord(const CatRec& r, uint8_t* p) const {
   storeBE32(d + offsetof(F, createDate), it.created);
   storeBE32(d + offsetof(F, contentModDate), it.modified);
   storeBE32(d + offsetof(F, attributeModDate), it.modified);
-  storeBE32(d + offsetof(F, accessDate), it.modified);
+  storeBE32(d + offsetof(F, accessDate), it.accessed ? *it.accessed : it.modified);
   uint8_t* bsd = d + offsetof(F, permissions);
   storeBE32(bsd + offsetof(HFSPlusBSDInfo_, ownerID), it.uid);
   storeBE32(bsd + offsetof(HFSPlusBSDInfo_, groupID), it.gid);
@@ -205,7 +213,10 @@ size_t VolumeBuilder::Impl::writeRecord(const CatRec& r, uint8_t* p) const {
     storeBE32(bsd + offsetof(HFSPlusBSDInfo_, special), 1);  // link count
     std::memcpy(info + offsetof(FileInfo_, fileType), it.type, 4);
     std::memcpy(info + offsetof(FileInfo_, fileCreator), it.creator, 4);
-    putForkData(d + offsetof(F, dataFork), it.dataSize, 0, sumBlocks(it.dataExt), it.dataExt);
+    if (renderingOld && it.hasPrevious)
+      putForkData(d + offsetof(F, dataFork), it.previousSize, 0, sumBlocks(it.previousExt), it.previousExt);
+    else
+      putForkData(d + offsetof(F, dataFork), it.dataSize, 0, sumBlocks(it.dataExt), it.dataExt);
     putForkData(d + offsetof(F, resourceFork), it.rsrcSize, 0, sumBlocks(it.rsrcExt), it.rsrcExt);
   }
   return k + size;
@@ -299,6 +310,7 @@ void VolumeBuilder::Impl::planTrees() {
   }
   sortRecords(liveRecs);
   bool anyDeleted = oldRecs.size() != liveRecs.size();
+  for (const Item& it : items) anyDeleted = anyDeleted || it.hasPrevious;
   if (anyDeleted) sortRecords(oldRecs);
   catPlan = planBTree(catalogSource(liveRecs), spec.nodeSize);
   catNodeBlocks = std::max<uint32_t>(1, spec.nodeSize / bs);
@@ -336,7 +348,7 @@ void VolumeBuilder::Impl::planTrees() {
     oldPlan = planBTree(catalogSource(oldRecs), spec.nodeSize);
     for (const auto& leaf : oldPlan.levels[0]) {
       for (uint32_t r = 0; r < leaf.count; ++r)
-        if (items[oldRecs[leaf.first + r].item].deleted) {
+        if (items[oldRecs[leaf.first + r].item].deleted || items[oldRecs[leaf.first + r].item].hasPrevious) {
           oldLeavesWithDeleted.push_back(leaf.number);
           break;
         }
@@ -345,7 +357,7 @@ void VolumeBuilder::Impl::planTrees() {
 }
 
 uint64_t VolumeBuilder::Impl::journalBytesNeeded() const {
-  uint64_t n = oldLeavesWithDeleted.size();
+  uint64_t n = oldLeavesWithDeleted.size() + spec.journalLeafCopies;
   uint64_t tx = std::max<uint64_t>(1, ceilDiv(n + 1, kBlockListHeaderSize / 16 - 1));
   return kJournalHeaderSize + tx * kBlockListHeaderSize + 512 + n * spec.nodeSize;
 }
@@ -361,6 +373,7 @@ void VolumeBuilder::Impl::planBlocks() {
   for (const auto& it : items) {
     if (it.folder) continue;
     b += forkBlocks(it.dataSize) + (it.dataFrags - 1) + forkBlocks(it.rsrcSize) + (it.rsrcFrags - 1);
+    if (it.hasPrevious) b += forkBlocks(it.previousSize) + 1;
   }
   for (const auto& p : spec.freePayloads) b += ceilDiv(p.bytes ? p.bytes->size() : p.size, bs) + 1;
   b += uint64_t(spec.damage.oldNodeCopies) * (nodeCopyBlocks() + 1);

@@ -12,12 +12,36 @@ std::vector<std::vector<uint8_t>> VolumeBuilder::Impl::renderOldLeaves() {
   if (oldLeavesWithDeleted.empty()) return out;
   std::set<uint32_t> wanted(oldLeavesWithDeleted.begin(), oldLeavesWithDeleted.end());
   // The deleted entries' extents were allocated above, so their old records carry them.
+  renderingOld = true;
   writeBTree(oldPlan, catalogSource(oldRecs), catalogParams(), oldPlan.usedNodes + mapNodesFor(oldPlan.usedNodes, spec.nodeSize),
              static_cast<uint32_t>(oldRecs.size()),
              [&](uint32_t n, const uint8_t* bytes) {
                if (wanted.count(n)) out.emplace_back(bytes, bytes + spec.nodeSize);
              },
              nullptr);
+  renderingOld = false;
+  return out;
+}
+
+NodeCopyLayout VolumeBuilder::Impl::copyLayout(uint64_t sector, bool inJournal, uint32_t node, bool old) const {
+  NodeCopyLayout c;
+  c.sector = sector;
+  c.inJournal = inJournal;
+  const BTreePlan& plan = old ? oldPlan : catPlan;
+  const std::vector<CatRec>& recs = old ? oldRecs : liveRecs;
+  for (const auto& leaf : plan.levels.empty() ? std::vector<BTreePlan::PlannedNode>{} : plan.levels[0]) {
+    if (leaf.number != node) continue;
+    for (uint32_t r = leaf.first; r < leaf.first + leaf.count; ++r)
+      (recs[r].thread ? c.threads : c.records).push_back(items[recs[r].item].cnid);
+  }
+  return c;
+}
+
+std::vector<uint32_t> VolumeBuilder::Impl::journalLiveLeaves() const {
+  std::vector<uint32_t> out;
+  if (catPlan.levels.empty()) return out;
+  for (const auto& leaf : catPlan.levels[0])
+    if (out.size() < spec.journalLeafCopies) out.push_back(leaf.number);
   return out;
 }
 
@@ -44,24 +68,41 @@ void VolumeBuilder::Impl::writeJournal(VolumeLayout& v, uint32_t jibBlock, uint3
     for (size_t i = 0; i < len; ++i) ck = static_cast<int32_t>((static_cast<uint32_t>(ck) << 8) ^ static_cast<uint32_t>(ck + p[i]));
     return static_cast<uint32_t>(~ck);
   };
+  // Old transactions, already checkpointed: a copy of the volume header
+  // (as the journal keeps it), leaf node images from before the deletions,
+  // then images of live leaves as they were last written.
+  struct Copy {
+    const uint8_t* bytes;
+    uint32_t liveNode;  // where the node lives in the catalog
+    bool old;
+  };
+  std::vector<Copy> copies;
+  for (size_t i = 0; i < oldNodes.size(); ++i) copies.push_back({oldNodes[i].data(), oldLeavesWithDeleted[i], true});
+  const std::vector<uint32_t> live = journalLiveLeaves();
+  std::vector<std::vector<uint8_t>> liveBytes(live.size(), std::vector<uint8_t>(spec.nodeSize));
+  for (size_t i = 0; i < live.size(); ++i) {
+    image->read(nodeSector(live[i]) * 512, liveBytes[i].data(), spec.nodeSize);
+    copies.push_back({liveBytes[i].data(), live[i], false});
+  }
   const uint32_t perTx = kBlockListHeaderSize / 16 - 1;
   uint64_t pos = kJournalHeaderSize;
   size_t nextNode = 0;
   bool headerDone = false;
-  // Old transactions, already checkpointed: a copy of the volume header
-  // (as the journal keeps it) and leaf node images from before the deletions.
-  while (!headerDone || nextNode < oldNodes.size()) {
+  while (!headerDone || nextNode < copies.size()) {
     std::vector<uint8_t> blhdr(kBlockListHeaderSize, 0);
     std::vector<std::pair<uint64_t, const uint8_t*>> blocks;
     std::vector<uint32_t> sizes;
+    std::vector<const Copy*> nodes;  // per block: the leaf copy, or null for the header
     if (!headerDone) {
       blocks.push_back({2, header.data()});
       sizes.push_back(512);
+      nodes.push_back(nullptr);
       headerDone = true;
     }
-    while (blocks.size() < perTx - 1 && nextNode < oldNodes.size()) {
-      blocks.push_back({liveSectorOf(oldLeavesWithDeleted[nextNode]), oldNodes[nextNode].data()});
+    while (blocks.size() < perTx - 1 && nextNode < copies.size()) {
+      blocks.push_back({liveSectorOf(copies[nextNode].liveNode), copies[nextNode].bytes});
       sizes.push_back(spec.nodeSize);
+      nodes.push_back(&copies[nextNode]);
       ++nextNode;
     }
     uint32_t bytesUsed = kBlockListHeaderSize;
@@ -79,7 +120,11 @@ void VolumeBuilder::Impl::writeJournal(VolumeLayout& v, uint32_t jibBlock, uint3
     uint64_t at = pos + kBlockListHeaderSize;
     for (size_t i = 0; i < blocks.size(); ++i) {
       image->write(byteOf(journalBlock) + at, blocks[i].second, sizes[i]);
-      if (sizes[i] == spec.nodeSize) v.journalNodeCopySectors.push_back((byteOf(journalBlock) + at) / 512);
+      if (nodes[i]) {
+        const uint64_t sector = (byteOf(journalBlock) + at) / 512;
+        v.journalNodeCopySectors.push_back(sector);
+        v.nodeCopies.push_back(copyLayout(sector, true, nodes[i]->liveNode, nodes[i]->old));
+      }
       at += sizes[i];
     }
     pos = at;

@@ -192,6 +192,12 @@ VolumeLayout VolumeBuilder::Impl::write(ImageFile& img, uint64_t startSector, ui
     it.dataExt = allocatePieces(pieceSizes(forkBlocks(it.dataSize), it.dataFrags, 1), true);
     it.rsrcExt = allocatePieces(pieceSizes(forkBlocks(it.rsrcSize), it.rsrcFrags, 1), true);
   }
+  // Earlier versions: free blocks keeping their bytes, or blocks in use again.
+  for (auto& it : items) {
+    if (!it.hasPrevious) continue;
+    it.previousExt = allocatePieces({forkBlocks(it.previousSize)}, it.previousReused);
+    allocate(1, false);
+  }
   for (const auto& p : spec.freePayloads) {
     uint64_t size = p.bytes ? p.bytes->size() : p.size;
     uint32_t blocks = static_cast<uint32_t>(ceilDiv(size, bs));
@@ -248,6 +254,9 @@ VolumeLayout VolumeBuilder::Impl::write(ImageFile& img, uint64_t startSector, ui
     writeFork(it.dataExt, it.dataSize, it.genData, it.dataSeed, it.spec && it.spec->data ? &*it.spec->data : nullptr);
     writeFork(it.rsrcExt, it.rsrcSize, it.genRsrc, it.rsrcSeed, it.spec && it.spec->rsrc ? &*it.spec->rsrc : nullptr);
   }
+  for (const auto& it : items)
+    if (it.hasPrevious)  // reused blocks hold someone else's bytes now
+      writeFork(it.previousExt, it.previousSize, true, it.previousReused ? ~it.previousSeed : it.previousSeed, nullptr);
   for (size_t i = 0; i < spec.freePayloads.size(); ++i) {
     const auto& p = spec.freePayloads[i];
     const auto& pl = v.payloads[i];
@@ -260,19 +269,21 @@ VolumeLayout VolumeBuilder::Impl::write(ImageFile& img, uint64_t startSector, ui
   if (spec.journal) writeJournal(v, jibBlock, journalBlock, header, oldNodes);
 
   // Old node copies in free space: old leaves holding deleted records first, then live leaves.
+  const std::vector<BTreePlan::PlannedNode> noLeaves;
+  const auto& liveLeaves = catPlan.levels.empty() ? noLeaves : catPlan.levels[0];
   for (size_t i = 0; i < copyBlocks.size(); ++i) {
     std::vector<uint8_t> node(spec.nodeSize);
+    const uint64_t sector = byteOf(copyBlocks[i]) / 512;
     if (i < oldNodes.size()) {
       node = oldNodes[i];
-    } else if (!catPlan.levels.empty()) {
-      const auto& leaves = v.catalog.nodes;
-      std::vector<const NodeLayout*> leafNodes;
-      for (const auto& n : leaves)
-        if (n.kind == -1) leafNodes.push_back(&n);
-      image->read(leafNodes[i % leafNodes.size()]->sector * 512, node.data(), node.size());
+      v.nodeCopies.push_back(copyLayout(sector, false, oldLeavesWithDeleted[i], true));
+    } else if (!liveLeaves.empty()) {
+      const uint32_t leaf = liveLeaves[i % liveLeaves.size()].number;
+      image->read(nodeSector(leaf) * 512, node.data(), node.size());
+      v.nodeCopies.push_back(copyLayout(sector, false, leaf, false));
     }
     image->write(byteOf(copyBlocks[i]), node.data(), node.size());
-    v.freeSpaceNodeCopySectors.push_back(byteOf(copyBlocks[i]) / 512);
+    v.freeSpaceNodeCopySectors.push_back(sector);
   }
 
   image->write(byteOf(0) + 1024, header.data(), 512);
@@ -313,6 +324,11 @@ VolumeLayout VolumeBuilder::Impl::write(ImageFile& img, uint64_t startSector, ui
     f.rsrcSeed = it.rsrcSeed;
     f.recordNode = recordNode[i];
     f.threadNode = threadNode[i];
+    f.hasPrevious = it.hasPrevious;
+    f.previousSize = it.previousSize;
+    f.previousSeed = it.previousSeed;
+    f.previousExtents = it.previousExt;
+    f.previousBlocksReused = it.previousReused;
     v.entries.push_back(std::move(f));
   }
   applyDamage(v);

@@ -49,6 +49,11 @@ struct Item {
   uint8_t ownerFlags = 0;
   uint8_t type[4] = {0, 0, 0, 0}, creator[4] = {0, 0, 0, 0};
   std::vector<ExtentLayout> dataExt, rsrcExt;
+  std::optional<HfsDate> accessed;
+  // An earlier version of the data fork, described by the old node copies.
+  bool hasPrevious = false, previousReused = false;
+  uint64_t previousSize = 0, previousSeed = 0;
+  std::vector<ExtentLayout> previousExt;
 };
 
 struct CatRec {
@@ -110,7 +115,8 @@ struct VolumeBuilder::Impl {
   uint32_t catTotalNodes = 0, extTotalNodes = 0, attrTotalNodes = 0;
   uint32_t catBlocks = 0, extBlocks = 0, attrBlocks = 0;
   std::vector<uint32_t> catPieces;
-  std::vector<uint32_t> oldLeavesWithDeleted;  // node numbers in oldPlan
+  std::vector<uint32_t> oldLeavesWithDeleted;  // node numbers in oldPlan (leaves that differ from the live ones)
+  bool renderingOld = false;  // records are written as the old node copies hold them
   uint32_t journalBlocks = 0;
   uint64_t fixedBlocks = 0;  // everything but the bitmap
   uint32_t catNodeBlocks = 1;
@@ -183,6 +189,11 @@ struct VolumeBuilder::Impl {
   void writeWrapper(uint64_t start, uint32_t unit, uint32_t blocks, uint64_t sectors);
   uint64_t nodeSector(uint32_t node) const { return forkByte(catalogExtents, uint64_t(node) * spec.nodeSize) / 512; }
   void applyDamage(VolumeLayout& v);
+  // A leaf copy: where it went and whose records it holds (a node of oldPlan
+  // when old, else of catPlan).
+  NodeCopyLayout copyLayout(uint64_t sector, bool inJournal, uint32_t node, bool old) const;
+  // Live leaves (chain order) copied into the journal.
+  std::vector<uint32_t> journalLiveLeaves() const;
 };
 
 }  // namespace ambrel::mkimage

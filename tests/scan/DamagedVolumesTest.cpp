@@ -1,0 +1,216 @@
+// Image-builder volumes of every block and node size, each damaged in the
+// ways a failing drive damages them, scanned and measured against the
+// undamaged copy: nothing listed with wrong bytes, no file twice, every file
+// whose record survives found.
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "ImageBuilder.h"
+#include "scan/DamageTally.h"
+
+using namespace ambrel;
+using namespace ambrel::test;
+namespace mk = ambrel::mkimage;
+
+namespace {
+
+struct Damage {
+  const char* name;
+  std::function<void(mk::VolumeDamage&)> apply;
+};
+
+const std::vector<Damage>& damages() {
+  static const std::vector<Damage> all = {
+      {"catalog header", [](mk::VolumeDamage& d) { d.catalogHeaderCorrupted = true; }},
+      {"extents header", [](mk::VolumeDamage& d) { d.extentsHeaderCorrupted = true; }},
+      {"root node", [](mk::VolumeDamage& d) { d.catalogRootCorrupted = true; }},
+      {"10% of leaves", [](mk::VolumeDamage& d) { d.overwriteLeafPercent = 10; }},
+      {"primary header", [](mk::VolumeDamage& d) { d.primaryHeader = mk::VolumeDamage::Header::Zeroed; }},
+      {"first 1 MiB", [](mk::VolumeDamage& d) { d.zeroFirstBytes = 1 << 20; }},
+      {"both headers",
+       [](mk::VolumeDamage& d) {
+         d.primaryHeader = mk::VolumeDamage::Header::Zeroed;
+         d.alternateHeader = mk::VolumeDamage::Header::Zeroed;
+       }},
+  };
+  return all;
+}
+
+mk::EntrySpec fileEntry(const std::string& name, uint64_t size, uint32_t fragments = 1) {
+  mk::EntrySpec e;
+  e.name = name;
+  e.dataSize = size;
+  e.dataFragments = fragments;
+  return e;
+}
+
+// A journaled volume with a generated tree, a few deleted files, a file with
+// an earlier version, and forks that overflow into the extents file.
+mk::VolumeSpec contentSpec(uint32_t blockSize, uint32_t nodeSize, bool journal = true) {
+  mk::VolumeSpec v;
+  v.blockSize = blockSize;
+  v.nodeSize = nodeSize;
+  v.journal = journal;
+  v.journalLeafCopies = journal ? 3 : 0;
+  v.generate = mk::GenerateSpec{500, 40, 7, 1, 24000, true};
+  mk::EntrySpec docs;
+  docs.name = "Docs";
+  docs.folder = true;
+  docs.children.push_back(fileEntry("scattered.bin", 40 * uint64_t{blockSize}, 12));
+  if (journal) {
+    mk::EntrySpec edited = fileEntry("edited.txt", 5000);
+    edited.previousSize = 3000;
+    docs.children.push_back(edited);
+    mk::EntrySpec gone = fileEntry("gone.txt", 7000);
+    gone.deleted = true;
+    docs.children.push_back(gone);
+  }
+  v.root.push_back(docs);
+  return v;
+}
+
+struct BuiltPair {
+  TempDir dir;
+  std::string intact = (dir / "intact.img").string();
+  std::string damaged = (dir / "damaged.img").string();
+  mk::VolumeLayout layout;
+};
+
+std::unique_ptr<BuiltPair> buildPair(mk::VolumeSpec spec, const Damage& damage) {
+  auto b = std::make_unique<BuiltPair>();
+  mk::DriveSpec d;
+  d.table = mk::TableKind::None;
+  d.volume = spec;
+  mk::buildImage(d, b->intact);
+  damage.apply(d.volume->damage);
+  b->layout = *mk::buildImage(d, b->damaged).volume;
+  return b;
+}
+
+// Whether the damage left the sectors from `sector` on (`count` of them) alone.
+bool intactSectors(const mk::VolumeLayout& l, const mk::VolumeDamage& d, uint64_t sector, uint64_t count) {
+  const uint64_t zeroedEnd = l.startSector + d.zeroFirstBytes / 512;
+  return sector >= zeroedEnd || sector + count <= l.startSector;
+}
+
+// The live files of the volume with their bytes from the undamaged copy; a
+// file whose record no intact node holds any more is marked lost.
+std::vector<ExpectedFile> expectedFiles(const BuiltPair& b, const mk::VolumeDamage& damage, bool copiesCount) {
+  const mk::VolumeLayout& l = b.layout;
+  const int32_t blockSectors = static_cast<int32_t>(l.blockSize / 512);
+  const uint64_t nodeSectors = l.catalog.nodeSize / 512;
+  std::set<uint32_t> overwritten(l.overwrittenNodes.begin(), l.overwrittenNodes.end());
+  auto liveNodeIntact = [&](uint32_t node) {
+    if (node == 0 || overwritten.count(node)) return false;
+    for (const auto& n : l.catalog.nodes)
+      if (n.node == node) return intactSectors(l, damage, n.sector, nodeSectors);
+    return false;
+  };
+  auto toExtents = [](const std::vector<mk::ExtentLayout>& in) {
+    std::vector<Extent> out;
+    for (const auto& e : in) out.push_back({e.startBlock, e.blockCount});
+    return out;
+  };
+  std::vector<ExpectedFile> out;
+  for (const auto& e : l.entries) {
+    if (e.folder || e.deleted) continue;
+    ExpectedFile f;
+    f.path = e.path;
+    f.id = e.cnid;
+    f.dataExt = toExtents(e.dataExtents);
+    f.rscExt = toExtents(e.rsrcExtents);
+    f.data = forkBytes(b.intact, l.HPlusVolStart, blockSectors, f.dataExt, e.dataSize);
+    f.rsrc = forkBytes(b.intact, l.HPlusVolStart, blockSectors, f.rscExt, e.rsrcSize);
+    bool survives = liveNodeIntact(e.recordNode);
+    if (copiesCount)
+      for (const auto& c : l.nodeCopies)
+        if (std::count(c.records.begin(), c.records.end(), e.cnid) && intactSectors(l, damage, c.sector, nodeSectors))
+          survives = true;
+    f.recordLost = !survives;
+    out.push_back(std::move(f));
+  }
+  return out;
+}
+
+const Damage& damageNamed(const std::string& name) {
+  for (const Damage& d : damages())
+    if (name == d.name) return d;
+  throw std::runtime_error("no damage " + name);
+}
+
+// One geometry, one damage, one scan mode, measured.
+Tally measure(uint32_t blockSize, uint32_t nodeSize, const std::string& damageName, const std::string& mode,
+              bool journal = true) {
+  const Damage& damage = damageNamed(damageName);
+  auto b = buildPair(contentSpec(blockSize, nodeSize, journal), damage);
+  mk::VolumeDamage applied;
+  damage.apply(applied);
+  ScanResult r = scan(b->damaged, 0, b->layout.sizeSectors, mode);
+  return tallyScan(b->damaged, *r.volume, expectedFiles(*b, applied, mode == "Advanced Scan"));
+}
+
+#define FOR_GEOMETRIES(blocks, nodes)                                                               \
+  for (uint32_t blockSize : blocks)                                                                 \
+    for (uint32_t nodeSize : nodes)                                                                 \
+      if (SCOPED_TRACE(std::to_string(blockSize) + " B blocks, " + std::to_string(nodeSize) + " B nodes"); true)
+
+const std::vector<uint32_t> kAllBlocks = {512, 2048, 4096, 8192};
+const std::vector<uint32_t> kAllNodes = {4096, 8192};
+
+}  // namespace
+
+// A volume header (primary or alternate) was read, but the catalog's header
+// node was not usable: the blocks are as large as the header says.
+TEST(DamagedVolumes, AdvancedScanTookBlocksAs4096BytesThoughAHeaderSaidOtherwise) {
+  FOR_GEOMETRIES(kAllBlocks, kAllNodes) {
+    for (const char* damage : {"catalog header", "extents header"}) {
+      SCOPED_TRACE(damage);
+      const Tally t = measure(blockSize, nodeSize, damage, "Advanced Scan");
+      EXPECT_EQ(t.wrong, 0u) << t.problemText();
+      EXPECT_EQ(t.assumedGeometry, 0u);
+    }
+  }
+}
+
+// With no catalog header the node size is read off the nodes themselves.
+TEST(DamagedVolumes, AdvancedScanAssumed8KiBNodesWhereTheVolumeHas4KiB) {
+  FOR_GEOMETRIES(std::vector<uint32_t>{4096}, std::vector<uint32_t>{4096}) {
+    for (const char* damage : {"catalog header", "both headers"}) {
+      SCOPED_TRACE(damage);
+      const Tally t = measure(blockSize, nodeSize, damage, "Advanced Scan", false);
+      EXPECT_EQ(t.anywhere, t.expected) << t.problemText();
+    }
+  }
+}
+
+// No header survives: the block size is the one every file record agrees with.
+TEST(DamagedVolumes, NoHeaderLeftTheBlockSizeComesFromTheFileRecords) {
+  FOR_GEOMETRIES(kAllBlocks, kAllNodes) {
+    const Tally t = measure(blockSize, nodeSize, "both headers", "Advanced Scan", false);
+    EXPECT_EQ(t.wrong, 0u) << t.problemText();
+    EXPECT_EQ(t.anywhere, t.expected) << t.problemText();
+    EXPECT_EQ(t.assumedGeometry, 0u);
+  }
+}
+
+TEST(DamagedVolumes, TableOfWhatEachScanGivesBack) {
+  for (uint32_t blockSize : {512u, 2048u, 4096u, 8192u}) {
+    for (uint32_t nodeSize : {4096u, 8192u}) {
+      const std::string volume = "builder " + std::to_string(blockSize) + " B blocks, " +
+                                 std::to_string(nodeSize / 1024) + " KiB nodes";
+      for (const Damage& damage : damages()) {
+        SCOPED_TRACE(volume + ", " + damage.name);
+        auto b = buildPair(contentSpec(blockSize, nodeSize), damage);
+        mk::VolumeDamage applied;
+        damage.apply(applied);
+        for (const char* mode : {"Normal Scan", "Advanced Scan"}) {
+          const bool advanced = std::string(mode) == "Advanced Scan";
+          ScanResult r = scan(b->damaged, 0, b->layout.sizeSectors, mode);
+          const Tally t = tallyScan(b->damaged, *r.volume, expectedFiles(*b, applied, advanced));
+          printTallyRow(volume, damage.name, advanced ? "advanced" : "standard", t);
+        }
+      }
+    }
+  }
+}
