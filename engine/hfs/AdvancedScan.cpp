@@ -312,7 +312,10 @@ RecordCheck Volume::processFragmentRecord(const std::vector<uint8_t>& node, uint
   entry.setFileName(rec.name);
   if (rec.recordType == kHFSPlusFolderRecord) {
     HFSPlusCatalogFolder_ folder;
-    if (!rec.folder(folder) || !plausibleFolderRecord(folder)) return RecordCheck::AbandonNode;
+    // A record that does not fit is structural; dates and IDs are content,
+    // and a record that fails them is skipped alone.
+    if (!rec.folder(folder)) return RecordCheck::AbandonNode;
+    if (!plausibleFolderRecord(folder)) return RecordCheck::SkipRecord;
     entry.fileType = kHDIRFolder;
     entry.createDate = folder.createDate;
     entry.modDate = folder.contentModDate;
@@ -324,7 +327,8 @@ RecordCheck Volume::processFragmentRecord(const std::vector<uint8_t>& node, uint
   }
 
   HFSPlusCatalogFile_ file;
-  if (!rec.file(file) || !plausibleFileRecord(file)) return RecordCheck::AbandonNode;
+  if (!rec.file(file)) return RecordCheck::AbandonNode;
+  if (!plausibleFileRecord(file)) return RecordCheck::SkipRecord;
   if (!plausibleForks(file)) return RecordCheck::SkipRecord;
   entry.fileType = kHDIRFile;
   entry.createDate = file.createDate;

@@ -62,7 +62,7 @@ CatalogRecordView catalogRecordAt(std::span<const uint8_t> node, uint32_t numRec
   if (!checked && keyLength < kMinKeyLength) return skip();
   if (offset + kKeyHeaderBytes > v.limit || offset + 2 + keyLength > v.limit) return abandon();
   v.parentID = loadBE32(&node[offset + 2]);
-  if (checked && v.parentID == 0) return abandon();
+  if (checked && v.parentID == 0) return skip();  // content, not structure
   const uint16_t nameLength = loadBE16(&node[offset + 6]);
   if (nameLength == 0 || nameLength > 255) return skip();
   if (offset + kKeyHeaderBytes + 2 * size_t{nameLength} > v.limit) return abandon();

@@ -34,7 +34,9 @@ struct CatalogRecordView {
 // Checked mode (records of nodes not reached through an intact chain):
 // the offset slot must lie in the node's last 512 bytes, the offset be at
 // least 14, key length 6..516, key and record before the offset table, parent
-// ID non-zero. Unchecked mode keeps only what memory safety needs.
+// ID non-zero. Only failures of place and length abandon the node; a record
+// whose content fails (parent ID, name length, key length) is skipped alone.
+// Unchecked mode keeps only what memory safety needs.
 CatalogRecordView catalogRecordAt(std::span<const uint8_t> node, uint32_t numRecords, uint32_t index, bool checked);
 
 // Dates, ID and type of a record found outside an intact chain.

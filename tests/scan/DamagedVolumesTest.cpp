@@ -194,6 +194,34 @@ TEST(DamagedVolumes, NoHeaderLeftTheBlockSizeComesFromTheFileRecords) {
   }
 }
 
+// Records that fail a content check (here a zero access date, as the
+// journal's own files have) are skipped alone: the records after them in the
+// same node still come back.
+TEST(DamagedVolumes, ARecordWithAZeroAccessDateEndedItsNode) {
+  mk::VolumeSpec spec = contentSpec(4096, 4096);
+  mk::EntrySpec odd = fileEntry("accessed never.txt", 3000);
+  odd.accessed = 0;
+  spec.root[0].children.push_back(odd);
+  auto b = buildPair(spec, damageNamed("both headers"));
+  mk::VolumeDamage applied;
+  damageNamed("both headers").apply(applied);
+  std::vector<ExpectedFile> want = expectedFiles(*b, applied, true);
+  std::set<uint32_t> zeroAccess;
+  for (const auto& e : b->layout.entries)
+    if (e.name == ".journal" || e.name == ".journal_info_block" || e.name == "accessed never.txt")
+      zeroAccess.insert(e.cnid);
+  ASSERT_EQ(zeroAccess.size(), 3u);
+  for (auto& f : want)
+    if (zeroAccess.count(f.id)) f.recordLost = true;  // skipped: their records fail the check
+
+  ScanResult r = scan(b->damaged, 0, b->layout.sizeSectors, "Advanced Scan");
+  const Tally t = tallyScan(b->damaged, *r.volume, want);
+  EXPECT_EQ(t.anywhere, t.expected) << t.problemText();
+  EXPECT_EQ(t.wrong, 0u) << t.problemText();
+  const auto ids = entriesByFileID(*r.volume->dirRoot);
+  for (uint32_t id : zeroAccess) EXPECT_EQ(ids.count(id), 0u);
+}
+
 TEST(DamagedVolumes, TableOfWhatEachScanGivesBack) {
   for (uint32_t blockSize : {512u, 2048u, 4096u, 8192u}) {
     for (uint32_t nodeSize : {4096u, 8192u}) {

@@ -129,12 +129,14 @@ void VolumeBuilder::Impl::collectItems() {
     std::memcpy(j.creator, "hfs+", 4);
     j.finderFlags = 0x5000;  // invisible, name locked
     j.genData = false;
+    j.accessed = 0;  // as Mac OS leaves them
     journalItem = static_cast<int32_t>(addItem(std::move(j), 0));
     Item b = newItem(u".journal_info_block", false);
     std::memcpy(b.type, "jrnl", 4);
     std::memcpy(b.creator, "hfs+", 4);
     b.finderFlags = 0x5000;
     b.genData = false;
+    b.accessed = 0;
     jibItem = static_cast<int32_t>(addItem(std::move(b), 0));
   }
   for (const auto& e : spec.root) addSpecEntry(e, 0, false);
