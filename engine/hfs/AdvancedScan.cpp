@@ -15,7 +15,6 @@ namespace ambrel {
 
 namespace {
 
-constexpr uint32_t kSearchChunkSectors = 63;
 // Node size assumed when none is known yet: 8 KiB, the common catalog size.
 constexpr int32_t kAssumedCatNodeSectors = 16;
 
@@ -194,85 +193,6 @@ void Volume::searchForLeafNodes() {
   });
 }
 
-void Volume::searchCatFrags() {
-  CatNodeArray.clear();
-  const std::string status = driveText("Searching Catalog Fragments for {} on drive {} {} {}");
-  const uint64_t chunks = sizeInSect / kSearchChunkSectors;
-  report({{progress::kProgressStatus, status},
-                {progress::kProgressType, 1},
-                {progress::kBarDoubleValue, uint64_t{0}},
-                {progress::kBarMaxValue, chunks},
-                {progress::kBarMinValue, uint64_t{0}}});
-  report({{progress::kTimeRemaining, ""}});
-  const auto start = std::chrono::steady_clock::now();
-
-  // Reads are batched (32 chunks, about 1 MiB, per read) so the search keeps
-  // up with the disk; the search itself still goes chunk by chunk. A bad
-  // sector reads as zeros and costs only itself.
-  constexpr uint64_t kBatchSectors = uint64_t{kSearchChunkSectors} * 32;
-  std::vector<uint8_t> batch(kBatchSectors * kSectorSize);
-  uint8_t first[kSectorSize];
-  uint64_t done = 0;
-  // Node ends met, each with the node sizes at which a sound leaf ends there;
-  // a node size the catalog header gave is the only one tried.
-  struct End {
-    uint64_t sector;
-    uint8_t sizes;  // bit k: 2^k sectors
-  };
-  std::vector<End> ends;
-  const int32_t known = catNodeSize;
-  // The volume's own sectors: a partition starts where its table says.
-  const uint64_t begin = startSector, end = startSector + sizeInSect;
-  for (uint64_t batchStart = begin; batchStart < end && !stopTreeThread; batchStart += kBatchSectors) {
-    const uint64_t batchCount = std::min<uint64_t>(kBatchSectors, end - batchStart);
-    readSectorsSalvaging(batchStart, batchCount, batch.data());
-    for (uint64_t pos = batchStart; pos < batchStart + batchCount && !stopTreeThread; pos += kSearchChunkSectors, ++done) {
-      if (done > 0 && done % 100 == 0)
-        report({{progress::kProgressStatus, status},
-                {progress::kBarIncrement, uint64_t{100}},
-                {progress::kTimeRemaining, timeRemainingText(secondsSince(start), done, chunks)}});
-      const uint64_t count = std::min<uint64_t>(kSearchChunkSectors, batchStart + batchCount - pos);
-      for (uint64_t s = 0; s < count; ++s) {
-        const uint64_t here = pos + s;
-        const uint8_t* sector = &batch[(here - batchStart) * kSectorSize];
-        if (!looksLikeNodeEnd(sector)) continue;
-        uint8_t sizes = 0;
-        for (int k = 0; (int32_t{1} << k) <= kMaxNodeSectors; ++k) {
-          const uint64_t nodeSectors = uint64_t{1} << k;
-          if (known > 0 && nodeSectors != static_cast<uint64_t>(known)) continue;
-          if (here + 1 < nodeSectors + begin) break;
-          const uint64_t nodeStart = here - nodeSectors + 1;
-          const uint8_t* head = nullptr;
-          if (nodeStart >= batchStart) {
-            head = &batch[(nodeStart - batchStart) * kSectorSize];
-          } else if (readSector(nodeStart, 1, first)) {
-            head = first;
-          }
-          if (head && plausibleLeafNode(head, sector, static_cast<uint32_t>(nodeSectors * kSectorSize)))
-            sizes |= static_cast<uint8_t>(1u << k);
-        }
-        if (sizes) ends.push_back({here, sizes});
-      }
-    }
-  }
-  if (known <= 0) {
-    // The node size most ends agree with; those inside the catalog file, when
-    // its place is known, speak for it.
-    std::vector<uint8_t> all, inCatalog;
-    for (const End& e : ends) {
-      all.push_back(e.sizes);
-      if (sectorIsInCatalogFile(e.sector)) inCatalog.push_back(e.sizes);
-    }
-    const int32_t voted = nodeSizeByVote(inCatalog.empty() ? all : inCatalog);
-    catNodeSize = voted > 0 ? voted : kAssumedCatNodeSectors;
-  }
-  const uint64_t chosen = static_cast<uint64_t>(catNodeSize);
-  uint8_t bit = 0;
-  while ((uint64_t{1} << bit) < chosen) ++bit;
-  for (const End& e : ends)
-    if (e.sizes & (1u << bit)) CatNodeArray.push_back(e.sector - chosen + 1);
-}
-
 void Volume::processCatFrags() {
   if (CatNodeArray.empty()) return;
   const std::string status = driveText("Processing Catalog Fragments for {} on drive {} {} {}");
@@ -360,44 +280,6 @@ RecordCheck Volume::processFragmentRecord(const std::vector<uint8_t>& node, uint
 void Volume::addToOrphanEntryArray(const HDIR& entry) { orphanEntryArray.push_back(entry.mutableCopy()); }
 void Volume::addToAdvScanFolderArray(const HDIR& entry) { advScanFolderArray.push_back(entry.mutableCopy()); }
 void Volume::addToAdvScanFileArray(const HDIR& entry) { advScanFileArray.push_back(entry.mutableCopy()); }
-
-void Volume::inferBlockSizeFromRecords() {
-  if (catNodeSize <= 0) return;
-  // Enough forks to outvote any noise; memory stays bounded on huge volumes.
-  constexpr size_t kMaxSamples = 200000;
-  std::vector<ForkSample> forks;
-  std::vector<uint8_t> node(static_cast<size_t>(catNodeSize) * kSectorSize);
-  auto sample = [&](const HFSPlusForkData_& fork) {
-    ForkSample f;
-    f.logicalSize = fork.logicalSize;
-    f.totalBlocks = fork.totalBlocks;
-    size_t used = 0;
-    for (const auto& e : fork.extents.extDesc) {
-      if (e.startBlock == 0) break;
-      ++used;
-      f.extentBlocks += e.blockCount;
-      f.lastBlock = std::max<uint64_t>(f.lastBlock, uint64_t{e.startBlock} + e.blockCount);
-    }
-    f.allEightUsed = used == 8;
-    forks.push_back(f);
-  };
-  for (uint64_t sector : CatNodeArray) {
-    if (stopTreeThread || forks.size() >= kMaxSamples) break;
-    if (!readSector(sector, catNodeSize, node.data())) continue;
-    const BTNodeDescriptor_ d = descriptorOf(node);
-    for (uint32_t r = 0; r < d.numRecords; ++r) {
-      const CatalogRecordView rec = catalogRecordAt(node, d.numRecords, r, true);
-      if (rec.check == RecordCheck::AbandonNode) break;
-      HFSPlusCatalogFile_ file;
-      if (!rec.ok() || rec.recordType != kHFSPlusFileRecord || !rec.file(file)) continue;
-      sample(file.dataFork);
-      sample(file.resourceFork);
-    }
-  }
-  const BlockSizeGuess guess = blockSizeFromForks(forks, sizeInSect);
-  if (guess.sectors > 0) blockSize = guess.sectors;
-  blockSizeSource = guess.unique ? BlockSizeSource::FileRecords : BlockSizeSource::Assumed;
-}
 
 bool Volume::makeAdvTree() {
   makeRoot();

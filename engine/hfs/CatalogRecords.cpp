@@ -51,9 +51,9 @@ CatalogRecordView catalogRecordAt(std::span<const uint8_t> node, uint32_t numRec
   if (nodeBytes < 512 || table + 14 > nodeBytes || index >= numRecords) return abandon();
   const size_t slot = nodeBytes - 2 - 2 * static_cast<size_t>(index);
   if (checked && slot < nodeBytes - 512) return abandon();
-  // Checked: everything must end before the offset table, less 3 bytes, as a
-  // sound node has it. Unchecked: just inside the node before the table.
-  v.limit = checked ? static_cast<size_t>(nodeBytes - table - 3) : static_cast<size_t>(nodeBytes - table);
+  // Everything must end before the offset table and its free-space slot. A
+  // full node's last record ends right there, so nothing tighter is asked.
+  v.limit = static_cast<size_t>(nodeBytes - table - 2);
   const size_t offset = loadBE16(&node[slot]);
   if (offset < 14) return abandon();
   if (offset + 2 > v.limit) return abandon();

@@ -33,7 +33,8 @@ struct CatalogRecordView {
 // Record `index` of a leaf node of node.size() bytes holding numRecords.
 // Checked mode (records of nodes not reached through an intact chain):
 // the offset slot must lie in the node's last 512 bytes, the offset be at
-// least 14, key length 6..516, key and record before the offset table, parent
+// least 14, key length 6..516, key and record before the offset table (and
+// its free-space slot), parent
 // ID non-zero. Only failures of place and length abandon the node; a record
 // whose content fails (parent ID, name length, key length) is skipped alone.
 // Unchecked mode keeps only what memory safety needs.

@@ -74,18 +74,30 @@ void Volume::startMakingTree(AppControllerInterface* controller, const std::stri
   const bool headerRead = initializeVIB();
   blockSizeSource = headerRead ? BlockSizeSource::Header : BlockSizeSource::Assumed;
   bool usable = headerRead;
-  if (usable) {
+  bool catalogHeader = false;
+  if (headerRead) {
     advScanEntriesCanBePutIntoOrphanEntryArray = true;
-    usable = checkCatalogAndExtentsFile();
-    if (!usable) getCatalogExtFromVIB();
+    catalogHeader = checkCatalogAndExtentsFile();
+    if (!catalogHeader) {
+      // The catalog is still where the volume header says, its nodes as
+      // large as they show themselves; its leaves are found by reading it.
+      getCatalogExtFromVIB();
+      firstLeafNode = 0;
+      catTreeDepth = 0;
+      leafRecords = 0;
+      usable = inferCatalogNodeSize();
+    }
   }
   if (usable) {
-    if (catTreeDepth > 1) enumerateLevel2IndexNodes();
-    if (leafNodePointerArrayMade_ && (leafNodePointerArray.empty() || level2IndexNodeHasProblems))
-      searchForLevel2IndexNodes();
-    if (level2IndexNodeHasProblems) searchForLeafNodes();
-
-    if (firstLeafNode != 0 && catNodeSize != 0) {
+    if (!catalogHeader) {
+      searchForLeafNodes();
+    } else {
+      if (catTreeDepth > 1) enumerateLevel2IndexNodes();
+      if (leafNodePointerArrayMade_ && (leafNodePointerArray.empty() || level2IndexNodeHasProblems))
+        searchForLevel2IndexNodes();
+      if (level2IndexNodeHasProblems) searchForLeafNodes();
+    }
+    if ((firstLeafNode != 0 || !leafNodePointerTotalArray.empty()) && catNodeSize != 0) {
       makeTree();
       if (!orphanEntryArray.empty()) processOrphanEntriesWithIncrement(false, false);
     }
@@ -147,6 +159,8 @@ bool Volume::readFilesAndFolders() {
     return false;
   };
 
+  // Without a first leaf (no catalog header) the walk starts from the lists.
+  if (number == 0 && !fromLists(number)) number = 0;
   while (number != 0 && !stopTreeThread) {
     const int64_t sector = catNodeToSector(number);
     BTNodeDescriptor_ desc{};

@@ -96,6 +96,9 @@ class Volume : public DMedia {
   void searchForLeafNodes();
   bool makeAdvTree();
   void searchCatFrags();
+  // The catalog's node size from the leaf ends inside catalogExt, for a
+  // catalog whose header node is gone; false when none is found.
+  bool inferCatalogNodeSize();
   void processCatFrags();
   // With no volume header left: the block size the file records of the nodes
   // found agree with (blockSizeSource FileRecords), else 4 KiB (Assumed).
@@ -224,6 +227,16 @@ class Volume : public DMedia {
   uint64_t catalogNodeCount() const;
   void forEachCatalogFileNode(const std::function<bool(uint64_t sector, uint64_t number)>& visit);
   void collectLevel2Chain(uint32_t number, std::vector<uint8_t>& node);
+  // The last sector of a leaf-looking node, with the node sizes (bit k: 2^k
+  // sectors) at which a sound leaf ends there.
+  struct LeafEnd {
+    uint64_t sector;
+    uint8_t sizes;
+  };
+  // Every leaf end among sectors [from, to); only knownNodeSectors is tried
+  // when it is set. perChunk runs before each 63-sector chunk.
+  void scanLeafEnds(uint64_t from, uint64_t to, int32_t knownNodeSectors, std::vector<LeafEnd>& ends,
+                    const std::function<void()>& perChunk);
   RecordCheck processFragmentRecord(const std::vector<uint8_t>& node, uint32_t numRecords, uint32_t index, bool live);
 
   std::shared_ptr<AttributesTree> scanAttributes_;

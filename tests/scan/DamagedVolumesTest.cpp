@@ -194,6 +194,40 @@ TEST(DamagedVolumes, NoHeaderLeftTheBlockSizeComesFromTheFileRecords) {
   }
 }
 
+// One B-tree header node unusable: the standard scan goes on, with the
+// catalog's extents from the volume header and its node size from its nodes,
+// or without overflow extents, naming the files they would have completed.
+TEST(DamagedVolumes, StandardScanGaveUpWhenEitherBTreeHeaderWasUnusable) {
+  FOR_GEOMETRIES(kAllBlocks, kAllNodes) {
+    for (const char* damage : {"catalog header", "extents header"}) {
+      SCOPED_TRACE(damage);
+      auto b = buildPair(contentSpec(blockSize, nodeSize), damageNamed(damage));
+      mk::VolumeDamage applied;
+      damageNamed(damage).apply(applied);
+      ScanResult r = scan(b->damaged, 0, b->layout.sizeSectors, "Normal Scan");
+      EXPECT_EQ(r.controller->gaveUp, 0);
+      EXPECT_TRUE(r.controller->alerts.empty());
+      EXPECT_TRUE(r.controller->sawTreeComplete());
+      std::vector<ExpectedFile> want = expectedFiles(*b, applied, false);
+      // Leaves reached without the chain have their records checked: the
+      // journal's files, with access date 0, are skipped.
+      if (std::string(damage) == "catalog header")
+        for (auto& f : want) f.recordLost |= f.path == ".journal" || f.path == ".journal_info_block";
+      const Tally t = tallyScan(b->damaged, *r.volume, want);
+      EXPECT_EQ(t.anywhere, t.expected) << t.problemText();
+      EXPECT_EQ(t.atPath, t.expected) << t.problemText();
+      EXPECT_EQ(t.wrong, 0u) << t.problemText();
+      EXPECT_EQ(t.duplicates, 0u) << t.problemText();
+      // The only file whose fork needs the extents file.
+      const mk::FileLayout* scattered = b->layout.find("Docs/scattered.bin");
+      ASSERT_NE(scattered, nullptr);
+      const bool extentsGone = std::string(damage) == "extents header";
+      EXPECT_EQ(r.volume->missingExtentFileIDs, extentsGone ? std::vector<uint32_t>{scattered->cnid} : std::vector<uint32_t>{});
+      EXPECT_EQ(t.flagged, extentsGone ? 1u : 0u);
+    }
+  }
+}
+
 // Records that fail a content check (here a zero access date, as the
 // journal's own files have) are skipped alone: the records after them in the
 // same node still come back.

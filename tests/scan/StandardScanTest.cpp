@@ -236,13 +236,16 @@ TEST(StandardScan, DamagedPrimaryHeaderAndBrokenLeafChainsStillGiveTheWholeTree)
   EXPECT_GT(reference.size(), 1500u);
 }
 
-TEST(StandardScan, UnusableCatalogHeaderAsksForTheAdvancedScan) {
+// Nothing says where the catalog is: only the advanced scan can go on. (An
+// unusable catalog header alone no longer stops the standard scan.)
+TEST(StandardScan, NoVolumeHeaderLeftAsksForTheAdvancedScan) {
   TempDir dir;
   mk::DriveSpec d;
   d.table = mk::TableKind::None;
   mk::VolumeSpec v;
   v.root = {file("a.txt", 100), folder("F", {file("b.txt", 200)})};
-  v.damage.catalogHeaderCorrupted = true;
+  v.damage.primaryHeader = mk::VolumeDamage::Header::Zeroed;
+  v.damage.alternateHeader = mk::VolumeDamage::Header::Zeroed;
   d.volume = v;
   const std::string image = (dir / "vol.img").string();
   const mk::DriveLayout layout = mk::buildImage(d, image);
