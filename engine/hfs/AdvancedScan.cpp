@@ -206,17 +206,24 @@ void Volume::processCatFrags() {
   const auto start = std::chrono::steady_clock::now();
   std::vector<uint8_t> node(static_cast<size_t>(catNodeSize) * kSectorSize);
 
-  for (uint64_t i = 0; i < total && !stopTreeThread; ++i) {
-    if (i > 0)
-      report({{progress::kBarIncrement, uint64_t{1}},
-                    {progress::kTimeRemaining, timeRemainingText(secondsSince(start), i, total)}});
-    const uint64_t sector = CatNodeArray[i];
-    getIfUnusedSectorForCatalogNode(sector);
-    const bool live = advScanEntriesCanBePutIntoOrphanEntryArray && sectorIsInCatalogFile(sector);
-    if (!readNode(sector, catNodeSize, node.data())) continue;
-    const BTNodeDescriptor_ d = descriptorOf(node);
-    for (uint32_t r = 0; r < d.numRecords && !stopTreeThread; ++r) {
-      if (processFragmentRecord(node, d.numRecords, r, live) == RecordCheck::AbandonNode) break;
+  // The live catalog's nodes first, then the copies elsewhere: a file met in
+  // both is listed once, as the live catalog has it.
+  uint64_t processed = 0;
+  for (const bool livePass : {true, false}) {
+    for (uint64_t i = 0; i < total && !stopTreeThread; ++i) {
+      const uint64_t sector = CatNodeArray[i];
+      const bool live = advScanEntriesCanBePutIntoOrphanEntryArray && sectorIsInCatalogFile(sector);
+      if (live != livePass) continue;
+      if (processed > 0)
+        report({{progress::kBarIncrement, uint64_t{1}},
+                {progress::kTimeRemaining, timeRemainingText(secondsSince(start), processed, total)}});
+      ++processed;
+      getIfUnusedSectorForCatalogNode(sector);
+      if (!readNode(sector, catNodeSize, node.data())) continue;
+      const BTNodeDescriptor_ d = descriptorOf(node);
+      for (uint32_t r = 0; r < d.numRecords && !stopTreeThread; ++r) {
+        if (processFragmentRecord(node, d.numRecords, r, live) == RecordCheck::AbandonNode) break;
+      }
     }
   }
 }
@@ -224,6 +231,12 @@ void Volume::processCatFrags() {
 RecordCheck Volume::processFragmentRecord(const std::vector<uint8_t>& node, uint32_t numRecords, uint32_t index, bool live) {
   const CatalogRecordView rec = catalogRecordAt(node, numRecords, index, true);
   if (!rec.ok()) return rec.check;
+  if (rec.recordType == kHFSPlusFolderThreadRecord) {
+    uint32_t parent = 0;
+    std::string name;
+    if (rec.thread(parent, name)) noteFolderThread(rec.parentID, parent, std::move(name), live);
+    return RecordCheck::Ok;
+  }
   if (rec.recordType != kHFSPlusFolderRecord && rec.recordType != kHFSPlusFileRecord) return RecordCheck::SkipRecord;
   if (rec.parentID == kRootParentID) return RecordCheck::SkipRecord;
 
@@ -241,8 +254,15 @@ RecordCheck Volume::processFragmentRecord(const std::vector<uint8_t>& node, uint
     entry.modDate = folder.contentModDate;
     entry.fileID = folder.folderID;
     maxFileID = std::max(maxFileID, folder.folderID);
-    if (live) addToOrphanEntryArray(entry);
-    else addToAdvScanFolderArray(entry);
+    // One entry per folder: the first record met (the live one, when there is one).
+    if (!foldersMet_.insert(folder.folderID).second) return RecordCheck::Ok;
+    if (live) {
+      ++folderCount;  // counted now, as the standard walk counts its entries
+      ++entryCount;
+      addToOrphanEntryArray(entry);
+    } else {
+      addToAdvScanFolderArray(entry);
+    }
     return RecordCheck::Ok;
   }
 
@@ -270,10 +290,20 @@ RecordCheck Volume::processFragmentRecord(const std::vector<uint8_t>& node, uint
   const ForkExtents data = collectForkExtents(file.dataFork, file.fileID, kDataForkType, entry.dataExt, overflow);
   const ForkExtents rsrc = collectForkExtents(file.resourceFork, file.fileID, kResourceForkType, entry.rscExt, overflow);
   if (data == ForkExtents::Wrong || rsrc == ForkExtents::Wrong) return RecordCheck::SkipRecord;
-  if (data == ForkExtents::Incomplete || rsrc == ForkExtents::Incomplete) noteMissingExtents(entry);
+  const bool incomplete = data == ForkExtents::Incomplete || rsrc == ForkExtents::Incomplete;
+  // The same file (ID and blocks) met before is listed once; another version
+  // of it is kept.
+  if (fileMetBefore(entry, incomplete)) return RecordCheck::Ok;
+  if (incomplete) noteMissingExtents(entry);
   entry.addToFileCount(1);
-  if (live) addToOrphanEntryArray(entry);
-  else addToAdvScanFileArray(entry);
+  if (live) {
+    ++fileCount;
+    ++entryCount;
+    dataSize += entry.fileSize;
+    addToOrphanEntryArray(entry);
+  } else {
+    addToAdvScanFileArray(entry);
+  }
   return RecordCheck::Ok;
 }
 
@@ -286,11 +316,17 @@ bool Volume::makeAdvTree() {
   searchCatFrags();
   if (blockSizeSource != BlockSizeSource::Header) inferBlockSizeFromRecords();
   checkAllocationFile();
-  orphanEntryArray.clear();
+  // The standard walk's orphans are still here: they are placed together
+  // with the live records found now, which are counted as they are found.
   processCatFrags();
-  if (!orphanEntryArray.empty()) processOrphanEntriesWithIncrement(true, false);
-  if (!advScanFolderArray.empty() && !advScanFileArray.empty())
-    processAdvScanEntries();
+  flagReusedBlocks();
+  // Folders that entries look for come from old copies or thread records.
+  provideMissingParents({&orphanEntryArray}, orphanEntryArray, true, true);
+  if (!orphanEntryArray.empty()) processOrphanEntriesWithIncrement(false, false);
+  provideMissingParents({&advScanFolderArray, &advScanFileArray}, advScanFolderArray, false, false);
+  // Deleted files and earlier versions are placed even when every folder
+  // they belong to is live.
+  if (!advScanFileArray.empty()) processAdvScanEntries();
   return true;
 }
 

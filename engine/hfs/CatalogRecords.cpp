@@ -64,14 +64,29 @@ CatalogRecordView catalogRecordAt(std::span<const uint8_t> node, uint32_t numRec
   v.parentID = loadBE32(&node[offset + 2]);
   if (checked && v.parentID == 0) return skip();  // content, not structure
   const uint16_t nameLength = loadBE16(&node[offset + 6]);
-  if (nameLength == 0 || nameLength > 255) return skip();
+  if (nameLength > 255) return skip();
   if (offset + kKeyHeaderBytes + 2 * size_t{nameLength} > v.limit) return abandon();
   v.name = utf16BigToUtf8(&node[offset + kKeyHeaderBytes], nameLength);
   v.bodyOffset = offset + 2 + keyLength;
   if (v.bodyOffset + 2 > v.limit) return abandon();
   v.recordType = static_cast<int16_t>(loadBE16(&node[v.bodyOffset]));
+  // Only a thread record's key has no name.
+  if (nameLength == 0 && v.recordType != kHFSPlusFolderThreadRecord && v.recordType != kHFSPlusFileThreadRecord)
+    return skip();
   v.check = RecordCheck::Ok;
   return v;
+}
+
+bool CatalogRecordView::thread(uint32_t& parent, std::string& threadName) const {
+  // Record type, reserved, parent ID, then the name's length and characters.
+  constexpr size_t kThreadHeader = 10;
+  if (bodyOffset > limit || limit - bodyOffset < kThreadHeader) return false;
+  const uint8_t* p = node.data() + bodyOffset;
+  const uint16_t length = loadBE16(p + 8);
+  if (length == 0 || length > 255 || limit - bodyOffset - kThreadHeader < 2 * size_t{length}) return false;
+  parent = loadBE32(p + 4);
+  threadName = utf16BigToUtf8(p + kThreadHeader, length);
+  return parent != 0;
 }
 
 bool plausibleFolderRecord(const HFSPlusCatalogFolder_& f) {

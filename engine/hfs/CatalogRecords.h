@@ -24,6 +24,9 @@ struct CatalogRecordView {
   // not end before `limit`.
   bool folder(HFSPlusCatalogFolder_& out) const;
   bool file(HFSPlusCatalogFile_& out) const;
+  // A thread record's parent ID and name (the key's parent ID is the ID it
+  // stands for); false when they do not fit or are empty.
+  bool thread(uint32_t& parent, std::string& threadName) const;
 
   std::span<const uint8_t> node;
   size_t bodyOffset = 0;

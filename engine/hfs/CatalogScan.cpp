@@ -46,6 +46,7 @@ void Volume::makeRoot() {
   root->parentID = kRootParentID;
   root->setFileName("Root");
   root->btreeHDIR = btree.get();
+  root->btreeHDIRAdvScan = btreeAdvScan;
   btree->insert(kRootFolderID, root.get());
   dirRoot = std::move(root);
 }
@@ -99,7 +100,12 @@ void Volume::startMakingTree(AppControllerInterface* controller, const std::stri
     }
     if ((firstLeafNode != 0 || !leafNodePointerTotalArray.empty()) && catNodeSize != 0) {
       makeTree();
-      if (!orphanEntryArray.empty()) processOrphanEntriesWithIncrement(false, false);
+      // The advanced scan places these orphans itself, once the copies and
+      // thread records that may hold their folders have been read.
+      if (!advanced) {
+        provideMissingParents({&orphanEntryArray}, orphanEntryArray, true, false);
+        if (!orphanEntryArray.empty()) processOrphanEntriesWithIncrement(false, false);
+      }
     }
     if (advanced) makeAdvTree();
   } else if (advanced) {
@@ -254,6 +260,12 @@ void Volume::noteMissingExtents(HDIR& entry) {
 void Volume::processLeafRecord(const std::vector<uint8_t>& node, uint32_t numRecords, uint32_t index, bool tolerant) {
   const CatalogRecordView rec = catalogRecordAt(node, numRecords, index, tolerant);
   if (!rec.ok()) return;
+  if (rec.recordType == kHFSPlusFolderThreadRecord) {
+    uint32_t parent = 0;
+    std::string name;
+    if (rec.thread(parent, name)) noteFolderThread(rec.parentID, parent, std::move(name), true);
+    return;
+  }
   if (rec.name == ".DS_Store") return;
   if (rec.recordType != kHFSPlusFolderRecord && rec.recordType != kHFSPlusFileRecord) return;
   if (rec.parentID == kRootParentID) return;
@@ -266,6 +278,7 @@ void Volume::processLeafRecord(const std::vector<uint8_t>& node, uint32_t numRec
     HFSPlusCatalogFolder_ folder;
     if (!rec.folder(folder)) return;
     if (tolerant && !plausibleFolderRecord(folder)) return;
+    if (!foldersMet_.insert(folder.folderID).second) return;  // one entry per folder
     entry->fileType = kHDIRFolder;
     entry->createDate = folder.createDate;
     entry->modDate = folder.contentModDate;
@@ -274,6 +287,7 @@ void Volume::processLeafRecord(const std::vector<uint8_t>& node, uint32_t numRec
     ++folderCount;
     ++entryCount;
     entry->btreeHDIR = btree.get();
+    entry->btreeHDIRAdvScan = btreeAdvScan;
     if (parent) {
       entry->setFileName(suggestedRepeatFileName(rec.name, parent));
       entry->parent = parent;
@@ -291,6 +305,12 @@ void Volume::processLeafRecord(const std::vector<uint8_t>& node, uint32_t numRec
   if (!rec.file(file)) return;
   if (tolerant && !plausibleFileRecord(file)) return;
   if (!plausibleForks(file)) return;
+  entry->fileID = file.fileID;
+  const ForkExtents data = collectForkExtents(file.dataFork, file.fileID, kDataForkType, entry->dataExt, true);
+  const ForkExtents rsrc = collectForkExtents(file.resourceFork, file.fileID, kResourceForkType, entry->rscExt, true);
+  const bool consistent = data != ForkExtents::Wrong && rsrc != ForkExtents::Wrong;
+  // The same file met again (a chain that leads back, a second scan): listed once.
+  if (consistent && fileMetBefore(*entry)) return;
   entry->fileType = kHDIRFile;
   entry->createDate = file.createDate;
   entry->modDate = file.contentModDate;
@@ -306,9 +326,7 @@ void Volume::processLeafRecord(const std::vector<uint8_t>& node, uint32_t numRec
   ++fileCount;
   ++entryCount;
   dataSize += entry->fileSize;
-  const ForkExtents data = collectForkExtents(file.dataFork, file.fileID, kDataForkType, entry->dataExt, true);
-  const ForkExtents rsrc = collectForkExtents(file.resourceFork, file.fileID, kResourceForkType, entry->rscExt, true);
-  if (data == ForkExtents::Wrong || rsrc == ForkExtents::Wrong) return;
+  if (!consistent) return;  // dropped after being counted, as built
   if (data == ForkExtents::Incomplete || rsrc == ForkExtents::Incomplete) noteMissingExtents(*entry);
 
   entry->addToFileCount(1);

@@ -45,6 +45,9 @@ void Volume::removeZeroSizeFolders(HDIR* dir) {
     d->removeChildrenIf([&](const HDIR& child) {
       if (stopTreeThread.load() || child.fileType != kHDIRFolder || child.fileSize != 0) return false;
       removed += int64_t{child.childrenCount()} + 1;
+      // The lost folders may go too; nothing may point at them afterwards.
+      if (&child == dirLostFiles) dirLostFiles = nullptr;
+      if (&child == dirLostFolders) dirLostFolders = nullptr;
       return true;
     });
     if (removed) subtractChildrenUp(d, static_cast<int32_t>(removed));

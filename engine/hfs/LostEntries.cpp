@@ -254,7 +254,10 @@ void Volume::processAdvScanEntries() {
     ++folderCount;
     ++entryCount;
     ++done;
-    parent->addChildAdvScan(std::move(f));
+    const uint32_t id = f->fileID;
+    // Entered where its children look for it, whatever table its parent has.
+    HDIR* added = parent->addChildAdvScan(std::move(f));
+    if (added && !findDir(btreeAdvScan, id)) btreeAdvScan->insert(id, added);
     ProgressReport r = counters();
     r.set(progress::kProgressStatus, folders);
     r.set(progress::kBarIncrement, 1);

@@ -10,6 +10,8 @@
 #include <optional>
 #include <string_view>
 #include <string>
+#include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "hfs/AttributesTree.h"
@@ -238,6 +240,35 @@ class Volume : public DMedia {
   void scanLeafEnds(uint64_t from, uint64_t to, int32_t knownNodeSectors, std::vector<LeafEnd>& ends,
                     const std::function<void()>& perChunk);
   RecordCheck processFragmentRecord(const std::vector<uint8_t>& node, uint32_t numRecords, uint32_t index, bool live);
+
+  // One file as the scans met it: where its forks lie. Same ID, same blocks:
+  // the same file, listed once.
+  struct FileVersion {
+    std::vector<Extent> data, rsrc;
+  };
+  std::unordered_map<uint32_t, std::vector<FileVersion>> filesMet_;
+  std::unordered_set<uint32_t> foldersMet_;
+  struct FolderThread {
+    uint32_t parentID = 0;
+    std::string name;
+    bool live = false;
+  };
+  std::unordered_map<uint32_t, FolderThread> folderThreads_;
+  // True when a file with this ID and these extents was met already; else
+  // it is noted now.
+  // (An incomplete one matches a version met whole that it begins.)
+  bool fileMetBefore(const HDIR& e, bool incomplete = false);
+  bool otherVersionMet(const HDIR& e) const;
+  void noteFolderThread(uint32_t folderID, uint32_t parentID, std::string name, bool live);
+  bool blocksInUse(const std::vector<Extent>& extents);
+  // Old versions and deleted files whose blocks now hold something else.
+  void flagReusedBlocks();
+  // The folders that the entries of `waiting` look for and the tree lacks:
+  // an old copy's record of the folder (when fromAdvScanFolders), else one
+  // rebuilt from its thread record, with their own missing parents in turn;
+  // appended to `into`, counted when `count`.
+  void provideMissingParents(const std::vector<HDIR::ChildArray*>& waiting, HDIR::ChildArray& into, bool count,
+                             bool fromAdvScanFolders);
 
   std::shared_ptr<AttributesTree> scanAttributes_;
   std::chrono::steady_clock::time_point scanStart_{};

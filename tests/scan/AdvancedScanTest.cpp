@@ -6,6 +6,7 @@
 
 #include "ImageBuilder.h"
 #include "scan/ContentCheck.h"
+#include "scan/DamageTally.h"
 #include "scan/ScanHelpers.h"
 
 using namespace ambrel;
@@ -164,41 +165,50 @@ TEST(NodeSearch, SectorSearchFindsLiveLeavesAndOldCopiesAnywhere) {
   for (uint64_t s : b->layout.freeSpaceNodeCopySectors) EXPECT_FALSE(volume.sectorIsInCatalogFile(s));
 }
 
-TEST(AdvancedScan, DeletedEntriesFromOldCopiesLandUnderLostFolders) {
+// Deleted entries come back from old node copies: under their deleted folder,
+// rebuilt at its own place from its old record; a file whose folder no copy
+// keeps goes into a lost folder named after the missing ID.
+TEST(AdvancedScan, DeletedEntriesComeBackUnderTheirFolderOrALostFolder) {
   mk::VolumeSpec v;
   v.journal = true;
+  mk::EntrySpec unkept = folder("Unkept", {file("orphan.txt", 4000)}, true);
+  unkept.inOldNodes = false;
   v.root = {folder("Keep", {file("kept.txt", 10000)}), file("old.txt", 3000, true),
-            folder("Gone", {file("gone1.txt", 5000), file("gone2.txt", 7000)}, true)};
+            folder("Gone", {file("gone1.txt", 5000), file("gone2.txt", 7000)}, true), unkept};
   v.damage.oldNodeCopies = 1;
   auto b = buildVolume(v);
 
   ScanResult normal = scan(b->image, 0, b->layout.sizeSectors, "Normal Scan");
   ScanResult advanced = scan(b->image, 0, b->layout.sizeSectors, "Advanced Scan");
   ASSERT_NE(advanced.volume->dirRoot, nullptr);
-  ASSERT_NE(advanced.volume->dirLostFolders, nullptr);
-  EXPECT_EQ(advanced.volume->dirLostFolders->fileName(), "Lost Folders");
-  EXPECT_EQ(advanced.volume->dirLostFolders->fileID, kLostFoldersID);
+  const HDIR* lostFolders = nullptr;
+  for (const auto& c : advanced.volume->dirRoot->children())
+    if (c->fileID == kLostFoldersID) lostFolders = c.get();
+  ASSERT_NE(lostFolders, nullptr);
+  EXPECT_EQ(lostFolders->fileName(), "Lost Folders");
 
   const auto normalIDs = entriesByID(*normal.volume->dirRoot);
   const auto advancedIDs = entriesByID(*advanced.volume->dirRoot);
+  const mk::FileLayout* unkeptLayout = b->layout.find("Unkept");
+  ASSERT_NE(unkeptLayout, nullptr);
   for (const auto& e : b->layout.entries) {
     if (!e.deleted || e.folder) continue;
     SCOPED_TRACE(e.path);
     EXPECT_EQ(normalIDs.count(e.cnid), 0u);
-    auto [first, last] = advancedIDs.equal_range(e.cnid);
-    ASSERT_NE(first, last);
-    const HDIR* h = first->second;
+    ASSERT_EQ(advancedIDs.count(e.cnid), 1u);
+    const HDIR* h = advancedIDs.find(e.cnid)->second;
     EXPECT_EQ(h->dataSize, e.dataSize);
     EXPECT_TRUE(sameExtents(h->dataExt, e.dataExtents));
-    // A deleted folder's files go into a lost folder named after it.
-    if (e.parentID != kRootFolderID) {
-      EXPECT_TRUE(isBelow(h, advanced.volume->dirLostFolders));
+    EXPECT_EQ(h->confidence, Confidence::Sure);  // their blocks are free and hold their bytes
+    if (e.parentID == unkeptLayout->cnid) {
+      EXPECT_TRUE(isBelow(h, lostFolders));
       EXPECT_EQ(h->parent->fileName(), "LostFolder" + std::to_string(e.parentID));
-      EXPECT_EQ(pathNameOf(*h), "/Root/Lost Folders/LostFolder" + std::to_string(e.parentID));
+    } else {
+      EXPECT_EQ(entryPath(*h), e.path);
     }
   }
-  // Every live file of the normal scan is in the advanced tree too.
-  for (const auto& [id, entry] : normalIDs) EXPECT_TRUE(advancedIDs.count(id)) << entry->fileName();
+  // Every live file of the normal scan is in the advanced tree too, once.
+  for (const auto& [id, entry] : normalIDs) EXPECT_EQ(advancedIDs.count(id), 1u) << entry->fileName();
 }
 
 TEST(AdvancedScan, CorruptCatalogHeaderRecoversEveryFileWhoseRecordSurvives) {

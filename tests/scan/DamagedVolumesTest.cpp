@@ -95,8 +95,12 @@ bool intactSectors(const mk::VolumeLayout& l, const mk::VolumeDamage& d, uint64_
 }
 
 // The live files of the volume with their bytes from the undamaged copy; a
-// file whose record no intact node holds any more is marked lost.
-std::vector<ExpectedFile> expectedFiles(const BuiltPair& b, const mk::VolumeDamage& damage, bool copiesCount) {
+// file whose record no intact node holds any more is marked lost. Records
+// read from copies, and from live leaves when the scan cannot follow the
+// chain (liveChecked), must pass the content checks: the journal's own files,
+// with access date 0, do not.
+std::vector<ExpectedFile> expectedFiles(const BuiltPair& b, const mk::VolumeDamage& damage, bool copiesCount,
+                                        bool liveChecked = false) {
   const mk::VolumeLayout& l = b.layout;
   const int32_t blockSectors = static_cast<int32_t>(l.blockSize / 512);
   const uint64_t nodeSectors = l.catalog.nodeSize / 512;
@@ -122,8 +126,9 @@ std::vector<ExpectedFile> expectedFiles(const BuiltPair& b, const mk::VolumeDama
     f.rscExt = toExtents(e.rsrcExtents);
     f.data = forkBytes(b.intact, l.HPlusVolStart, blockSectors, f.dataExt, e.dataSize);
     f.rsrc = forkBytes(b.intact, l.HPlusVolStart, blockSectors, f.rscExt, e.rsrcSize);
-    bool survives = liveNodeIntact(e.recordNode);
-    if (copiesCount)
+    const bool zeroAccess = e.name == ".journal" || e.name == ".journal_info_block";
+    bool survives = liveNodeIntact(e.recordNode) && !(zeroAccess && liveChecked);
+    if (copiesCount && !zeroAccess)
       for (const auto& c : l.nodeCopies)
         if (std::count(c.records.begin(), c.records.end(), e.cnid) && intactSectors(l, damage, c.sector, nodeSectors))
           survives = true;
@@ -132,6 +137,9 @@ std::vector<ExpectedFile> expectedFiles(const BuiltPair& b, const mk::VolumeDama
   }
   return out;
 }
+
+// Damage after which no scan can follow the catalog's leaf chain.
+bool chainLost(const std::string& damage) { return damage == "catalog header" || damage == "both headers"; }
 
 const Damage& damageNamed(const std::string& name) {
   for (const Damage& d : damages())
@@ -147,7 +155,7 @@ Tally measure(uint32_t blockSize, uint32_t nodeSize, const std::string& damageNa
   mk::VolumeDamage applied;
   damage.apply(applied);
   ScanResult r = scan(b->damaged, 0, b->layout.sizeSectors, mode);
-  return tallyScan(b->damaged, *r.volume, expectedFiles(*b, applied, mode == "Advanced Scan"));
+  return tallyScan(b->damaged, *r.volume, expectedFiles(*b, applied, mode == "Advanced Scan", chainLost(damageName)));
 }
 
 #define FOR_GEOMETRIES(blocks, nodes)                                                               \
@@ -208,12 +216,7 @@ TEST(DamagedVolumes, StandardScanGaveUpWhenEitherBTreeHeaderWasUnusable) {
       EXPECT_EQ(r.controller->gaveUp, 0);
       EXPECT_TRUE(r.controller->alerts.empty());
       EXPECT_TRUE(r.controller->sawTreeComplete());
-      std::vector<ExpectedFile> want = expectedFiles(*b, applied, false);
-      // Leaves reached without the chain have their records checked: the
-      // journal's files, with access date 0, are skipped.
-      if (std::string(damage) == "catalog header")
-        for (auto& f : want) f.recordLost |= f.path == ".journal" || f.path == ".journal_info_block";
-      const Tally t = tallyScan(b->damaged, *r.volume, want);
+      const Tally t = tallyScan(b->damaged, *r.volume, expectedFiles(*b, applied, false, chainLost(damage)));
       EXPECT_EQ(t.anywhere, t.expected) << t.problemText();
       EXPECT_EQ(t.atPath, t.expected) << t.problemText();
       EXPECT_EQ(t.wrong, 0u) << t.problemText();
@@ -239,7 +242,7 @@ TEST(DamagedVolumes, ARecordWithAZeroAccessDateEndedItsNode) {
   auto b = buildPair(spec, damageNamed("both headers"));
   mk::VolumeDamage applied;
   damageNamed("both headers").apply(applied);
-  std::vector<ExpectedFile> want = expectedFiles(*b, applied, true);
+  std::vector<ExpectedFile> want = expectedFiles(*b, applied, true, true);
   std::set<uint32_t> zeroAccess;
   for (const auto& e : b->layout.entries)
     if (e.name == ".journal" || e.name == ".journal_info_block" || e.name == "accessed never.txt")
@@ -256,6 +259,87 @@ TEST(DamagedVolumes, ARecordWithAZeroAccessDateEndedItsNode) {
   for (uint32_t id : zeroAccess) EXPECT_EQ(ids.count(id), 0u);
 }
 
+// A healthy volume whose journal and free space hold copies of every leaf:
+// each live file is listed once, as the live catalog has it; an earlier
+// version is listed once more beside it, by the duplicate-name rule, with its
+// own bytes, or flagged when its blocks are in use again.
+TEST(DamagedVolumes, TheAdvancedScanListedLiveFilesAgainFromTheirCopies) {
+  mk::VolumeSpec spec = contentSpec(4096, 4096);
+  spec.journalLeafCopies = 1000;  // every leaf
+  spec.damage.oldNodeCopies = 12;
+  mk::EntrySpec reused = fileEntry("rewritten.dat", 9000);
+  reused.previousSize = 6000;
+  reused.previousBlocksReused = true;
+  spec.root[0].children.push_back(reused);
+  auto b = buildPair(spec, damageNamed("primary header"));  // headers aside, nothing is damaged
+  ScanResult r = scan(b->intact, 0, b->layout.sizeSectors, "Advanced Scan");
+  const Tally t = tallyScan(b->intact, *r.volume, expectedFiles(*b, {}, true));
+  EXPECT_EQ(t.duplicates, 0u) << t.problemText();
+  EXPECT_EQ(t.wrong, 0u) << t.problemText();
+  EXPECT_EQ(t.atPath, t.expected) << t.problemText();
+
+  // One entry per live file, and one per earlier version.
+  const auto ids = entriesByFileID(*r.volume->dirRoot);
+  for (const auto& e : b->layout.entries) {
+    if (e.folder || e.deleted) continue;
+    SCOPED_TRACE(e.path);
+    EXPECT_EQ(ids.count(e.cnid), e.hasPrevious ? 2u : 1u);
+    if (!e.hasPrevious) continue;
+    const HDIR* earlier = nullptr;
+    for (auto [it, end] = ids.equal_range(e.cnid); it != end; ++it)
+      if (it->second->dataSize == e.previousSize) earlier = it->second;
+    ASSERT_NE(earlier, nullptr);
+    EXPECT_TRUE(sameExtentList(earlier->dataExt, e.previousExtents));
+    const std::string dir = e.path.substr(0, e.path.rfind('/') + 1);
+    const std::string stem = e.name.substr(0, e.name.rfind('.')), ext = e.name.substr(e.name.rfind('.'));
+    EXPECT_EQ(entryPath(*earlier), dir + stem + "_" + ext);
+    if (e.previousBlocksReused) {
+      EXPECT_EQ(earlier->confidence, Confidence::BlocksReused);
+    } else {
+      EXPECT_EQ(earlier->confidence, Confidence::Sure);
+      EXPECT_TRUE(dataOf(b->intact, *r.volume, *earlier) == mk::generatedBytes(e.previousSeed, e.previousSize));
+    }
+  }
+}
+
+// Folders whose own records are gone are rebuilt where their children look
+// for them: from an old copy of their record (with its dates), else from
+// their thread record (name and parent).
+TEST(DamagedVolumes, FoldersWithoutTheirRecordsWereNotRebuilt) {
+  mk::VolumeSpec spec = contentSpec(4096, 4096);
+  spec.journalLeafCopies = 1;             // the first leaf, which holds the top folders' records
+  spec.damage.overwriteLeafPositions = {0};
+  auto b = buildPair(spec, damageNamed("primary header"));
+  const mk::VolumeLayout& l = b->layout;
+  const uint32_t firstLeaf = l.catalog.firstLeafNode;
+  std::vector<const mk::FileLayout*> lostFolders;
+  for (const auto& e : l.entries)
+    if (e.folder && !e.deleted && e.recordNode == firstLeaf && e.threadNode != firstLeaf) lostFolders.push_back(&e);
+  ASSERT_GE(lostFolders.size(), 3u);
+
+  mk::VolumeDamage applied;
+  applied.overwriteLeafPositions = {0};
+  for (const char* mode : {"Normal Scan", "Advanced Scan"}) {
+    SCOPED_TRACE(mode);
+    const bool advanced = std::string(mode) == "Advanced Scan";
+    ScanResult r = scan(b->damaged, 0, l.sizeSectors, mode);
+    const Tally t = tallyScan(b->damaged, *r.volume, expectedFiles(*b, applied, advanced));
+    EXPECT_GT(t.expected, 400u);
+    EXPECT_EQ(t.atPath, t.expected) << t.problemText();
+    EXPECT_EQ(t.wrong, 0u) << t.problemText();
+    EXPECT_EQ(t.duplicates, 0u) << t.problemText();
+    const auto ids = entriesByFileID(*r.volume->dirRoot);
+    for (const mk::FileLayout* f : lostFolders) {
+      SCOPED_TRACE(f->path);
+      if (ids.count(f->cnid) == 0) continue;  // removed: no file data below it
+      const HDIR& h = *ids.find(f->cnid)->second;
+      EXPECT_EQ(entryPath(h), f->path);
+      // The standard scan has only the thread; the advanced one the journal's copy.
+      EXPECT_EQ(h.createDate, advanced ? f->created : 0u);
+    }
+  }
+}
+
 TEST(DamagedVolumes, TableOfWhatEachScanGivesBack) {
   for (uint32_t blockSize : {512u, 2048u, 4096u, 8192u}) {
     for (uint32_t nodeSize : {4096u, 8192u}) {
@@ -269,7 +353,7 @@ TEST(DamagedVolumes, TableOfWhatEachScanGivesBack) {
         for (const char* mode : {"Normal Scan", "Advanced Scan"}) {
           const bool advanced = std::string(mode) == "Advanced Scan";
           ScanResult r = scan(b->damaged, 0, b->layout.sizeSectors, mode);
-          const Tally t = tallyScan(b->damaged, *r.volume, expectedFiles(*b, applied, advanced));
+          const Tally t = tallyScan(b->damaged, *r.volume, expectedFiles(*b, applied, advanced, chainLost(damage.name)));
           printTallyRow(volume, damage.name, advanced ? "advanced" : "standard", t);
         }
       }

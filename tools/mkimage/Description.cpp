@@ -167,6 +167,7 @@ VolumeSpec volumeOf(const json& j, const std::filesystem::path& base) {
     v.damage.catalogHeaderCorrupted = d.value("catalogHeader", false);
     v.damage.extentsHeaderCorrupted = d.value("extentsHeader", false);
     v.damage.catalogRootCorrupted = d.value("catalogRoot", false);
+    v.damage.overwriteLeafPositions = d.value("overwriteLeafPositions", std::vector<uint32_t>{});
     if (d.contains("zeroFirst")) v.damage.zeroFirstBytes = sizeOf(d["zeroFirst"], "zeroFirst");
     if (d.contains("leafChain")) {
       LeafChainDamage lc;

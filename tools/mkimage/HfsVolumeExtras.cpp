@@ -233,6 +233,14 @@ void VolumeBuilder::Impl::applyDamage(VolumeLayout& v) {
       v.overwrittenNodes.push_back(n);
     }
   }
+  for (uint32_t pos : d.overwriteLeafPositions) {
+    if (catPlan.levels.empty() || pos >= catPlan.levels[0].size()) throw BuildError("no such leaf to overwrite");
+    std::vector<uint8_t> junk(spec.nodeSize);
+    randomFill(junk);
+    const uint32_t n = catPlan.levels[0][pos].number;
+    image->write(nodeSector(n) * 512, junk.data(), junk.size());
+    v.overwrittenNodes.push_back(n);
+  }
   if (d.catalogRootCorrupted && !catPlan.levels.empty()) {
     std::vector<uint8_t> junk(spec.nodeSize);
     randomFill(junk);

@@ -111,6 +111,7 @@ struct VolumeDamage {
   std::optional<LeafChainDamage> leafChain;
   uint32_t overwriteNodes = 0;     // random catalog nodes (not the header) overwritten
   uint32_t overwriteLeafPercent = 0;  // this share of the catalog's leaves (rounded up) overwritten
+  std::vector<uint32_t> overwriteLeafPositions;  // these leaves (0: the first in chain order) overwritten
   uint64_t overwriteSeed = 1;
   uint32_t oldNodeCopies = 0;      // catalog leaf node copies written into free blocks
   uint64_t zeroFirstBytes = 0;     // the volume's first bytes zeroed (headers, bitmap, whatever lies there)

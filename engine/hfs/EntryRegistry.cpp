@@ -1,0 +1,153 @@
+// What the scans have met so far, so that each file is listed once: a file
+// is its ID and the blocks of its forks. Also the folder thread records,
+// which name a folder and its parent when the folder's own record is gone,
+// and the checks that mark an old version whose blocks are in use again.
+#include <algorithm>
+#include <unordered_set>
+
+#include "hfs/Volume.h"
+
+namespace ambrel {
+
+namespace {
+
+bool startsWith(const std::vector<Extent>& whole, const std::vector<Extent>& part) {
+  return part.size() <= whole.size() && std::equal(part.begin(), part.end(), whole.begin());
+}
+
+}  // namespace
+
+bool Volume::fileMetBefore(const HDIR& e, bool incomplete) {
+  auto& versions = filesMet_[e.fileID];
+  for (const FileVersion& v : versions) {
+    if (v.data == e.dataExt && v.rsrc == e.rscExt) return true;
+    // A copy that lacks the overflow extents of a file met whole.
+    if (incomplete && startsWith(v.data, e.dataExt) && startsWith(v.rsrc, e.rscExt)) return true;
+  }
+  versions.push_back({e.dataExt, e.rscExt});
+  return false;
+}
+
+bool Volume::otherVersionMet(const HDIR& e) const {
+  auto it = filesMet_.find(e.fileID);
+  if (it == filesMet_.end()) return false;
+  for (const FileVersion& v : it->second)
+    if (v.data != e.dataExt || v.rsrc != e.rscExt) return true;
+  return false;
+}
+
+void Volume::noteFolderThread(uint32_t folderID, uint32_t parentID, std::string name, bool live) {
+  if (folderID <= kLostFoldersID || parentID == 0) return;
+  auto it = folderThreads_.find(folderID);
+  // The live catalog's thread wins over a copy's.
+  if (it != folderThreads_.end() && (it->second.live || !live)) return;
+  folderThreads_[folderID] = FolderThread{parentID, std::move(name), live};
+}
+
+bool Volume::blocksInUse(const std::vector<Extent>& extents) {
+  if (allocationExt.empty() || blockSize <= 0) return false;
+  const uint64_t bitsPerBlock = static_cast<uint64_t>(blockSize) * kSectorSize * 8;
+  std::vector<uint8_t> bitmap;
+  uint64_t loaded = UINT64_MAX;
+  for (const Extent& e : extents) {
+    for (uint64_t b = e.startBlock; b < uint64_t{e.startBlock} + e.blockCount; ++b) {
+      const uint64_t index = b / bitsPerBlock;
+      if (index != loaded) {
+        if (!readBitmapBlock(index, bitmap)) return false;
+        loaded = index;
+      }
+      const uint64_t bit = b % bitsPerBlock;
+      if (bitmap[bit / 8] & (0x80 >> (bit % 8))) return true;
+    }
+  }
+  return false;
+}
+
+void Volume::flagReusedBlocks() {
+  if (advScanFileArray.empty()) return;
+  // Every run of blocks of every file met, with the version it belongs to.
+  struct Run {
+    uint64_t start, end;
+    const FileVersion* owner;
+  };
+  std::vector<Run> runs;
+  uint64_t longest = 0;
+  for (const auto& [id, versions] : filesMet_)
+    for (const FileVersion& v : versions)
+      for (const auto* list : {&v.data, &v.rsrc})
+        for (const Extent& e : *list) {
+          runs.push_back({e.startBlock, uint64_t{e.startBlock} + e.blockCount, &v});
+          longest = std::max<uint64_t>(longest, e.blockCount);
+        }
+  std::sort(runs.begin(), runs.end(), [](const Run& a, const Run& b) { return a.start < b.start; });
+  auto overlapsAnother = [&](const HDIR& f) {
+    for (const auto* list : {&f.dataExt, &f.rscExt})
+      for (const Extent& e : *list) {
+        const uint64_t s = e.startBlock, end = s + e.blockCount;
+        auto it = std::lower_bound(runs.begin(), runs.end(), s > longest ? s - longest : 0,
+                                   [](const Run& r, uint64_t v) { return r.start < v; });
+        for (; it != runs.end() && it->start < end; ++it)
+          if (it->end > s && !(it->owner->data == f.dataExt && it->owner->rsrc == f.rscExt)) return true;
+      }
+    return false;
+  };
+  for (auto& f : advScanFileArray) {
+    if (stopTreeThread) return;
+    if (!f || f->confidence != Confidence::Sure) continue;
+    // Blocks another file now holds, or an old version's blocks marked in use.
+    if (overlapsAnother(*f) || (otherVersionMet(*f) && (blocksInUse(f->dataExt) || blocksInUse(f->rscExt))))
+      f->confidence = Confidence::BlocksReused;
+  }
+}
+
+void Volume::provideMissingParents(const std::vector<HDIR::ChildArray*>& waiting, HDIR::ChildArray& into,
+                                   bool count, bool fromAdvScanFolders) {
+  std::unordered_set<uint32_t> present;
+  for (const HDIR::ChildArray* array : waiting)
+    for (const auto& e : *array)
+      if (e && e->fileType == kHDIRFolder) present.insert(e->fileID);
+  std::unordered_map<uint32_t, size_t> oldFolders;  // folders of old copies by ID
+  if (fromAdvScanFolders)
+    for (size_t i = 0; i < advScanFolderArray.size(); ++i)
+      if (advScanFolderArray[i]) oldFolders.emplace(advScanFolderArray[i]->fileID, i);
+  std::vector<uint32_t> wanted;
+  for (const HDIR::ChildArray* array : waiting)
+    for (const auto& e : *array)
+      if (e) wanted.push_back(e->parentID);
+  std::unordered_set<uint32_t> tried;
+  bool moved = false;
+  while (!wanted.empty() && !stopTreeThread) {
+    const uint32_t id = wanted.back();
+    wanted.pop_back();
+    if (id <= kRootFolderID || !tried.insert(id).second || present.count(id) || findDir(btree.get(), id)) continue;
+    std::unique_ptr<HDIR> folder;
+    if (auto it = oldFolders.find(id); it != oldFolders.end()) {
+      // The folder's record from an old copy joins those waiting for it.
+      folder = std::move(advScanFolderArray[it->second]);
+      moved = true;
+    } else if (auto t = folderThreads_.find(id); t != folderThreads_.end()) {
+      // Only its thread record is left: name and parent, no dates.
+      folder = std::make_unique<HDIR>();
+      folder->fileType = kHDIRFolder;
+      folder->fileID = id;
+      folder->parentID = t->second.parentID;
+      folder->setFileName(t->second.name);
+      folder->btreeHDIR = btree.get();
+      maxFileID = std::max(maxFileID, id);
+    } else {
+      continue;
+    }
+    if (count) {
+      ++folderCount;
+      ++entryCount;
+    }
+    present.insert(id);
+    wanted.push_back(folder->parentID);
+    into.push_back(std::move(folder));
+  }
+  if (moved)
+    advScanFolderArray.erase(std::remove(advScanFolderArray.begin(), advScanFolderArray.end(), nullptr),
+                             advScanFolderArray.end());
+}
+
+}  // namespace ambrel
