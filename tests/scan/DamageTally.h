@@ -23,10 +23,12 @@ struct ExpectedFile {
   std::vector<uint8_t> data, rsrc; // its bytes
   std::vector<Extent> dataExt, rscExt;  // where the undamaged volume keeps them
   bool recordLost = false;         // the damage destroyed every copy of its record
+  bool pathLost = false;           // ... or of both the record and the thread of a folder above it
 };
 
 struct Tally {
   size_t expected = 0;    // files whose records survive
+  size_t pathKnown = 0;   // of those, whose folders' records or threads survive too
   size_t atPath = 0;      // found at their own path
   size_t anywhere = 0;    // found anywhere in the tree
   size_t wrong = 0;       // listed copies whose bytes differ from the file's
@@ -83,6 +85,7 @@ inline Tally tallyScan(const std::string& image, const Volume& v, const std::vec
   for (const ExpectedFile& w : want) {
     if (w.recordLost) continue;
     ++t.expected;
+    t.pathKnown += !w.pathLost;
     auto [first, last] = byID.equal_range(w.id);
     bool found = false, atPath = false;
     size_t sameFile = 0;
@@ -108,7 +111,7 @@ inline Tally tallyScan(const std::string& image, const Volume& v, const std::vec
     if (found) ++t.anywhere;
     else t.note("missing: " + w.path + " #" + std::to_string(w.id));
     if (atPath) ++t.atPath;
-    else if (found) t.note("not at its path: " + w.path);
+    else if (found && !w.pathLost) t.note("not at its path: " + w.path);
   }
   return t;
 }
@@ -118,7 +121,8 @@ inline Tally tallyScan(const std::string& image, const Volume& v, const std::vec
 inline void printTallyRow(const std::string& volume, const std::string& damage, const std::string& mode,
                           const Tally& t) {
   const std::string row = volume + "\t" + damage + "\t" + mode + "\t" + std::to_string(t.expected) + "\t" +
-                          std::to_string(t.atPath) + "\t" + std::to_string(t.anywhere) + "\t" +
+                          std::to_string(t.pathKnown) + "\t" + std::to_string(t.atPath) + "\t" +
+                          std::to_string(t.anywhere) + "\t" +
                           std::to_string(t.wrong) + "\t" + std::to_string(t.duplicates) + "\t" +
                           std::to_string(t.flagged);
   std::printf("[ tally    ] %s\n", row.c_str());

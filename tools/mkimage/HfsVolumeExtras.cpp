@@ -27,6 +27,7 @@ NodeCopyLayout VolumeBuilder::Impl::copyLayout(uint64_t sector, bool inJournal, 
   NodeCopyLayout c;
   c.sector = sector;
   c.inJournal = inJournal;
+  c.old = old;
   const BTreePlan& plan = old ? oldPlan : catPlan;
   const std::vector<CatRec>& recs = old ? oldRecs : liveRecs;
   for (const auto& leaf : plan.levels.empty() ? std::vector<BTreePlan::PlannedNode>{} : plan.levels[0]) {

@@ -194,6 +194,7 @@ struct FileLayout {
 struct NodeCopyLayout {
   uint64_t sector = 0;             // absolute drive sector of its first byte
   bool inJournal = false;
+  bool old = false;                // a leaf of the old catalog (earlier versions, deleted entries)
   std::vector<uint32_t> records;   // file and folder records
   std::vector<uint32_t> threads;   // thread records, by the ID they stand for
 };
