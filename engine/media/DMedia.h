@@ -109,6 +109,9 @@ class DMedia {
     PlistArray* rows = nullptr;
   };
   bool verifyVIB(const VolumeInformationBlock& header) const;
+  // The same checks but for the file and folder counts, which an alternate
+  // header may still hold from when the volume was made.
+  bool verifyVIBLayout(const VolumeInformationBlock& header) const;
   // vib and HPlusVolStart must be set first; result becomes "Valid",
   // "Partial Valid" or "Invalid".
   void verifyVolumeAndGetData(std::string& result, uint64_t whetherAlternateSector);
@@ -195,6 +198,10 @@ class DMedia {
   uint32_t countLeafNodes(int32_t nodeSizeInSectors);
   // "Scan Complete", with what could not be read.
   ProgressReport completeReport() const;
+  // How far the disk agrees with header h read as a volume starting at
+  // `start`: 2 when the catalog's header node lies where h says, 1 when only
+  // h's other copy (or catalog leaves) does, 0 when nothing does.
+  int readingAgreement(const VolumeInformationBlock& h, uint64_t start, bool alternate);
   void reportNodeWalk(uint64_t done, uint64_t total, double elapsedSeconds);
 
   std::set<uint32_t> mbrTablesRead_;

@@ -60,13 +60,17 @@ class ChunkWindow {
 }  // namespace
 
 bool DMedia::verifyVIB(const VolumeInformationBlock& h) const {
+  return h.fileCount != 0 && h.folderCount != 0 && verifyVIBLayout(h);
+}
+
+bool DMedia::verifyVIBLayout(const VolumeInformationBlock& h) const {
   const uint32_t sectorsPerBlock = h.blockSize / kSectorSize;
   const bool blockSizeOk = h.blockSize >= 1024 && h.blockSize % kSectorSize == 0 &&
                            (sectorsPerBlock == 2 || sectorsPerBlock == 4 || sectorsPerBlock == 8 ||
                             sectorsPerBlock == 16);
   if (!blockSizeOk) return false;
-  if (h.totalBlocks == 0 || h.fileCount == 0 || h.folderCount == 0 || h.createDate == 0 || h.modifyDate == 0 ||
-      h.dataClumpSize == 0 || (h.signature == 0 && h.version == 0))
+  if (h.totalBlocks == 0 || h.createDate == 0 || h.modifyDate == 0 || h.dataClumpSize == 0 ||
+      (h.signature == 0 && h.version == 0))
     return false;
   for (const HFSPlusForkData_* fork : {&h.catalogFile, &h.extentsFile}) {
     if (fork->logicalSize == 0 || fork->clumpSize == 0 || fork->totalBlocks == 0 ||
@@ -106,6 +110,33 @@ uint64_t DMedia::extentsNodeToSector(uint32_t node) const {
     r -= d.blockCount * bs / nodeSectors;
   }
   return kNoSector;
+}
+
+int DMedia::readingAgreement(const VolumeInformationBlock& h, uint64_t start, bool alternate) {
+  const uint64_t bs = h.blockSize / kSectorSize;
+  const uint64_t size = bs * h.totalBlocks;
+  uint8_t sector[kSectorSize] = {};
+  const uint64_t catalog = start + uint64_t{h.catalogFile.extents.extDesc[0].startBlock} * bs;
+  if (catalog < sizeInSect && readSector(catalog, 1, sector) && headerRecordIfGood(sector)) return 2;
+  // The header's other copy: the alternate for a primary reading, and back.
+  const uint64_t other = alternate ? start + 2 : start + size - 2;
+  std::memset(sector, 0, sizeof sector);
+  if (other < sizeInSect && readSector(other, 1, sector)) {
+    VolumeInformationBlock copy;
+    std::memcpy(&copy, sector, sizeof copy);
+    convertVIB(&copy);
+    if (isHFSPlusSignature(copy.signature) && copy.createDate == h.createDate) return 1;
+  }
+  // Catalog leaves where the header puts the catalog, at either common node size.
+  for (uint64_t nodeSectors : {uint64_t{8}, uint64_t{16}})
+    for (uint64_t n = 1; n <= 8; ++n) {
+      const uint64_t at = catalog + n * nodeSectors;
+      if (at >= sizeInSect || n * nodeSectors >= uint64_t{h.catalogFile.extents.extDesc[0].blockCount} * bs) break;
+      std::memset(sector, 0, sizeof sector);
+      if (!readSector(at, 1, sector)) continue;
+      if (auto d = nodeDescriptorOf(sector); d && isLeafNode(*d) && d->numRecords > 0) return 1;
+    }
+  return 0;
 }
 
 void DMedia::reportNodeWalk(uint64_t done, uint64_t total, double elapsedSeconds) {
@@ -277,15 +308,16 @@ void DMedia::initializeForVolumeThoroughScan(const VolumeScanRequest& request) {
   auto estimateStart = Clock::now();
   uint64_t chunk = 0, chunkAtEstimateStart = 0;
 
+  auto alreadyListed = [&](uint64_t start) {
+    return std::find(volFoundAtSectorArray.begin(), volFoundAtSectorArray.end(), start) != volFoundAtSectorArray.end();
+  };
   auto verifyAt = [&](uint64_t start, uint64_t alternateSector) {
     HPlusVolStart = start;
     send({{progress::kStartAnimation, true}, {progress::kProgressStatus, true}});
     std::string result;
     verifyVolumeAndGetData(result, alternateSector);
     send({{progress::kStopAnimation, true}});
-    const bool seen = std::find(volFoundAtSectorArray.begin(), volFoundAtSectorArray.end(), start) !=
-                      volFoundAtSectorArray.end();
-    if (result != "Invalid" && !seen) {
+    if (result != "Invalid" && !alreadyListed(start)) {
       if (request.rows)
         request.rows->push_back(PlistDict{{"Found Column", fmt::format("Volume Found At Sector: {}", start)},
                                           {"Validity Column", result}});
@@ -295,6 +327,30 @@ void DMedia::initializeForVolumeThoroughScan(const VolumeScanRequest& request) {
     // The estimate starts afresh after each verification.
     estimateStart = Clock::now();
     chunkAtEstimateStart = chunk;
+  };
+
+  // A reading of a header whose place the disk does not confirm (a copy in a
+  // journal, a primary header read as an alternate one, a volume whose
+  // catalog is gone): kept, and listed at the end only when no confirmed
+  // reading of a volume with that creation date was found.
+  struct Reading {
+    VolumeInformationBlock header;
+    uint64_t start, alternateSector;
+    int agreement;
+    size_t order;
+  };
+  std::vector<Reading> unconfirmed;
+  constexpr size_t kMaxUnconfirmed = 4096;
+  auto consider = [&](const VolumeInformationBlock& h, uint64_t start, uint64_t alternateSector) {
+    if (alreadyListed(start)) return;
+    const int agreement = readingAgreement(h, start, alternateSector != 0);
+    if (agreement == 2) {
+      vib = h;
+      verifyAt(start, alternateSector);
+      btreeForVIBCreateDate.insert(h.createDate, 0);
+    } else if (unconfirmed.size() < kMaxUnconfirmed) {
+      unconfirmed.push_back({h, start, alternateSector, agreement, unconfirmed.size()});
+    }
   };
 
   for (uint64_t pos = 0; pos < total && !abortVolumeScan.load(); pos += kChunkSectors, ++chunk) {
@@ -308,19 +364,31 @@ void DMedia::initializeForVolumeThoroughScan(const VolumeScanRequest& request) {
       if (!isHFSPlusSignature(loadBE16(sector))) continue;
       const uint64_t s = pos + i;
       if (s >= total) break;
-      std::memcpy(&vib, sector, sizeof vib);
-      convertVIB(&vib);
-      if (!verifyVIB(vib) || btreeForVIBCreateDate.retrieveKeyField(vib.createDate)) continue;
-      // Primary and alternate headers share the creation date: one look per volume.
-      btreeForVIBCreateDate.insert(vib.createDate, 0);
-      const uint64_t size = uint64_t{vib.blockSize / kSectorSize} * vib.totalBlocks;
-      if (s >= 2 && s - 2 + size <= total) verifyAt(s - 2, 0);
-      if (s >= 2 && size < s - 2 && !abortVolumeScan.load()) {
-        std::memcpy(&vib, sector, sizeof vib);
-        convertVIB(&vib);
-        if (verifyVIB(vib)) verifyAt(s - size + 2, s);
-      }
+      VolumeInformationBlock h;
+      std::memcpy(&h, sector, sizeof h);
+      convertVIB(&h);
+      // Every plausible header is looked at: its creation date alone may be
+      // shared with the journal's copies of it. An alternate header may still
+      // carry the counts of a new volume.
+      if (!verifyVIBLayout(h)) continue;
+      const uint64_t size = uint64_t{h.blockSize / kSectorSize} * h.totalBlocks;
+      if (verifyVIB(h) && s >= 2 && s - 2 + size <= total) consider(h, s - 2, 0);
+      if (s >= 2 && size < s - 2 && !abortVolumeScan.load()) consider(h, s - size + 2, s);
     }
+  }
+  // For each creation date no confirmed reading accounted for, the best of
+  // the others: the one the disk agrees with most, an alternate header's
+  // before a copy read as a primary one, the first met before later ones.
+  std::stable_sort(unconfirmed.begin(), unconfirmed.end(), [](const Reading& a, const Reading& b) {
+    if (a.agreement != b.agreement) return a.agreement > b.agreement;
+    return (a.alternateSector != 0) > (b.alternateSector != 0);
+  });
+  for (const Reading& r : unconfirmed) {
+    if (abortVolumeScan.load()) break;
+    if (btreeForVIBCreateDate.retrieveKeyField(r.header.createDate) || alreadyListed(r.start)) continue;
+    btreeForVIBCreateDate.insert(r.header.createDate, 0);
+    vib = r.header;
+    verifyAt(r.start, r.alternateSector);
   }
   if (request.volumes)
     for (const auto& v : volumeScanArray) request.volumes->push_back(v);

@@ -1,0 +1,125 @@
+// The thorough search of a drive whose volume lost its primary header or its
+// first megabyte: the journal's copies of the header never stand for the
+// volume, and a volume whose alternate header survives is listed.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "DriveFile.h"
+#include "ImageBuilder.h"
+
+namespace ambrel::test {
+namespace {
+
+namespace mk = ambrel::mkimage;
+
+struct Found {
+  uint64_t start = 0;
+  std::string validity, name;
+};
+
+std::vector<Found> thoroughSearch(const std::string& image) {
+  OpenedDrive drive{std::filesystem::path(image)};
+  PlistArray volumes, rows;
+  drive.media->initializeForVolumeThoroughScan({&drive.controller, &volumes, &rows});
+  std::vector<Found> out;
+  for (const auto& row : rows) {
+    const std::string found = row.dict()->string("Found Column");
+    Found f;
+    f.start = std::stoull(found.substr(found.rfind(' ') + 1));
+    f.validity = row.dict()->string("Validity Column");
+    for (const auto& v : volumes)
+      if (v.dict()->u64("Volume Start") == f.start) f.name = v.dict()->string("Volume Name");
+    out.push_back(f);
+  }
+  return out;
+}
+
+void zeroSectors(const std::string& image, uint64_t first, uint64_t count) {
+  const int fd = ::open(image.c_str(), O_WRONLY | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  const std::vector<uint8_t> zeros(count * 512, 0);
+  ASSERT_EQ(::pwrite(fd, zeros.data(), zeros.size(), static_cast<off_t>(first * 512)),
+            static_cast<ssize_t>(zeros.size()));
+  ::close(fd);
+}
+
+// A GPT drive with room after its one journaled volume, so that a header copy
+// in the journal, read as a primary header, describes a volume that fits.
+mk::DriveLayout buildJournaledDrive(const std::string& image) {
+  mk::DriveSpec d;
+  d.table = mk::TableKind::GPT;
+  mk::PartitionSpec p;
+  mk::VolumeSpec v;
+  v.name = "Journaled";
+  v.journal = true;
+  v.generate = mk::GenerateSpec{200, 12, 3, 1, 8000, false};
+  mk::EntrySpec gone;
+  gone.name = "gone.txt";
+  gone.dataSize = 3000;
+  gone.deleted = true;
+  v.root.push_back(gone);
+  p.volume = v;
+  d.partitions.push_back(p);
+  d.sizeBytes = 64 << 20;
+  return mk::buildImage(d, image);
+}
+
+}  // namespace
+
+TEST(VolumeSearchDamage, AJournalCopyOfTheHeaderStoodForTheVolumeWhosePrimaryHeaderIsGone) {
+  TempDir dir;
+  const std::string image = (dir / "drive.img").string();
+  const mk::DriveLayout layout = buildJournaledDrive(image);
+  const mk::VolumeLayout& vol = *layout.partitions[0].volume;
+  ASSERT_FALSE(vol.journalNodeCopySectors.empty());
+  zeroSectors(image, vol.startSector + 2, 1);
+
+  const auto found = thoroughSearch(image);
+  ASSERT_EQ(found.size(), 1u);
+  EXPECT_EQ(found[0].start, vol.startSector);
+  EXPECT_EQ(found[0].validity, "Valid");
+  EXPECT_EQ(found[0].name, "Journaled");
+}
+
+TEST(VolumeSearchDamage, AVolumeWhoseFirstMegabyteIsGoneWasNotListed) {
+  TempDir dir;
+  const std::string image = (dir / "drive.img").string();
+  const mk::DriveLayout layout = buildJournaledDrive(image);
+  const mk::VolumeLayout& vol = *layout.partitions[0].volume;
+  zeroSectors(image, vol.startSector, 2048);
+
+  const auto found = thoroughSearch(image);
+  ASSERT_EQ(found.size(), 1u);
+  EXPECT_EQ(found[0].start, vol.startSector);
+  EXPECT_EQ(found[0].validity, "Partial Valid");  // its catalog lay in that megabyte
+}
+
+// A Mac-made volume: its alternate header still has the counts of a freshly
+// made volume (no folders), and the journal holds six copies of the header.
+TEST(VolumeSearchDamage, MacVolumeFoundFromItsAlternateHeaderOnly) {
+  const auto data = sharedTestData();
+  if (data.empty()) GTEST_SKIP() << "shared test data not present";
+  TempDir dir;
+  const std::string image = (dir / "mbr.img").string();
+  ASSERT_EQ(runCommand("7z e -so '" + (data / "hfs_images/hfsinspect/MBR.dmg.7z").string() + "' > '" + image +
+                       "' 2>/dev/null"),
+            0);
+  const uint64_t start = 63;
+  for (uint64_t zeroed : {uint64_t{1}, uint64_t{2048}}) {
+    SCOPED_TRACE(zeroed);
+    const std::string copy = (dir / "copy.img").string();
+    ASSERT_EQ(runCommand("cp '" + image + "' '" + copy + "'"), 0);
+    zeroSectors(copy, zeroed == 1 ? start + 2 : start, zeroed);
+    const auto found = thoroughSearch(copy);
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found[0].start, start);
+    EXPECT_EQ(found[0].validity, "Valid");
+    EXPECT_EQ(found[0].name, "HFS Plus");
+  }
+}
+
+}  // namespace ambrel::test
