@@ -206,6 +206,10 @@ int runRecover(RecoverOptions& opt) {
              r.failedReads, r.renamed);
   if (r.damagedCompressed)
     fmt::print("Compressed files not decoded completely: {}\n", r.damagedCompressed);
+  for (const auto& line : r.uncertainFiles) fmt::print(stderr, "uncertain: {}\n", terminalText(line));
+  if (r.uncertainFiles.size() < r.uncertain)
+    fmt::print(stderr, "uncertain: ... {} more\n", r.uncertain - r.uncertainFiles.size());
+  if (r.uncertain) fmt::print("Saved with content that may not be right: {}\n", r.uncertain);
   if (r.aborted) return kExitStopped;
   if (volume->isGone()) return kExitDriveGone;
   if (r.failedCreates + r.failedWrites + r.damagedCompressed > 0) return kExitFailed;

@@ -21,6 +21,19 @@ struct TreeOptions {
   std::string saveScanInfoPath;
 };
 
+// Files whose confidence is other than sure.
+size_t uncertainFiles(const HDIR& root) {
+  size_t n = 0;
+  std::vector<const HDIR*> stack{&root};
+  while (!stack.empty()) {
+    const HDIR* e = stack.back();
+    stack.pop_back();
+    n += e->fileType == kHDIRFile && e->confidence != Confidence::Sure;
+    for (const auto& c : e->children()) stack.push_back(c.get());
+  }
+  return n;
+}
+
 // A tree kept in a scan info file, listed as the scan that made it listed it.
 int listScanInfo(const TreeOptions& opt) {
   CliController controller;
@@ -59,6 +72,9 @@ int runTree(TreeOptions& opt) {
     return readOutcome(*volume, controller, kExitFailed, "that may be why");
   }
   writeTreeListing(*volume->dirRoot, opt.format == "json" ? ListingFormat::Json : ListingFormat::Tsv, stdout);
+  if (const size_t uncertain = uncertainFiles(*volume->dirRoot))
+    fmt::print(stderr, "ambrel-cli: {} files listed whose content may not be right (see the confidence column)\n",
+               uncertain);
   if (!opt.saveScanInfoPath.empty()) {
     auto failure = saveScanInfo(opt.saveScanInfoPath, *volume, volumeList, &controller);
     fmt::print(stderr, "\n");

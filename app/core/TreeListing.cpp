@@ -14,8 +14,8 @@ namespace {
 
 constexpr int64_t kHfsToUnix = 2082844800;
 
-const char* const kColumns[] = {"path",     "type",     "fileID",  "parentID", "fileSize",    "dataSize",
-                                "rscSize",  "fileCount", "created", "modified", "dataExtents", "rscExtents"};
+const char* const kColumns[] = {"path",     "type",      "fileID",  "parentID", "fileSize",    "dataSize",  "rscSize",
+                                "fileCount", "created", "modified", "dataExtents", "rscExtents", "confidence"};
 
 std::string extentsText(const std::vector<Extent>& extents) {
   std::string out;
@@ -56,16 +56,19 @@ void writeTreeListing(const HDIR& root, ListingFormat format, std::FILE* out) {
     const HDIR* e = &entry;
     const std::string path = pathName + "/" + e->fileName();
     const char* type = e->fileType == kHDIRFolder ? "folder" : "file";
+    // Only a file's content can be uncertain.
+    const char* confidence = e->fileType == kHDIRFolder ? "" : confidenceText(e->confidence);
     if (json) {
       fmt::print(out, "{}\n{{\"path\":{},\"type\":\"{}\",\"fileID\":{},\"parentID\":{},\"fileSize\":{},\"dataSize\":{},"
-                 "\"rscSize\":{},\"fileCount\":{},\"created\":{},\"modified\":{},\"dataExtents\":{},\"rscExtents\":{}}}",
+                 "\"rscSize\":{},\"fileCount\":{},\"created\":{},\"modified\":{},\"dataExtents\":{},\"rscExtents\":{},"
+                 "\"confidence\":{}}}",
                  first ? "" : ",", jsonQuote(path), type, e->fileID, e->parentID, e->fileSize, e->dataSize, e->rscSize,
                  e->fileCount, jsonQuote(hfsDateText(e->createDate)), jsonQuote(hfsDateText(e->modDate)),
-                 jsonQuote(extentsText(e->dataExt)), jsonQuote(extentsText(e->rscExt)));
+                 jsonQuote(extentsText(e->dataExt)), jsonQuote(extentsText(e->rscExt)), jsonQuote(confidence));
     } else {
-      fmt::print(out, "{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\n", tsvCell(path), type, e->fileID, e->parentID,
-                 e->fileSize, e->dataSize, e->rscSize, e->fileCount, hfsDateText(e->createDate),
-                 hfsDateText(e->modDate), extentsText(e->dataExt), extentsText(e->rscExt));
+      fmt::print(out, "{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\n", tsvCell(path), type, e->fileID,
+                 e->parentID, e->fileSize, e->dataSize, e->rscSize, e->fileCount, hfsDateText(e->createDate),
+                 hfsDateText(e->modDate), extentsText(e->dataExt), extentsText(e->rscExt), confidence);
     }
     first = false;
     return true;

@@ -15,7 +15,8 @@ enum class ListingFormat { Tsv, Json };
 std::string hfsDateText(uint32_t hfsSeconds);
 
 // Writes the columns path, type, fileID, parentID, fileSize, dataSize,
-// rscSize, fileCount, created, modified, dataExtents, rscExtents.
+// rscSize, fileCount, created, modified, dataExtents, rscExtents, confidence
+// (files: "sure", or why their content may be wrong; folders: empty).
 void writeTreeListing(const HDIR& root, ListingFormat format, std::FILE* out);
 
 }  // namespace ambrel

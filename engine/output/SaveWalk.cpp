@@ -270,6 +270,11 @@ void Saver::Walk::saveFile(Frame& f, Names& names, const HDIR& c) {
   const bool cutShort = !aborted && ((!compressed && data.written < c.dataSize) || rsrc.written < c.rscSize);
   if (!aborted && unreadable == 0 && !noGeometry && !badCompressed && !cutShort) {
     ++result.filesWritten;
+    if (c.confidence != Confidence::Sure) {
+      ++result.uncertain;
+      if (result.uncertainFiles.size() < kMaxListedProblems)
+        result.uncertainFiles.push_back(fmt::format("{} ({})", path(), confidenceText(c.confidence)));
+    }
     return;
   }
 

@@ -337,6 +337,9 @@ SaveResult Saver::saveFilesAndFolders(const std::string& destination) {
                                r.unreadableSectors);
       if (r.damagedCompressed)
         message += fmt::format("\n{} compressed files could not be decoded completely.", r.damagedCompressed);
+      if (r.uncertain)
+        message += fmt::format("\n{} files were saved whose content may not be right (see their confidence).",
+                               r.uncertain);
       if (r.renamed) message += fmt::format("\n{} names were changed so that they could be saved safely.", r.renamed);
       controller_->alert(title, message, {"OK"});
     }

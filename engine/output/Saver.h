@@ -87,6 +87,10 @@ struct SaveResult {
   uint64_t unreadableSectors = 0;
   uint32_t renamed = 0;      // names made safe or numbered to avoid a collision
   uint32_t damagedCompressed = 0;  // compressed files with parts that could not be decoded
+  // Files saved whose content may be wrong: the scan listed them with a
+  // confidence other than sure (assumed block size, reused blocks, missing extents).
+  uint32_t uncertain = 0;
+  std::vector<std::string> uncertainFiles;  // the first of them, "path (why)"
   // The first problems and renames, as lines a user can read. Every file not
   // saved whole has a problem line, up to kMaxListedProblems.
   std::vector<std::string> problems;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <map>
 #include <set>
 
 #include "ImageBuilder.h"
@@ -131,14 +132,15 @@ TEST(TreeListing, CliPrintsEveryEntryInPreOrderAsTsvOrJson) {
   for (std::string line; std::getline(in, line);) lines.push_back(line);
   ASSERT_EQ(lines.size(), 4u) << out;
   EXPECT_EQ(lines[0],
-            "path\ttype\tfileID\tparentID\tfileSize\tdataSize\trscSize\tfileCount\tcreated\tmodified\tdataExtents\trscExtents");
-  EXPECT_EQ(lines[1], "/Root\tfolder\t2\t1\t5100\t0\t0\t1\t\t\t\t");
+            "path\ttype\tfileID\tparentID\tfileSize\tdataSize\trscSize\tfileCount\tcreated\tmodified\tdataExtents\trscExtents"
+            "\tconfidence");
+  EXPECT_EQ(lines[1], "/Root\tfolder\t2\t1\t5100\t0\t0\t1\t\t\t\t\t");
   EXPECT_EQ(lines[2].rfind("/Root/Second folder\tfolder\t16\t2\t5100\t0\t0\t1\t", 0), 0u) << lines[2];
   std::string extents;
   for (const auto& e : a->dataExtents) extents += (extents.empty() ? "" : ",") + std::to_string(e.startBlock) + "+" + std::to_string(e.blockCount);
   const std::string rsrc = std::to_string(a->rsrcExtents[0].startBlock) + "+1";
   EXPECT_EQ(lines[3], "/Root/Second folder/a.txt\tfile\t" + std::to_string(a->cnid) + "\t16\t5100\t5000\t100\t1\t" +
-                          "2023-11-14T22:13:20Z\t2023-11-14T23:13:20Z\t" + extents + "\t" + rsrc);
+                          "2023-11-14T22:13:20Z\t2023-11-14T23:13:20Z\t" + extents + "\t" + rsrc + "\tsure");
 
   // JSON: the same rows, read back by an independent parser.
   const std::string py =
@@ -147,8 +149,8 @@ TEST(TreeListing, CliPrintsEveryEntryInPreOrderAsTsvOrJson) {
   out.clear();
   ASSERT_EQ(runCommand(cli() + " tree --volume 2 --format json '" + image + "' 2>/dev/null | python3 -c \"" + py + "\" 2>&1", &out), 0) << out;
   EXPECT_EQ(out,
-            "3 /Root/Second folder/a.txt 5000 2023-11-14T22:13:20Z 1 ['created', 'dataExtents', 'dataSize', 'fileCount', "
-            "'fileID', 'fileSize', 'modified', 'parentID', 'path', 'rscExtents', 'rscSize', 'type']\n");
+            "3 /Root/Second folder/a.txt 5000 2023-11-14T22:13:20Z 1 ['confidence', 'created', 'dataExtents', 'dataSize', "
+            "'fileCount', 'fileID', 'fileSize', 'modified', 'parentID', 'path', 'rscExtents', 'rscSize', 'type']\n");
 
   // Bad choices are refused with a reason.
   out.clear();
@@ -181,4 +183,48 @@ TEST(TreeListing, CliReadsABareVolumeAndAnExplicitRange) {
   out.clear();
   EXPECT_EQ(runCommand(cli() + " tree --start 1 --sectors 100 '" + image + "' 2>&1", &out), 1);
   EXPECT_NE(out.find("try --advanced"), std::string::npos) << out;
+}
+
+// A file whose content may be wrong says so: in the listing's confidence
+// column, and again when it is saved.
+TEST(TreeListing, FilesOfUncertainContentAreFlaggedInTheListingAndTheSaveSummary) {
+  TempDir dir;
+  mk::DriveSpec d;
+  d.table = mk::TableKind::None;
+  mk::VolumeSpec v;
+  mk::EntrySpec scattered = file("scattered.bin", 12 * 4096);
+  scattered.dataFragments = 12;  // four extents only the extents file knows
+  v.root = {scattered, file("whole.txt", 3000)};
+  v.damage.extentsHeaderCorrupted = true;
+  d.volume = v;
+  const std::string image = (dir / "vol.img").string();
+  mk::buildImage(d, image);
+
+  std::string out;
+  ASSERT_EQ(runCommand(cli() + " tree '" + image + "' 2>/dev/null", &out), 0);
+  std::map<std::string, std::string> confidence;
+  std::istringstream in(out);
+  for (std::string line; std::getline(in, line);) {
+    const std::string path = line.substr(0, line.find('\t'));
+    confidence[path] = line.substr(line.rfind('\t') + 1);
+  }
+  EXPECT_EQ(confidence["path"], "confidence");
+  EXPECT_EQ(confidence["/Root"], "");
+  EXPECT_EQ(confidence["/Root/scattered.bin"], "extents missing");
+  EXPECT_EQ(confidence["/Root/whole.txt"], "sure");
+  std::string treeErr;
+  runCommand(cli() + " tree '" + image + "' 2>&1 >/dev/null", &treeErr);
+  EXPECT_NE(treeErr.find("1 files listed whose content may not be right"), std::string::npos) << treeErr;
+
+  std::string err;
+  out.clear();
+  ASSERT_EQ(runCommand(cli() + " recover --out '" + (dir / "out").string() + "' '" + image + "' 2>" +
+                           (dir / "err.txt").string(),
+                       &out),
+            0);
+  const std::vector<uint8_t> errBytes = readFile(dir / "err.txt");
+  err.assign(errBytes.begin(), errBytes.end());
+  EXPECT_NE(out.find("Saved with content that may not be right: 1\n"), std::string::npos) << out;
+  EXPECT_NE(err.find("uncertain: /Root/scattered.bin (extents missing)"), std::string::npos) << err;
+  EXPECT_EQ(err.find("whole.txt"), std::string::npos) << err;
 }
