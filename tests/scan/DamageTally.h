@@ -35,6 +35,7 @@ struct Tally {
   size_t duplicates = 0;  // further entries of one file (same ID and extents)
   size_t flagged = 0;     // entries listed as of uncertain content
   size_t assumedGeometry = 0;  // of those, found under an assumed block size
+  size_t others = 0;      // listed files that are none of the expected (deleted ones, earlier versions)
   std::vector<std::string> problems;  // the first few, readable
 
   void note(const std::string& what) {
@@ -82,6 +83,9 @@ inline Tally tallyScan(const std::string& image, const Volume& v, const std::vec
       t.flagged += entryIsFlagged(*f);
       t.assumedGeometry += f->confidence == Confidence::AssumedGeometry;
     }
+  std::set<uint32_t> wanted;
+  for (const ExpectedFile& w : want) wanted.insert(w.id);
+  for (const auto& [id, e] : byID) t.others += !wanted.count(id);
   for (const ExpectedFile& w : want) {
     if (w.recordLost) continue;
     ++t.expected;
@@ -124,7 +128,7 @@ inline void printTallyRow(const std::string& volume, const std::string& damage, 
                           std::to_string(t.pathKnown) + "\t" + std::to_string(t.atPath) + "\t" +
                           std::to_string(t.anywhere) + "\t" +
                           std::to_string(t.wrong) + "\t" + std::to_string(t.duplicates) + "\t" +
-                          std::to_string(t.flagged);
+                          std::to_string(t.flagged) + "\t" + std::to_string(t.others);
   std::printf("[ tally    ] %s\n", row.c_str());
   if (const char* file = std::getenv("AMBREL_DAMAGE_TABLE")) std::ofstream(file, std::ios::app) << row << "\n";
 }

@@ -22,6 +22,7 @@ struct Damage {
 
 const std::vector<Damage>& damages() {
   static const std::vector<Damage> all = {
+      {"none", [](mk::VolumeDamage&) {}},
       {"catalog header", [](mk::VolumeDamage& d) { d.catalogHeaderCorrupted = true; }},
       {"extents header", [](mk::VolumeDamage& d) { d.extentsHeaderCorrupted = true; }},
       {"root node", [](mk::VolumeDamage& d) { d.catalogRootCorrupted = true; }},
