@@ -80,6 +80,7 @@ struct SharedImage {
 const SharedImage kShared[] = {
     {"hfsinspect/MBR.dmg.7z", "7z e -so"},
     {"shockpkg-archive-files/test-archive-hfsp-j.DERIVED.raw.gz", "gzip -dc"},
+    {"shockpkg-archive-files/test-archive-hfsp-j-c.DERIVED.raw.gz", "gzip -dc"},
     {"dfvfs/hfsplus.raw", ""},
 };
 
