@@ -58,8 +58,9 @@ void Volume::scanLeafEnds(uint64_t from, uint64_t to, int32_t knownNodeSectors, 
           const uint8_t* head = nullptr;
           if (nodeStart >= batchStart) {
             head = &batch[(nodeStart - batchStart) * kSectorSize];
-          } else if (readSector(nodeStart, 1, first)) {
-            head = first;
+          } else {
+            std::fill(std::begin(first), std::end(first), 0);
+            if (readSector(nodeStart, 1, first)) head = first;
           }
           if (head && plausibleLeafNode(head, sector, static_cast<uint32_t>(nodeSectors * kSectorSize)))
             sizes |= static_cast<uint8_t>(1u << k);

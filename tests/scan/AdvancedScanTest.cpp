@@ -325,3 +325,34 @@ TEST(StandardScan, OverflowExtentsOfResourceForksFoundInATwoLevelExtentsTree) {
     }
   }
 }
+
+// A read that fails or comes back short must not leave the bytes of the
+// previous batch where nodes are looked for: here the image ends early, and
+// the catalog nodes of the first megabyte must not be found again past its end.
+TEST(NodeSearch, AShortBatchReadLeftOldBytesThatLookedLikeNodes) {
+  TempDir dir;
+  const std::string image = (dir / "cut.img").string();
+  mk::DriveSpec d;
+  d.table = mk::TableKind::None;
+  mk::VolumeSpec v;
+  v.blockSize = 512;
+  v.sizeBytes = 4 << 20;
+  v.generate = mk::GenerateSpec{300, 10, 5, 1, 1000, false};
+  d.volume = v;
+  constexpr uint64_t kKeptSectors = 2016 + 10;  // one search batch and a little
+  d.truncateToBytes = kKeptSectors * 512;
+  const mk::DriveLayout layout = mk::buildImage(d, image);
+  const mk::VolumeLayout& vol = *layout.volume;
+  std::vector<uint64_t> leaves;
+  for (const auto& n : vol.catalog.nodes)
+    if (n.kind == -1 && n.numRecords <= 254) leaves.push_back(n.sector);  // fuller ones are passed over
+  ASSERT_GT(leaves.size(), 3u);
+  ASSERT_LT(leaves.back(), kKeptSectors - 16);  // every leaf in the part that was kept
+
+  RecordingController controller;
+  Volume volume(volumeDict(image, 0, vol.sizeSectors), &controller);
+  ASSERT_TRUE(volume.initializeVIB());
+  ASSERT_TRUE(volume.checkCatalogAndExtentsFile());
+  volume.searchCatFrags();
+  EXPECT_EQ(volume.CatNodeArray, leaves);
+}
