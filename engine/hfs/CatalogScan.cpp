@@ -326,7 +326,7 @@ void Volume::processLeafRecord(const std::vector<uint8_t>& node, uint32_t numRec
   ++fileCount;
   ++entryCount;
   dataSize += entry->fileSize;
-  if (!consistent) return;  // dropped after being counted, as built
+  if (!consistent) return;  // dropped, though the counters keep it
   if (data == ForkExtents::Incomplete || rsrc == ForkExtents::Incomplete) noteMissingExtents(*entry);
 
   entry->addToFileCount(1);

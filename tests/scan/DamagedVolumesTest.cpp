@@ -48,7 +48,7 @@ mk::EntrySpec fileEntry(const std::string& name, uint64_t size, uint32_t fragmen
 
 // A journaled volume with a generated tree, a few deleted files, a file with
 // an earlier version, and forks that overflow into the extents file.
-mk::VolumeSpec contentSpec(uint32_t blockSize, uint32_t nodeSize, bool journal = true) {
+mk::VolumeSpec contentVolume(uint32_t blockSize, uint32_t nodeSize, bool journal = true) {
   mk::VolumeSpec v;
   v.blockSize = blockSize;
   v.nodeSize = nodeSize;
@@ -80,11 +80,11 @@ struct BuiltPair {
   mk::VolumeLayout layout;
 };
 
-std::unique_ptr<BuiltPair> buildPair(mk::VolumeSpec spec, const Damage& damage) {
+std::unique_ptr<BuiltPair> buildPair(mk::VolumeSpec described, const Damage& damage) {
   auto b = std::make_unique<BuiltPair>();
   mk::DriveSpec d;
   d.table = mk::TableKind::None;
-  d.volume = spec;
+  d.volume = described;
   mk::buildImage(d, b->intact);
   damage.apply(d.volume->damage);
   b->layout = *mk::buildImage(d, b->damaged).volume;
@@ -182,7 +182,7 @@ const Damage& damageNamed(const std::string& name) {
 Tally measure(uint32_t blockSize, uint32_t nodeSize, const std::string& damageName, const std::string& mode,
               bool journal = true) {
   const Damage& damage = damageNamed(damageName);
-  auto b = buildPair(contentSpec(blockSize, nodeSize, journal), damage);
+  auto b = buildPair(contentVolume(blockSize, nodeSize, journal), damage);
   mk::VolumeDamage applied;
   damage.apply(applied);
   ScanResult r = scan(b->damaged, 0, b->layout.sizeSectors, mode);
@@ -240,7 +240,7 @@ TEST(DamagedVolumes, StandardScanGaveUpWhenEitherBTreeHeaderWasUnusable) {
   FOR_GEOMETRIES(kAllBlocks, kAllNodes) {
     for (const char* damage : {"catalog header", "extents header"}) {
       SCOPED_TRACE(damage);
-      auto b = buildPair(contentSpec(blockSize, nodeSize), damageNamed(damage));
+      auto b = buildPair(contentVolume(blockSize, nodeSize), damageNamed(damage));
       mk::VolumeDamage applied;
       damageNamed(damage).apply(applied);
       ScanResult r = scan(b->damaged, 0, b->layout.sizeSectors, "Normal Scan");
@@ -266,11 +266,11 @@ TEST(DamagedVolumes, StandardScanGaveUpWhenEitherBTreeHeaderWasUnusable) {
 // journal's own files have) are skipped alone: the records after them in the
 // same node still come back.
 TEST(DamagedVolumes, ARecordWithAZeroAccessDateEndedItsNode) {
-  mk::VolumeSpec spec = contentSpec(4096, 4096);
+  mk::VolumeSpec described = contentVolume(4096, 4096);
   mk::EntrySpec odd = fileEntry("accessed never.txt", 3000);
   odd.accessed = 0;
-  spec.root[0].children.push_back(odd);
-  auto b = buildPair(spec, damageNamed("both headers"));
+  described.root[0].children.push_back(odd);
+  auto b = buildPair(described, damageNamed("both headers"));
   mk::VolumeDamage applied;
   damageNamed("both headers").apply(applied);
   std::vector<ExpectedFile> want = expectedFiles(*b, applied, true, true);
@@ -295,14 +295,14 @@ TEST(DamagedVolumes, ARecordWithAZeroAccessDateEndedItsNode) {
 // version is listed once more beside it, by the duplicate-name rule, with its
 // own bytes, or flagged when its blocks are in use again.
 TEST(DamagedVolumes, TheAdvancedScanListedLiveFilesAgainFromTheirCopies) {
-  mk::VolumeSpec spec = contentSpec(4096, 4096);
-  spec.journalLeafCopies = 1000;  // every leaf
-  spec.damage.oldNodeCopies = 12;
+  mk::VolumeSpec described = contentVolume(4096, 4096);
+  described.journalLeafCopies = 1000;  // every leaf
+  described.damage.oldNodeCopies = 12;
   mk::EntrySpec reused = fileEntry("rewritten.dat", 9000);
   reused.previousSize = 6000;
   reused.previousBlocksReused = true;
-  spec.root[0].children.push_back(reused);
-  auto b = buildPair(spec, damageNamed("primary header"));  // headers aside, nothing is damaged
+  described.root[0].children.push_back(reused);
+  auto b = buildPair(described, damageNamed("primary header"));  // headers aside, nothing is damaged
   ScanResult r = scan(b->intact, 0, b->layout.sizeSectors, "Advanced Scan");
   const Tally t = tallyScan(b->intact, *r.volume, expectedFiles(*b, {}, true));
   EXPECT_EQ(t.duplicates, 0u) << t.problemText();
@@ -337,10 +337,10 @@ TEST(DamagedVolumes, TheAdvancedScanListedLiveFilesAgainFromTheirCopies) {
 // for them: from an old copy of their record (with its dates), else from
 // their thread record (name and parent).
 TEST(DamagedVolumes, FoldersWithoutTheirRecordsWereNotRebuilt) {
-  mk::VolumeSpec spec = contentSpec(4096, 4096);
-  spec.journalLeafCopies = 1;             // the first leaf, which holds the top folders' records
-  spec.damage.overwriteLeafPositions = {0};
-  auto b = buildPair(spec, damageNamed("primary header"));
+  mk::VolumeSpec described = contentVolume(4096, 4096);
+  described.journalLeafCopies = 1;             // the first leaf, which holds the top folders' records
+  described.damage.overwriteLeafPositions = {0};
+  auto b = buildPair(described, damageNamed("primary header"));
   const mk::VolumeLayout& l = b->layout;
   const uint32_t firstLeaf = l.catalog.firstLeafNode;
   std::vector<const mk::FileLayout*> lostFolders;
@@ -379,7 +379,7 @@ TEST(DamagedVolumes, TableOfWhatEachScanGivesBack) {
                                  std::to_string(nodeSize / 1024) + " KiB nodes";
       for (const Damage& damage : damages()) {
         SCOPED_TRACE(volume + ", " + damage.name);
-        auto b = buildPair(contentSpec(blockSize, nodeSize), damage);
+        auto b = buildPair(contentVolume(blockSize, nodeSize), damage);
         mk::VolumeDamage applied;
         damage.apply(applied);
         for (const char* mode : {"Normal Scan", "Advanced Scan"}) {
