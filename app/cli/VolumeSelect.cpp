@@ -136,6 +136,11 @@ ScanOutcome runScan(Volume& volume, CliController& controller, bool advanced) {
   if (volume.compressedUnreadable)
     fmt::print(stderr, "{} files marked compressed have no usable compression attribute; they are listed as stored\n",
                volume.compressedUnreadable);
+  if (volume.foreignNodesSkipped)
+    fmt::print(stderr,
+               "{} catalog nodes found inside files of this volume (disk images) were left out: their blocks are "
+               "another volume's\n",
+               volume.foreignNodesSkipped);
   if (controller.terminated() || volume.isGone()) return ScanOutcome::DriveGone;
   if (controller.gaveUp() || !volume.dirRoot) return ScanOutcome::NothingUsable;
   return volume.stopTreeThread ? ScanOutcome::Stopped : ScanOutcome::Done;

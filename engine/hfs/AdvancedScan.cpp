@@ -218,6 +218,12 @@ void Volume::processCatFrags() {
         report({{progress::kBarIncrement, uint64_t{1}},
                 {progress::kTimeRemaining, timeRemainingText(secondsSince(start), processed, total)}});
       ++processed;
+      // A node inside a live file is another volume's, kept in that file
+      // (a disk image): its block numbers would read this volume's blocks.
+      if (!live && insideLiveFile(sector, static_cast<uint64_t>(catNodeSize))) {
+        ++foreignNodesSkipped;
+        continue;
+      }
       getIfUnusedSectorForCatalogNode(sector);
       if (!readNode(sector, catNodeSize, node.data())) continue;
       const BTNodeDescriptor_ d = descriptorOf(node);
@@ -269,7 +275,10 @@ RecordCheck Volume::processFragmentRecord(const std::vector<uint8_t>& node, uint
   HFSPlusCatalogFile_ file;
   if (!rec.file(file)) return RecordCheck::AbandonNode;
   if (!plausibleFileRecord(file)) return RecordCheck::SkipRecord;
-  if (!plausibleForks(file)) return RecordCheck::SkipRecord;
+  if (!plausibleForks(file)) {
+    if (live) noteUnlistedLiveFile(rec.parentID, rec.name, file);
+    return RecordCheck::SkipRecord;
+  }
   entry.fileType = kHDIRFile;
   entry.createDate = file.createDate;
   entry.modDate = file.contentModDate;
@@ -294,6 +303,7 @@ RecordCheck Volume::processFragmentRecord(const std::vector<uint8_t>& node, uint
   // The same file (ID and blocks) met before is listed once; another version
   // of it is kept.
   if (fileMetBefore(entry, incomplete)) return RecordCheck::Ok;
+  if (live) noteLiveFileBlocks(rec.parentID, rec.name, entry.dataExt, entry.rscExt);
   if (incomplete) noteMissingExtents(entry);
   entry.addToFileCount(1);
   if (live) {

@@ -304,13 +304,17 @@ void Volume::processLeafRecord(const std::vector<uint8_t>& node, uint32_t numRec
   HFSPlusCatalogFile_ file;
   if (!rec.file(file)) return;
   if (tolerant && !plausibleFileRecord(file)) return;
-  if (!plausibleForks(file)) return;
+  if (!plausibleForks(file)) {
+    noteUnlistedLiveFile(rec.parentID, rec.name, file);
+    return;
+  }
   entry->fileID = file.fileID;
   const ForkExtents data = collectForkExtents(file.dataFork, file.fileID, kDataForkType, entry->dataExt, true);
   const ForkExtents rsrc = collectForkExtents(file.resourceFork, file.fileID, kResourceForkType, entry->rscExt, true);
   const bool consistent = data != ForkExtents::Wrong && rsrc != ForkExtents::Wrong;
   // The same file met again (a chain that leads back, a second scan): listed once.
   if (consistent && fileMetBefore(*entry)) return;
+  if (consistent) noteLiveFileBlocks(rec.parentID, rec.name, entry->dataExt, entry->rscExt);
   entry->fileType = kHDIRFile;
   entry->createDate = file.createDate;
   entry->modDate = file.contentModDate;
@@ -346,14 +350,14 @@ void Volume::processLeafRecord(const std::vector<uint8_t>& node, uint32_t numRec
 
 // Sizes must fit the volume and agree with the blocks the forks claim; forks
 // of 4 GiB and more are left out on purpose.
-bool Volume::plausibleForks(const HFSPlusCatalogFile_& f) const {
+bool Volume::plausibleForks(const HFSPlusCatalogFile_& f, bool anySize) const {
   const uint64_t blockBytes = static_cast<uint64_t>(blockSize) * kSectorSize;
   if (blockBytes == 0) return false;
   const uint64_t volumeBytes = sizeInSect * kSectorSize;
   const uint64_t data = f.dataFork.logicalSize, rsrc = f.resourceFork.logicalSize;
   if (data > volumeBytes || rsrc > volumeBytes || data + rsrc >= volumeBytes) return false;
   for (const HFSPlusForkData_* fork : {&f.dataFork, &f.resourceFork}) {
-    if (fork->logicalSize >= (uint64_t{1} << 32)) return false;
+    if (!anySize && fork->logicalSize >= (uint64_t{1} << 32)) return false;
     // Against the fork's own block count: the volume header may be gone.
     if (fork->logicalSize > uint64_t{fork->totalBlocks} * blockBytes) return false;
     if (fork->totalBlocks != (fork->logicalSize + blockBytes - 1) / blockBytes) return false;

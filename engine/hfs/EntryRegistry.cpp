@@ -100,6 +100,50 @@ void Volume::flagReusedBlocks() {
   }
 }
 
+void Volume::noteLiveFileBlocks(uint32_t parentID, const std::string& name, const std::vector<Extent>& data,
+                                const std::vector<Extent>& rsrc) {
+  // The journal holds this volume's own node copies.
+  if (parentID == kRootFolderID && (name == ".journal" || name == ".journal_info_block")) return;
+  for (const auto* list : {&data, &rsrc})
+    for (const Extent& e : *list)
+      if (e.blockCount) liveFileRuns_.push_back({e.startBlock, uint64_t{e.startBlock} + e.blockCount});
+  liveFileRunsSorted_ = false;
+}
+
+void Volume::noteUnlistedLiveFile(uint32_t parentID, const std::string& name, const HFSPlusCatalogFile_& file) {
+  if (!plausibleForks(file, true)) return;
+  std::vector<Extent> data, rsrc;
+  if (collectForkExtents(file.dataFork, file.fileID, kDataForkType, data, extentsTreeUsable) == ForkExtents::Wrong ||
+      collectForkExtents(file.resourceFork, file.fileID, kResourceForkType, rsrc, extentsTreeUsable) ==
+          ForkExtents::Wrong)
+    return;
+  noteLiveFileBlocks(parentID, name, data, rsrc);
+}
+
+bool Volume::insideLiveFile(uint64_t sector, uint64_t sectors) {
+  if (liveFileRuns_.empty() || blockSize <= 0 || sector < HPlusVolStart) return false;
+  if (!liveFileRunsSorted_) {
+    std::sort(liveFileRuns_.begin(), liveFileRuns_.end(),
+              [](const BlockRun& a, const BlockRun& b) { return a.start < b.start; });
+    // Merged, so that one look-up answers.
+    std::vector<BlockRun> merged;
+    for (const BlockRun& r : liveFileRuns_) {
+      if (!merged.empty() && r.start <= merged.back().end) merged.back().end = std::max(merged.back().end, r.end);
+      else merged.push_back(r);
+    }
+    liveFileRuns_.swap(merged);
+    liveFileRunsSorted_ = true;
+  }
+  const uint64_t bs = static_cast<uint64_t>(blockSize);
+  const uint64_t first = (sector - HPlusVolStart) / bs;
+  const uint64_t last = (sector + (sectors ? sectors : 1) - 1 - HPlusVolStart) / bs;
+  auto it = std::upper_bound(liveFileRuns_.begin(), liveFileRuns_.end(), first,
+                             [](uint64_t v, const BlockRun& r) { return v < r.start; });
+  if (it == liveFileRuns_.begin()) return false;
+  --it;
+  return first >= it->start && last < it->end;
+}
+
 void Volume::provideMissingParents(const std::vector<HDIR::ChildArray*>& waiting, HDIR::ChildArray& into,
                                    bool count, bool fromAdvScanFolders) {
   std::unordered_set<uint32_t> present;

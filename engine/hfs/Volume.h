@@ -192,6 +192,8 @@ class Volume : public DMedia {
   // Files listed with a fork whose overflow extents could not be read.
   std::vector<uint32_t> missingExtentFileIDs;
   static constexpr size_t kMaxListedMissingExtents = 100000;
+  // Catalog nodes found inside live files and not read: another volume's.
+  uint64_t foreignNodesSkipped = 0;
   uint32_t compressedFiles = 0;       // listed with their uncompressed content
   uint32_t compressedUnreadable = 0;  // marked compressed without a usable attribute: listed as stored
 
@@ -223,7 +225,9 @@ class Volume : public DMedia {
   ForkExtents collectForkExtents(const HFSPlusForkData_& fork, uint32_t fileID, uint8_t forkType,
                                  std::vector<Extent>& out, bool lookUpOverflow);
   void noteMissingExtents(HDIR& entry);
-  bool plausibleForks(const HFSPlusCatalogFile_& f) const;
+  // anySize: forks of 4 GiB and more pass too (they are not listed, but their
+  // blocks are known).
+  bool plausibleForks(const HFSPlusCatalogFile_& f, bool anySize = false) const;
   void reportEntryProgress();
   bool readCatalogNode(uint32_t number, std::vector<uint8_t>& node);
   uint64_t catalogNodeCount() const;
@@ -263,6 +267,19 @@ class Volume : public DMedia {
   bool blocksInUse(const std::vector<Extent>& extents);
   // Old versions and deleted files whose blocks now hold something else.
   void flagReusedBlocks();
+  // Blocks of the live catalog's files, the journal's aside: a catalog node
+  // found inside them belongs to a volume kept in that file (a disk image),
+  // whose block numbers are not this volume's.
+  struct BlockRun {
+    uint64_t start, end;
+  };
+  std::vector<BlockRun> liveFileRuns_;
+  bool liveFileRunsSorted_ = false;
+  void noteLiveFileBlocks(uint32_t parentID, const std::string& name, const std::vector<Extent>& data,
+                          const std::vector<Extent>& rsrc);
+  // A live file too large to be listed still has its blocks noted.
+  void noteUnlistedLiveFile(uint32_t parentID, const std::string& name, const HFSPlusCatalogFile_& file);
+  bool insideLiveFile(uint64_t sector, uint64_t sectors);
   // The folders that the entries of `waiting` look for and the tree lacks:
   // an old copy's record of the folder (when fromAdvScanFolders), else one
   // rebuilt from its thread record, with their own missing parents in turn;

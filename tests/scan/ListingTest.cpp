@@ -186,7 +186,8 @@ TEST(TreeListing, CliReadsABareVolumeAndAnExplicitRange) {
 }
 
 // A file whose content may be wrong says so: in the listing's confidence
-// column, and again when it is saved.
+// column, and again when it is saved. One whose extents are missing cannot be
+// saved whole at all, and is told as cut short rather than as uncertain.
 TEST(TreeListing, FilesOfUncertainContentAreFlaggedInTheListingAndTheSaveSummary) {
   TempDir dir;
   mk::DriveSpec d;
@@ -216,15 +217,67 @@ TEST(TreeListing, FilesOfUncertainContentAreFlaggedInTheListingAndTheSaveSummary
   runCommand(cli() + " tree '" + image + "' 2>&1 >/dev/null", &treeErr);
   EXPECT_NE(treeErr.find("1 files listed whose content may not be right"), std::string::npos) << treeErr;
 
+  auto recover = [&](const std::string& flags, const std::string& img, const std::string& outDir, std::string& err) {
+    std::string stdoutText;
+    const int rc = runCommand(cli() + " recover " + flags + " --out '" + (dir / outDir).string() + "' '" + img +
+                                  "' 2>" + (dir / "err.txt").string(),
+                              &stdoutText);
+    const std::vector<uint8_t> errBytes = readFile(dir / "err.txt");
+    err.assign(errBytes.begin(), errBytes.end());
+    EXPECT_EQ(rc, 0) << stdoutText << err;
+    return stdoutText;
+  };
   std::string err;
-  out.clear();
-  ASSERT_EQ(runCommand(cli() + " recover --out '" + (dir / "out").string() + "' '" + image + "' 2>" +
-                           (dir / "err.txt").string(),
-                       &out),
-            0);
-  const std::vector<uint8_t> errBytes = readFile(dir / "err.txt");
-  err.assign(errBytes.begin(), errBytes.end());
-  EXPECT_NE(out.find("Saved with content that may not be right: 1\n"), std::string::npos) << out;
-  EXPECT_NE(err.find("uncertain: /Root/scattered.bin (extents missing)"), std::string::npos) << err;
+  out = recover("", image, "out", err);
+  EXPECT_NE(err.find("/Root/scattered.bin is cut short"), std::string::npos) << err;
+  EXPECT_EQ(out.find("may not be right"), std::string::npos) << out;
   EXPECT_EQ(err.find("whole.txt"), std::string::npos) << err;
+
+  // An earlier version whose blocks hold another file's bytes now: saved
+  // whole, and flagged.
+  mk::VolumeSpec rewritten;
+  mk::EntrySpec reused = file("rewritten.dat", 9000);
+  reused.previousSize = 6000;
+  reused.previousBlocksReused = true;
+  rewritten.root = {reused, file("whole.txt", 3000)};
+  rewritten.damage.oldNodeCopies = 4;
+  d.volume = rewritten;
+  const std::string image2 = (dir / "rewritten.img").string();
+  mk::buildImage(d, image2);
+  out = recover("--advanced", image2, "out2", err);
+  EXPECT_NE(out.find("Saved with content that may not be right: 1\n"), std::string::npos) << out;
+  EXPECT_NE(err.find("uncertain: /Root/rewritten_.dat (blocks reused)"), std::string::npos) << err;
+  EXPECT_EQ(err.find("whole.txt"), std::string::npos) << err;
+}
+
+// A disk image kept as a file holds another volume's catalog nodes, whose
+// block numbers are that volume's: the advanced scan leaves them out rather
+// than list their files over this volume's blocks.
+TEST(TreeListing, CatalogNodesInsideADiskImageFileAreNotListedAsThisVolumes) {
+  TempDir dir;
+  mk::DriveSpec inner;
+  inner.table = mk::TableKind::None;
+  mk::VolumeSpec iv;
+  for (int i = 1; i <= 5; ++i) iv.root.push_back(file("inside-" + std::to_string(i) + ".txt", 5000 + i));
+  inner.volume = iv;
+  mk::buildImage(inner, dir / "inner.img");
+
+  mk::DriveSpec outer;
+  outer.table = mk::TableKind::None;
+  mk::VolumeSpec ov;
+  mk::EntrySpec image = file("inner.dmg", 0);
+  image.data = readFile(dir / "inner.img");
+  ov.root = {image, file("outside.txt", 7000)};
+  outer.volume = ov;
+  const auto layout = mk::buildImage(outer, dir / "outer.img");
+
+  ScanResult r = scan((dir / "outer.img").string(), 0, layout.sizeBytes / 512, "Advanced Scan");
+  ASSERT_TRUE(r.volume->dirRoot);
+  const auto tree = treeOf(*r.volume);
+  std::string listed;
+  for (const auto& [path, what] : tree) listed += path + "\n";
+  EXPECT_EQ(tree.count("inner.dmg"), 1u) << listed;
+  EXPECT_EQ(tree.count("outside.txt"), 1u) << listed;
+  EXPECT_EQ(listed.find("inside-"), std::string::npos) << listed;
+  EXPECT_GT(r.volume->foreignNodesSkipped, 0u);
 }
