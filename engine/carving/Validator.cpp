@@ -2,11 +2,38 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 
 #include "base/Endian.h"
 #include "carving/Validators.h"
 
 namespace ambrel {
+
+void SectorRanges::add(uint64_t first, uint64_t last) {
+  if (last < first) return;
+  // Merge with a run that starts before `first` and reaches it (or touches it).
+  auto it = runs_.upper_bound(first);
+  if (it != runs_.begin()) {
+    auto before = std::prev(it);
+    if (before->second == UINT64_MAX || before->second + 1 >= first) {
+      first = before->first;
+      last = std::max(last, before->second);
+      it = runs_.erase(before);
+    }
+  }
+  // And with every run that starts inside the new one or right after it.
+  while (it != runs_.end() && (last == UINT64_MAX || it->first <= last + 1)) {
+    last = std::max(last, it->second);
+    it = runs_.erase(it);
+  }
+  runs_.emplace(first, last);
+}
+
+bool SectorRanges::contains(uint64_t sector) const {
+  auto it = runs_.upper_bound(sector);
+  if (it == runs_.begin()) return false;
+  return std::prev(it)->second >= sector;
+}
 
 bool MemorySectorSource::readSectors(uint64_t sector, uint32_t count, uint8_t* out) {
   const uint64_t want = uint64_t{count} * 512;
@@ -121,8 +148,8 @@ bool Candidate::bytes(uint64_t pos, size_t n, uint8_t* out) {
   return true;
 }
 
-uint64_t Candidate::nextNonZero(uint64_t pos) {
-  const uint64_t limit = bytesToDriveEnd();
+uint64_t Candidate::nextNonZero(uint64_t pos, uint64_t searchLimit) {
+  const uint64_t limit = std::min(bytesToDriveEnd(), searchLimit);
   while (pos < limit) {
     if (stopped()) return pos;
     const uint64_t sector = firstSector_ + pos / 512;
@@ -215,21 +242,21 @@ Named entryFor(uint32_t code) {
     case 10: return {notBuiltYet, "checkSONY_RAWFileAtBlock:sig:", false};
     case 11: return {notBuiltYet, "checkMRWFileAtBlock:sig:", false};
     case 12: return {notBuiltYet, "checkORF_FileAtBlock:sig:", false};
-    case 13: return {notBuiltYet, "checkWAVFileAtBlock:sig:", false};
-    case 14: return {notBuiltYet, "checkMIDIFileAtBlock:sig:", false};
-    case 15: return {notBuiltYet, "checkMOVFileAtBlock:sig:", false};
-    case 16: return {notBuiltYet, "checkMP3FileAtBlock:sig:", false};
-    case 17: return {notBuiltYet, "checkMP4FileAtBlock:sig:", false};
-    case 18: return {notBuiltYet, "checkAVIFileAtBlock:sig:", false};
-    case 19: return {notBuiltYet, "checkMPGFileAtBlock:sig:", false};
+    case 13: return {checkWAVFileAtBlock, "checkWAVFileAtBlock:sig:", true};
+    case 14: return {checkMIDIFileAtBlock, "checkMIDIFileAtBlock:sig:", true};
+    case 15: return {checkMOVFileAtBlock, "checkMOVFileAtBlock:sig:", true};
+    case 16: return {checkMP3FileAtBlock, "checkMP3FileAtBlock:sig:", true};
+    case 17: return {checkMP4FileAtBlock, "checkMP4FileAtBlock:sig:", true};
+    case 18: return {checkAVIFileAtBlock, "checkAVIFileAtBlock:sig:", true};
+    case 19: return {checkMPGFileAtBlock, "checkMPGFileAtBlock:sig:", true};
     case 20: return {checkICNS_FileAtBlock, "checkICNS_FileAtBlock:sig:", true};
     case 21: return {notBuiltYet, "checkZIP_FileAtBlock:sig:", false};
     case 23: return {notBuiltYet, "checkRAR_FileAtBlock:sig:", false};
     case 24: return {notBuiltYet, "checkPDF_FileAtBlock:sig:", false};
     case 25: return {notBuiltYet, "checkRTF_FileAtBlock:sig:", false};
-    case 26: return {notBuiltYet, "check3GPP_FileAtBlock:sig:", false};
-    case 27: return {notBuiltYet, "check3GPP2_FileAtBlock:sig:", false};
-    case 28: return {notBuiltYet, "checkAIFF_FileAtBlock:sig:", false};
+    case 26: return {check3GPP_FileAtBlock, "check3GPP_FileAtBlock:sig:", true};
+    case 27: return {check3GPP2_FileAtBlock, "check3GPP2_FileAtBlock:sig:", true};
+    case 28: return {checkAIFF_FileAtBlock, "checkAIFF_FileAtBlock:sig:", true};
     default: return {nullptr, "", false};  // 0, 7, 22: accepted as matched
   }
 }

@@ -15,8 +15,8 @@
 // docs/format/carving.md tells how a new validator plugs into the dispatch.
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <optional>
-#include <set>
 #include <span>
 #include <string>
 #include <vector>
@@ -73,10 +73,24 @@ struct RtfdEntry {
   HDIR* parentDir = nullptr;    // "RTF Graphics Parent HDir", inside the tree
 };
 
+// A set of absolute sectors kept as merged runs, so that a stream of any
+// length costs one entry and memory grows only with the files carved.
+class SectorRanges {
+ public:
+  // Adds sectors first ... last (inclusive); nothing when last < first.
+  void add(uint64_t first, uint64_t last);
+  bool contains(uint64_t sector) const;
+  size_t runCount() const { return runs_.size(); }
+  bool empty() const { return runs_.empty(); }
+
+ private:
+  std::map<uint64_t, uint64_t> runs_;  // first sector -> last sector, disjoint and not touching
+};
+
 // State one search keeps across blocks, shared by the validators.
 struct SearchState {
-  std::set<uint64_t> mp3DoneArray;  // absolute sectors inside MP3 streams already carved
-  std::set<uint64_t> mpgDoneArray;  // absolute sectors of MPEG packs already carved
+  SectorRanges mp3DoneArray;  // sectors of MP3 streams already carved
+  SectorRanges mpgDoneArray;  // sectors of MPEG program streams already carved
   std::vector<RtfdEntry> rtfdArray;
   bool lookForRtfAttachments = false;
   const std::atomic<bool>* stop = nullptr;  // the search's stop flag
@@ -133,8 +147,9 @@ class Candidate {
   bool bytes(uint64_t pos, size_t n, uint8_t* out);
   bool has(uint64_t pos, uint64_t n) const;
   // The first position at or after pos whose byte is not zero; the drive's
-  // end (bytesToDriveEnd()) when there is none.
-  uint64_t nextNonZero(uint64_t pos);
+  // end (bytesToDriveEnd()) when there is none. With a limit, the search
+  // stops there and answers it.
+  uint64_t nextNonZero(uint64_t pos, uint64_t limit = UINT64_MAX);
 
   // A carved file's bytes as the preview reader gives them: size bytes from
   // `block`, in units of one block (8 sectors when blocks are sectors),

@@ -13,6 +13,24 @@ bool checkBMPFileAtBlock(Candidate& c, Sig& sig);    // 2
 bool checkICNS_FileAtBlock(Candidate& c, Sig& sig);  // 20
 bool checkTIFF_FileAtBlock(Candidate& c, Sig& sig);  // 5
 
+// Audio.
+bool checkWAVFileAtBlock(Candidate& c, Sig& sig);    // 13
+bool checkAIFF_FileAtBlock(Candidate& c, Sig& sig);  // 28
+bool checkMIDIFileAtBlock(Candidate& c, Sig& sig);   // 14
+bool checkMP3FileAtBlock(Candidate& c, Sig& sig);    // 16
+
+// Video.
+bool checkAVIFileAtBlock(Candidate& c, Sig& sig);     // 18
+bool checkMOVFileAtBlock(Candidate& c, Sig& sig);     // 15
+bool checkMP4FileAtBlock(Candidate& c, Sig& sig);     // 17
+bool check3GPP_FileAtBlock(Candidate& c, Sig& sig);   // 26
+bool check3GPP2_FileAtBlock(Candidate& c, Sig& sig);  // 27
+bool checkMPGFileAtBlock(Candidate& c, Sig& sig);     // 19
+
+// The names a top-level atom may have: four lower-case letters a-z.
+bool checkMOVAtomName(const uint8_t type[4]);
+bool checkMP4AtomName(const uint8_t type[4]);
+
 // checkPNG_Chunk: a chunk whose length is not negative as a signed 32-bit
 // number and whose type is four ASCII letters.
 bool checkPNG_Chunk(uint32_t length, const uint8_t type[4]);
