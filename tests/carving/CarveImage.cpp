@@ -77,6 +77,7 @@ ValidatorRun runValidatorOnDrive(ValidatorFn fn, const std::vector<uint8_t>& dri
   r.foundSize = sig->foundSize;
   r.skipFileSize = sig->skipFileSize;
   r.skipSize = sig->skipSize;
+  r.extension = sig->extension;
   return r;
 }
 

@@ -41,6 +41,7 @@ struct ValidatorRun {
   uint64_t foundSize = 0;
   bool skipFileSize = false;
   uint32_t skipSize = 0;
+  std::string extension;  // the record's after the run ("x" before it)
 };
 
 // The file at `block` of a drive (blocks of blockSize sectors, the rest
