@@ -98,8 +98,8 @@ std::optional<Mp3FrameHeader> frameAt(Candidate& c, uint64_t p) {
 }
 
 // Whether `count` consecutive frames of one stream start at p, each ending by
-// limit; the first frame's header in *first.
-bool framesAt(Candidate& c, uint64_t p, uint64_t limit, uint32_t count, Mp3FrameHeader* first) {
+// limit: the first frame's header in *first, where the last ends in *end.
+bool framesAt(Candidate& c, uint64_t p, uint64_t limit, uint32_t count, Mp3FrameHeader* first, uint64_t* end) {
   const auto f = frameAt(c, p);
   if (!f || p > limit || f->length > limit - p) return false;
   uint64_t q = p + f->length;
@@ -109,18 +109,20 @@ bool framesAt(Candidate& c, uint64_t p, uint64_t limit, uint32_t count, Mp3Frame
     q += g->length;
   }
   *first = *f;
+  *end = q;
   return true;
 }
 
-// The first position in [from, from + kMaxFrameSearch) where `count` frames
-// start; nullopt when there is none.
+// The end of the first run of `count` frames that starts in
+// [from, from + kMaxFrameSearch); nullopt when there is none.
 std::optional<uint64_t> findFrames(Candidate& c, uint64_t from, uint64_t limit, uint32_t count,
                                    Mp3FrameHeader* first) {
   const uint64_t until = std::min(limit, from > UINT64_MAX - kMaxFrameSearch ? UINT64_MAX : from + kMaxFrameSearch);
+  uint64_t end = 0;
   for (uint64_t p = from; p < until && !c.stopped(); ++p) {
     const std::optional<uint8_t> b = c.u8(p);
     if (!b) break;
-    if (*b == 0xFF && framesAt(c, p, limit, count, first)) return p;
+    if (*b == 0xFF && framesAt(c, p, limit, count, first, &end)) return end;
   }
   return std::nullopt;
 }
@@ -165,7 +167,7 @@ bool checkMP3FileAtBlock(Candidate& c, Sig& sig) {
   c.bytes(0, sizeof head, head);
 
   Mp3FrameHeader first;
-  uint64_t start = 0;
+  uint64_t verified = 0;  // the end of the frames that made the stream a stream
   uint64_t limit = std::min(driveEnd, kMaxMp3StreamBytes);
   uint64_t wrapperLength = 0;  // a RIFF wrapper's own length, when it gives one
   bool wrapped = false;
@@ -176,7 +178,7 @@ bool checkMP3FileAtBlock(Candidate& c, Sig& sig) {
     if (w.dataComplete) limit = std::min(limit, w.dataEnd);
     const auto at = findFrames(c, w.dataStart, limit, kFramesAfterTag, &first);
     if (!at) return false;
-    start = *at;
+    verified = *at;
     const uint32_t riffSize = loadLE32(head + 4);
     if (!placeholderSize(riffSize) && c.has(0, uint64_t{riffSize} + 8)) wrapperLength = uint64_t{riffSize} + 8;
     else if (w.dataComplete) wrapperLength = w.end;
@@ -189,13 +191,13 @@ bool checkMP3FileAtBlock(Candidate& c, Sig& sig) {
       const uint64_t padded = c.nextNonZero(*tagEnd, std::min(limit, *tagEnd + kMaxTagPadding));
       const auto at = findFrames(c, padded, limit, kFramesAfterTag, &first);
       if (!at) return false;
-      start = *at;
-    } else if (!framesAt(c, 0, limit, kFramesBare, &first)) {
+      verified = *at;
+    } else if (!framesAt(c, 0, limit, kFramesBare, &first, &verified)) {
       return false;
     }
   }
 
-  uint64_t end = walkFrames(c, start, first, limit);
+  uint64_t end = walkFrames(c, verified, first, limit);
   if (wrapped) {
     if (wrapperLength != 0) end = wrapperLength;
   } else {
