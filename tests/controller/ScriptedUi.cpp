@@ -4,6 +4,7 @@ namespace ambrel::test {
 
 void ScriptedUi::touched() {
   if (terminated.load()) ++callsAfterTerminate;
+  if (std::this_thread::get_id() != mainThread) ++offMainCalls;
 }
 
 bool ScriptedUi::isEnabled(Control c) const {

@@ -7,6 +7,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "core/UserInterface.h"
@@ -56,8 +57,11 @@ class ScriptedUi : public UserInterface {
   std::vector<uint8_t> previewImage, previewMovieData, previewPoster;
   std::string previewMovieName;
   std::atomic<bool> terminated{false};
-  // Calls that came after terminate(): none should.
+  // Calls that came after terminate(), or from another thread than the one
+  // that made this front end: none should.
   int callsAfterTerminate = 0;
+  std::atomic<int> offMainCalls{0};
+  const std::thread::id mainThread = std::this_thread::get_id();
 
   bool isEnabled(Control c) const;
   std::string text(Control c) const;
