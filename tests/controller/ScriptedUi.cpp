@@ -7,6 +7,24 @@ void ScriptedUi::touched() {
   if (std::this_thread::get_id() != mainThread) ++offMainCalls;
 }
 
+void ScriptedUi::reset() {
+  openPanels.clear(), savePanels.clear(), folderPanels.clear();
+  answers_.clear();
+  page = Page::FirstPage;
+  pages.clear(), alerts.clear();
+  texts.clear(), titles.clear(), toolTips.clear(), enabled.clear(), bars.clear(), animating.clear();
+  tableReloads.clear(), selectedRows.clear();
+  outlineReloads = itemReloads = sigOutlineReloads = 0;
+  expanded.clear(), revealed.clear();
+  addSigDialogOpen = false;
+  beeps = bringToFrontCalls = frameRestores = 0;
+  panelsShown.clear(), panelRequests.clear();
+  previewVisible = false;
+  previewPages.clear();
+  terminated.store(false);
+  callsAfterTerminate = 0;
+}
+
 bool ScriptedUi::isEnabled(Control c) const {
   auto it = enabled.find(c);
   return it != enabled.end() && it->second;

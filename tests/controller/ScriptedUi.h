@@ -63,6 +63,9 @@ class ScriptedUi : public UserInterface {
   std::atomic<int> offMainCalls{0};
   const std::thread::id mainThread = std::this_thread::get_id();
 
+  // Forgets what was shown and scripted, as a fresh front end for a new run.
+  void reset();
+
   bool isEnabled(Control c) const;
   std::string text(Control c) const;
   // Alerts with this title so far.
