@@ -260,6 +260,9 @@ void AppController::applyTreeProgReport(const ProgressReport& report) {
 
 void AppController::applySavingReport(const ProgressReport& report) {
   using namespace progress;
+  // A save clears its stop flag as it starts: a Stop pressed before that is
+  // given again with every report until the save has noticed it.
+  if (saveStopRequested_ && saver_) saver_->abort();
   if (const PlistValue* v = report.find(kProgressStatus); v && v->string())
     ui_.setText(Control::TextFieldTreeStatus, *v->string());
   if (const PlistValue* v = report.find(kSavedData)) ui_.setText(Control::TextFieldSavedData, savedDataText(v->toU64()));

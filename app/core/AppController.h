@@ -296,6 +296,7 @@ class AppController : public AppControllerInterface {
   HDIR* selectedTreeItem_ = nullptr;
   bool scanInfoOrSavingNotProcessing_ = true;
   std::shared_ptr<Saver> saver_;
+  bool saveStopRequested_ = false;
   std::optional<SaveResult> lastSave_;
   bool driveNotConnected_ = false, volumeNotConnected_ = false;
   std::shared_ptr<std::atomic<bool>> scanInfoSavedSignal_;

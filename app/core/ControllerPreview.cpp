@@ -71,11 +71,13 @@ void AppController::previewDataLoaded(uint64_t request, std::shared_ptr<std::vec
   PreviewState& p = *preview_;
   if (request != p.request || terminated_.load()) return;
   p.threadRunning = false;
-  if (load == PreviewLoad::Aborted) {
-    // previewAfterThreadAbort: the request that stopped this load.
-    if (p.requestPending && page_ == Page::Tree && selectedPTVolume_) previewSmall();
+  // previewAfterThreadAbort: the request that stopped this load, whether or
+  // not the load had already read everything when it was asked to stop.
+  if (p.requestPending) {
+    if (page_ == Page::Tree && selectedPTVolume_) previewSmall();
     return;
   }
+  if (load == PreviewLoad::Aborted) return;
   // A failed read has told the user and closed the window already.
   if (load == PreviewLoad::ReadFailed || page_ != Page::Tree || p.volume != selectedPTVolume_ ||
       !ui_.previewWindowVisible())

@@ -67,6 +67,7 @@ void AppController::openDataPanelDidEnd(const std::string& destination) {
   scanInfoOrSavingNotProcessing_ = false;
   ui_.setText(Control::TextFieldSavedData, " ");
   ui_.setEnabled(Control::StopSaveButton, true);
+  saveStopRequested_ = false;
   auto volume = selectedPTVolume_;
   Saver::Options options;
   options.canSaveSlashes = info.canSaveSlashes;
@@ -80,12 +81,15 @@ void AppController::openDataPanelDidEnd(const std::string& destination) {
 }
 
 void AppController::abortDataSaving() {
-  if (saver_) saver_->abort();
+  if (!saver_) return;
+  saveStopRequested_ = true;
+  saver_->abort();
 }
 
 void AppController::savingFinished(SaveResult result) {
   lastSave_ = std::move(result);
   saver_.reset();
+  saveStopRequested_ = false;
   scanInfoOrSavingNotProcessing_ = true;
   setTreeButtons(false);
 }

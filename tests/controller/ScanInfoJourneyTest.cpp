@@ -182,11 +182,13 @@ TEST_F(Journey, FilesThatCannotBeOpenedNowOrAtAll) {
   server.connectionDidDie(20, [](const MessageClient& c) { return c.id != 3; });
   ASSERT_EQ(server.clients().size(), 1u);
   EXPECT_EQ(server.clients()[0].id, 1);
+  ASSERT_TRUE(settle());
   const int fronts = ui.bringToFrontCalls;
   server.broadcastMessageString("BringFront");
   EXPECT_EQ(ui.bringToFrontCalls, fronts + 1);
   // And once more a moment later.
-  ASSERT_TRUE(runUntil([&] { return ui.bringToFrontCalls == fronts + 2; }));
+  ASSERT_TRUE(settle());
+  EXPECT_EQ(ui.bringToFrontCalls, fronts + 2);
   server.broadcastMessageString("AlreadyRunning");
   EXPECT_EQ(ui.lastAlert()->title, "Cannot open this scan info file now");
   EXPECT_EQ(ui.lastAlert()->message,
