@@ -52,7 +52,7 @@ class SignatureJourney : public Journey {
     while (!stack.empty()) {
       HDIR* e = stack.back();
       stack.pop_back();
-      if (e->fileType == kHDIRFile) out[e->pathName + "/" + e->fileName()] = e;
+      if (e->fileType == kHDIRFile) out[listedPath(*e)] = e;
       for (int i = 0; i < app->outlineChildCount(e); ++i) stack.push_back(app->outlineChild(e, i));
     }
     return out;

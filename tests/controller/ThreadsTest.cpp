@@ -233,12 +233,17 @@ TEST_F(Journey, StopEndsTheSignatureSearchAndTheSave) {
   app->abortDataSaving();
   ASSERT_TRUE(runUntil([this] { return app->scanInfoOrSavingNotProcessing(); }));
   EXPECT_EQ(ui.lastAlert()->title, "Saving Aborted");
-  EXPECT_EQ(ui.lastAlert()->message, "Saving location was: " + (dir / "out").string());
+  // The file cut by the stop is kept only under a name that says so.
+  EXPECT_EQ(ui.lastAlert()->message, "Saving location was: " + (dir / "out").string() +
+                                         "\n0 files were saved whole.\n1 files are incomplete and were kept under "
+                                         "names ending in \"(incomplete)\".");
   EXPECT_EQ(ui.text(Control::TextFieldTreeStatus), "Saving Aborted");
   ASSERT_TRUE(app->lastSave().has_value());
   EXPECT_TRUE(app->lastSave()->aborted);
-  const fs::path large = dir / "out" / "Root" / "large.bin";
-  EXPECT_TRUE(!fs::exists(large) || fs::file_size(large) < (40u << 20));
+  EXPECT_FALSE(fs::exists(dir / "out" / "Root" / "large.bin"));
+  const fs::path kept = dir / "out" / "Root" / "large (incomplete).bin";
+  ASSERT_TRUE(fs::exists(kept));
+  EXPECT_LT(fs::file_size(kept), 40u << 20);
   EXPECT_TRUE(ui.isEnabled(Control::SaveButton));
 }
 
