@@ -32,41 +32,6 @@ mk::EntrySpec folder(const std::string& name, std::vector<mk::EntrySpec> childre
   return e;
 }
 
-struct Built {
-  TempDir dir;
-  std::string image = (dir / "vol.img").string();
-  mk::VolumeLayout layout;
-};
-
-std::unique_ptr<Built> buildVolume(const mk::VolumeSpec& v) {
-  auto b = std::make_unique<Built>();
-  mk::DriveSpec d;
-  d.table = mk::TableKind::None;
-  d.volume = v;
-  b->layout = *mk::buildImage(d, b->image).volume;
-  return b;
-}
-
-// Every entry of the tree by file ID (an ID can appear more than once).
-std::multimap<uint32_t, const HDIR*> entriesByID(const HDIR& root) {
-  std::multimap<uint32_t, const HDIR*> out;
-  std::vector<const HDIR*> stack{&root};
-  while (!stack.empty()) {
-    const HDIR* e = stack.back();
-    stack.pop_back();
-    out.emplace(e->fileID, e);
-    for (const auto& c : e->children()) stack.push_back(c.get());
-  }
-  return out;
-}
-
-bool sameExtents(const std::vector<Extent>& got, const std::vector<mk::ExtentLayout>& want) {
-  if (got.size() != want.size()) return false;
-  for (size_t i = 0; i < got.size(); ++i)
-    if (got[i].startBlock != want[i].startBlock || got[i].blockCount != want[i].blockCount) return false;
-  return true;
-}
-
 bool isBelow(const HDIR* e, const HDIR* folder) {
   for (const HDIR* up = e->parent; up; up = up->parent)
     if (up == folder) return true;
@@ -187,8 +152,8 @@ TEST(AdvancedScan, DeletedEntriesComeBackUnderTheirFolderOrALostFolder) {
   ASSERT_NE(lostFolders, nullptr);
   EXPECT_EQ(lostFolders->fileName(), "Lost Folders");
 
-  const auto normalIDs = entriesByID(*normal.volume->dirRoot);
-  const auto advancedIDs = entriesByID(*advanced.volume->dirRoot);
+  const auto normalIDs = entriesByFileID(*normal.volume->dirRoot);
+  const auto advancedIDs = entriesByFileID(*advanced.volume->dirRoot);
   const mk::FileLayout* unkeptLayout = b->layout.find("Unkept");
   ASSERT_NE(unkeptLayout, nullptr);
   for (const auto& e : b->layout.entries) {
@@ -198,7 +163,7 @@ TEST(AdvancedScan, DeletedEntriesComeBackUnderTheirFolderOrALostFolder) {
     ASSERT_EQ(advancedIDs.count(e.cnid), 1u);
     const HDIR* h = advancedIDs.find(e.cnid)->second;
     EXPECT_EQ(h->dataSize, e.dataSize);
-    EXPECT_TRUE(sameExtents(h->dataExt, e.dataExtents));
+    EXPECT_TRUE(sameExtentList(h->dataExt, e.dataExtents));
     EXPECT_EQ(h->confidence, Confidence::Sure);  // their blocks are free and hold their bytes
     if (e.parentID == unkeptLayout->cnid) {
       EXPECT_TRUE(isBelow(h, lostFolders));
@@ -220,7 +185,7 @@ TEST(AdvancedScan, CorruptCatalogHeaderRecoversEveryFileWhoseRecordSurvives) {
   ScanResult r = scan(b->image, 0, b->layout.sizeSectors, "Advanced Scan");
   ASSERT_NE(r.volume->dirRoot, nullptr);
   EXPECT_TRUE(r.controller->sawTreeComplete());
-  const auto ids = entriesByID(*r.volume->dirRoot);
+  const auto ids = entriesByFileID(*r.volume->dirRoot);
   size_t files = 0;
   for (const auto& e : b->layout.entries) {
     if (e.folder || e.deleted) continue;
@@ -228,7 +193,7 @@ TEST(AdvancedScan, CorruptCatalogHeaderRecoversEveryFileWhoseRecordSurvives) {
     auto it = ids.find(e.cnid);
     ASSERT_NE(it, ids.end()) << e.path;
     EXPECT_EQ(it->second->dataSize, e.dataSize) << e.path;
-    EXPECT_TRUE(sameExtents(it->second->dataExt, e.dataExtents)) << e.path;
+    EXPECT_TRUE(sameExtentList(it->second->dataExt, e.dataExtents)) << e.path;
   }
   EXPECT_GT(files, 700u);
 }

@@ -7,16 +7,35 @@
 
 #include <algorithm>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "ImageBuilder.h"
+#include "support/TempDir.h"
 #include "hfs/Volume.h"
 
 namespace ambrel::test {
 
 namespace mk = ambrel::mkimage;
+
+// A bare volume built into a file of its own, with where everything landed.
+struct Built {
+  TempDir dir;
+  std::string image = (dir / "vol.img").string();
+  mk::VolumeLayout layout;
+};
+
+inline std::unique_ptr<Built> buildVolume(const mk::VolumeSpec& v) {
+  auto b = std::make_unique<Built>();
+  mk::DriveSpec d;
+  d.table = mk::TableKind::None;
+  d.volume = v;
+  b->layout = *mk::buildImage(d, b->image).volume;
+  return b;
+}
+
 
 // `size` bytes of a fork through `extents` (blocks of `blockSectors` sectors
 // from `volStart`); what lies past the image reads as zeros.

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "ImageBuilder.h"
+#include "scan/ContentCheck.h"
 #include "scan/ScanHelpers.h"
 
 using namespace ambrel;
@@ -10,21 +11,6 @@ using namespace ambrel::test;
 namespace mk = ambrel::mkimage;
 
 namespace {
-
-struct Built {
-  TempDir dir;
-  std::string image = (dir / "vol.img").string();
-  mk::VolumeLayout layout;
-};
-
-std::unique_ptr<Built> buildVolume(const mk::VolumeSpec& v) {
-  auto b = std::make_unique<Built>();
-  mk::DriveSpec d;
-  d.table = mk::TableKind::None;
-  d.volume = v;
-  b->layout = *mk::buildImage(d, b->image).volume;
-  return b;
-}
 
 // Sleep is requested once before the scan's first report and given back
 // once after its last, with nothing given back in between.
