@@ -11,6 +11,7 @@
 
 namespace ambrel {
 class DMedia;
+struct SaveResult;
 }
 
 namespace ambrel::cli {
@@ -63,5 +64,9 @@ class CliController : public AppControllerInterface {
 // `consequence` ("the listing may be incomplete"), when some of it could
 // not be read; else `status`.
 int readOutcome(const DMedia& media, const CliController& controller, int status, const char* consequence);
+
+// What a save did, on stdout (counts) and stderr (the names of what failed,
+// was renamed, or may hold wrong content).
+void printSaveResult(const SaveResult& r, const std::string& destination);
 
 }  // namespace ambrel::cli
