@@ -49,6 +49,12 @@ void CliController::setDrives(PlistArray drives) {
   drives_ = std::move(drives);
 }
 
+void CliController::preventSleep(bool on) {
+  std::lock_guard lock(sleepMutex_);
+  if (on && sleepCount_++ == 0) sleepHold_ = LogindSleepInhibitor("ambrel-cli").inhibit("ambrel-cli is reading a drive");
+  if (!on && sleepCount_ > 0 && --sleepCount_ == 0) sleepHold_.reset();
+}
+
 void CliController::updateVolumeScanProgress(const ProgressReport& report) { apply(report); }
 void CliController::updateProgress(const ProgressReport& report) { apply(report); }
 void CliController::updateTreeProgress(const ProgressReport& report) { apply(report); }

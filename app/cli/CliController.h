@@ -4,10 +4,12 @@
 // holds just the drive the command opened.
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <mutex>
 #include <string>
 
 #include "base/AppControllerInterface.h"
+#include "core/SleepInhibitor.h"
 
 namespace ambrel {
 class DMedia;
@@ -40,6 +42,8 @@ class CliController : public AppControllerInterface {
   bool gaveUp() const { return gaveUp_; }
   PlistArray driveDictArray() const override;
   PlistArray volumeDictArray() const override { return {}; }
+  // Counted: the machine is kept awake through logind while any hold is on.
+  void preventSleep(bool on) override;
 
   void setDrives(PlistArray drives);
   // The drive has disappeared (its alert was shown): the command quits.
@@ -57,6 +61,9 @@ class CliController : public AppControllerInterface {
   double barMin_ = 0, barMax_ = 0, barValue_ = 0;
   std::string status_, timeRemaining_, lastDrawnStatus_;
   std::chrono::steady_clock::time_point lastDraw_{};
+  std::mutex sleepMutex_;
+  int sleepCount_ = 0;
+  std::unique_ptr<SleepHold> sleepHold_;
 };
 
 // The end of a command that read `media`: kExitDriveGone when the drive

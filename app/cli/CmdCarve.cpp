@@ -157,6 +157,7 @@ int runCarve(CarveOptions& opt) {
   volume->startPos = startPos;
   volume->endPos = endPos;
 
+  SleepScope awake(controller);
   SignatureSearch search(*volume, sigs);
   gCarving.store(volume.get());
   auto previous = std::signal(SIGINT, stopCarving);

@@ -162,6 +162,7 @@ int runRecover(RecoverOptions& opt) {
     return 2;
   }
 
+  SleepScope awake(controller);
   Saver saver(*volume->dirRoot, saveSourceOf(*volume), &controller);
   gSaving.store(&saver);
   auto previous = std::signal(SIGINT, stopSaving);

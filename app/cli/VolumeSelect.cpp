@@ -128,6 +128,7 @@ extern "C" void stopScan(int) {
 }  // namespace
 
 ScanOutcome runScan(Volume& volume, CliController& controller, bool advanced) {
+  SleepScope awake(controller);
   gScanning.store(&volume);
   auto previous = std::signal(SIGINT, stopScan);
   volume.startMakingTree(&controller, advanced ? "Advanced Scan" : "Normal Scan");
