@@ -28,11 +28,15 @@ DestinationCheck checkSaveDestination(const HDIR& root, const std::string& desti
   check.probed = existingAncestor(destination).string();
   check.info = destinationInfo(check.probed);
   check.needed = bytesToWrite(root, check.info.blockBytes);
-  if (check.info.freeBytes < check.needed)
+  // Not a folder (a file in the way): there is no free space to ask about.
+  const Alert notWritable{"! Can not save", "The volume chosen to save data to, is not writable."};
+  if (!check.info.exists)
+    check.refusal = notWritable;
+  else if (check.info.freeBytes < check.needed)
     check.refusal = Alert{"! Not enough free disk space",
                           "The volume you have chosen to save data does not have enough free space available."};
-  else if (!check.info.exists || !check.info.writable)
-    check.refusal = Alert{"! Can not save", "The volume chosen to save data to, is not writable."};
+  else if (!check.info.writable)
+    check.refusal = notWritable;
   return check;
 }
 

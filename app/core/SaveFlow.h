@@ -24,8 +24,8 @@ struct DestinationCheck {
   std::string probed;
 };
 
-// Free space, then writability, of where `destination` is or would be made
-// (its nearest existing ancestor). The space counted is what the save will
+// Whether `destination`, or the nearest existing folder above it where it
+// would be made, is a folder with room and writable. The space counted is what the save will
 // write, not the files' sizes: a check that passes must not leave a save out
 // of room half-way. Equal is enough.
 DestinationCheck checkSaveDestination(const HDIR& root, const std::string& destination);
