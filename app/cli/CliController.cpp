@@ -10,6 +10,8 @@
 #include <cstdio>
 
 #include "media/DMedia.h"
+#include "output/Saver.h"
+#include "tree/HDIR.h"
 
 namespace ambrel::cli {
 
@@ -45,6 +47,12 @@ PlistArray CliController::driveDictArray() const {
 void CliController::setDrives(PlistArray drives) {
   std::lock_guard lock(mutex_);
   drives_ = std::move(drives);
+}
+
+void CliController::preventSleep(bool on) {
+  std::lock_guard lock(sleepMutex_);
+  if (on && sleepCount_++ == 0) sleepHold_ = LogindSleepInhibitor("ambrel-cli").inhibit("ambrel-cli is reading a drive");
+  if (!on && sleepCount_ > 0 && --sleepCount_ == 0) sleepHold_.reset();
 }
 
 void CliController::updateVolumeScanProgress(const ProgressReport& report) { apply(report); }
@@ -90,6 +98,29 @@ int readOutcome(const DMedia& media, const CliController& controller, int status
   if (!media.readErrors.any()) return status;
   fmt::print(stderr, "ambrel-cli: {}; {}\n", media.readErrors.summary(), consequence);
   return status == kExitDone ? kExitReadErrors : status;
+}
+
+void printSaveResult(const SaveResult& r, const std::string& destination) {
+  for (const auto& line : r.renames) fmt::print(stderr, "renamed: {}\n", terminalText(line));
+  for (const auto& line : r.problems) fmt::print(stderr, "failed: {}\n", terminalText(line));
+  if (r.renames.size() < r.renamed) fmt::print(stderr, "renamed: ... {} more\n", r.renamed - r.renames.size());
+  if (r.unlistedProblems) fmt::print(stderr, "failed: ... {} more\n", r.unlistedProblems);
+  // Only what was saved whole counts as saved.
+  fmt::print("{} {}: {} {}, {} bytes ({}) in {}\n", r.aborted ? "Aborted" : "Saved", terminalText(destination),
+             r.filesWritten, r.filesWritten == 1 ? "file" : "files", r.savedData - r.bytesRemoved,
+             sizeText(r.savedData - r.bytesRemoved),
+             r.foldersCreated == 1 ? "1 folder" : fmt::format("{} folders", r.foldersCreated));
+  if (r.filesNotWhole())
+    fmt::print("Not saved whole: {} files ({} kept with \"(incomplete)\" in their names, {} not saved)\n",
+               r.filesNotWhole(), r.filesIncomplete, r.filesNotSaved);
+  if (r.emptyFiles) fmt::print("Empty files, not created: {}\n", r.emptyFiles);
+  fmt::print("Failures: {} creates, {} writes, {} reads; {} names changed\n", r.failedCreates, r.failedWrites,
+             r.failedReads, r.renamed);
+  if (r.damagedCompressed) fmt::print("Compressed files not decoded completely: {}\n", r.damagedCompressed);
+  for (const auto& line : r.uncertainFiles) fmt::print(stderr, "uncertain: {}\n", terminalText(line));
+  if (r.uncertainFiles.size() < r.uncertain)
+    fmt::print(stderr, "uncertain: ... {} more\n", r.uncertain - r.uncertainFiles.size());
+  if (r.uncertain) fmt::print("Saved with content that may not be right: {}\n", r.uncertain);
 }
 
 }  // namespace ambrel::cli

@@ -4,13 +4,16 @@
 // holds just the drive the command opened.
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <mutex>
 #include <string>
 
 #include "base/AppControllerInterface.h"
+#include "core/SleepInhibitor.h"
 
 namespace ambrel {
 class DMedia;
+struct SaveResult;
 }
 
 namespace ambrel::cli {
@@ -39,6 +42,8 @@ class CliController : public AppControllerInterface {
   bool gaveUp() const { return gaveUp_; }
   PlistArray driveDictArray() const override;
   PlistArray volumeDictArray() const override { return {}; }
+  // Counted: the machine is kept awake through logind while any hold is on.
+  void preventSleep(bool on) override;
 
   void setDrives(PlistArray drives);
   // The drive has disappeared (its alert was shown): the command quits.
@@ -56,6 +61,9 @@ class CliController : public AppControllerInterface {
   double barMin_ = 0, barMax_ = 0, barValue_ = 0;
   std::string status_, timeRemaining_, lastDrawnStatus_;
   std::chrono::steady_clock::time_point lastDraw_{};
+  std::mutex sleepMutex_;
+  int sleepCount_ = 0;
+  std::unique_ptr<SleepHold> sleepHold_;
 };
 
 // The end of a command that read `media`: kExitDriveGone when the drive
@@ -63,5 +71,9 @@ class CliController : public AppControllerInterface {
 // `consequence` ("the listing may be incomplete"), when some of it could
 // not be read; else `status`.
 int readOutcome(const DMedia& media, const CliController& controller, int status, const char* consequence);
+
+// What a save did, on stdout (counts) and stderr (the names of what failed,
+// was renamed, or may hold wrong content).
+void printSaveResult(const SaveResult& r, const std::string& destination);
 
 }  // namespace ambrel::cli

@@ -15,6 +15,7 @@
 #include "cli/CliController.h"
 #include "cli/TerminalText.h"
 #include "cli/VolumeSelect.h"
+#include "core/SaveFlow.h"
 #include "core/TreeListing.h"
 #include "output/Saver.h"
 #include "tree/CheckController.h"
@@ -156,6 +157,7 @@ int runCarve(CarveOptions& opt) {
   volume->startPos = startPos;
   volume->endPos = endPos;
 
+  SleepScope awake(controller);
   SignatureSearch search(*volume, sigs);
   gCarving.store(volume.get());
   auto previous = std::signal(SIGINT, stopCarving);
@@ -186,26 +188,23 @@ int runCarve(CarveOptions& opt) {
     return stats.stopped ? 130 : 1;
   }
   CheckController(volume->dirRoot.get(), true).run();
+  const DestinationCheck check = checkSaveDestination(*volume->dirRoot, opt.out);
+  if (check.refusal) {
+    fmt::print(stderr, "ambrel-cli: {}: {} ({} needed, {} free in {})\n", check.refusal->title, check.refusal->message,
+               sizeText(check.needed), sizeText(check.info.freeBytes), terminalText(check.probed));
+    return 2;
+  }
   std::error_code ec;
-  std::filesystem::create_directories(opt.out, ec);
-  const DestinationInfo dest = destinationInfo(opt.out);
-  if (!dest.exists || !dest.writable) {
-    fmt::print(stderr, "ambrel-cli: ! Can not save: the folder {} is not writable.\n", opt.out);
+  if (!std::filesystem::exists(opt.out, ec) && (!std::filesystem::create_directories(opt.out, ec) || ec)) {
+    fmt::print(stderr, "ambrel-cli: ! Can not save: the folder {} could not be made: {}\n", terminalText(opt.out),
+               ec.message());
     return 2;
   }
   Saver::Options options;
   options.finalAlert = false;
   Saver saver(*volume->dirRoot, saveSourceOf(*volume), &controller, options);
   const SaveResult r = saver.saveFilesAndFolders(opt.out);
-  for (const auto& line : r.problems) fmt::print(stderr, "failed: {}\n", terminalText(line));
-  // Only what was saved whole counts as saved.
-  fmt::print("Saved {}: {} files, {} bytes ({})\n", opt.out, r.filesWritten, r.savedData - r.bytesRemoved,
-             sizeText(r.savedData - r.bytesRemoved));
-  if (r.filesNotWhole())
-    fmt::print("Not saved whole: {} files ({} kept with \"(incomplete)\" in their names, {} not saved)\n",
-               r.filesNotWhole(), r.filesIncomplete, r.filesNotSaved);
-  fmt::print("Failures: {} creates, {} writes, {} reads; {} names changed\n", r.failedCreates, r.failedWrites,
-             r.failedReads, r.renamed);
+  printSaveResult(r, opt.out);
   if (r.failedCreates + r.failedWrites + r.damagedCompressed > 0) status = status ? status : kExitFailed;
   if (r.failedReads && status == kExitDone) status = kExitReadErrors;
   return readOutcome(*volume, controller, status, "files there may have been missed");

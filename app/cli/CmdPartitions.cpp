@@ -132,6 +132,7 @@ int runFindVolumes(const PartitionOptions& opt) {
   sigemptyset(&action.sa_mask);
   sigaction(SIGINT, &action, &previous);
   DMedia::VolumeScanRequest request{&controller, &volumes, &rows};
+  SleepScope awake(controller);
   if (opt.quick) media->initializeForVolumeQuickScan(request);
   else media->initializeForVolumeThoroughScan(request);
   sigaction(SIGINT, &previous, nullptr);

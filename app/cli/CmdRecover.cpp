@@ -12,6 +12,7 @@
 #include "cli/CliController.h"
 #include "cli/TerminalText.h"
 #include "cli/VolumeSelect.h"
+#include "core/SaveFlow.h"
 #include "output/Saver.h"
 #include "media/DriveFinder.h"
 #include "media/DriveList.h"
@@ -60,19 +61,6 @@ size_t markMatching(HDIR& root, const std::vector<std::string>& patterns) {
     return true;
   });
   return matched;
-}
-
-// The nearest folder that exists at or above `path`, where free space and
-// writability can be asked before anything is made.
-std::filesystem::path existingAncestor(const std::filesystem::path& path) {
-  std::error_code ec;
-  std::filesystem::path p = std::filesystem::absolute(path, ec);
-  if (ec) p = path;
-  while (!p.empty() && !std::filesystem::exists(p, ec)) {
-    if (p == p.parent_path()) break;
-    p = p.parent_path();
-  }
-  return p;
 }
 
 // A volume from a scan info file, reading from the drive the file was made
@@ -161,28 +149,20 @@ int runRecover(RecoverOptions& opt) {
   fmt::print(stderr, "Marked: {}\n", markedDataText(marked));
 
   // Checked where the folder will be, and made only once everything passed.
+  const DestinationCheck check = checkSaveDestination(*volume->dirRoot, opt.out);
+  if (check.refusal) {
+    fmt::print(stderr, "ambrel-cli: {}: {} ({} needed, {} free in {})\n", check.refusal->title, check.refusal->message,
+               sizeText(check.needed), sizeText(check.info.freeBytes), terminalText(check.probed));
+    return 2;
+  }
   std::error_code ec;
-  const bool outExists = std::filesystem::exists(opt.out, ec);
-  const std::filesystem::path probe = outExists ? std::filesystem::path(opt.out) : existingAncestor(opt.out);
-  const DestinationInfo dest = destinationInfo(probe.string());
-  if (!dest.exists || !dest.writable) {
-    fmt::print(stderr, "ambrel-cli: ! Can not save: the folder {} is not writable.\n", terminalText(opt.out));
-    return 2;
-  }
-  // Both forks are written, each resource fork with its sidecar header, and
-  // every file takes whole allocation units.
-  const uint64_t needed = bytesToWrite(*volume->dirRoot, dest.blockBytes);
-  if (dest.freeBytes < needed) {
-    fmt::print(stderr, "ambrel-cli: ! Not enough free disk space: {} needed, {} free in {}\n", sizeText(needed),
-               sizeText(dest.freeBytes), terminalText(probe.string()));
-    return 2;
-  }
-  if (!outExists && (!std::filesystem::create_directories(opt.out, ec) || ec)) {
+  if (!std::filesystem::exists(opt.out, ec) && (!std::filesystem::create_directories(opt.out, ec) || ec)) {
     fmt::print(stderr, "ambrel-cli: ! Can not save: the folder {} could not be made: {}\n", terminalText(opt.out),
                ec.message());
     return 2;
   }
 
+  SleepScope awake(controller);
   Saver saver(*volume->dirRoot, saveSourceOf(*volume), &controller);
   gSaving.store(&saver);
   auto previous = std::signal(SIGINT, stopSaving);
@@ -190,26 +170,7 @@ int runRecover(RecoverOptions& opt) {
   std::signal(SIGINT, previous);
   gSaving.store(nullptr);
 
-  for (const auto& line : r.renames) fmt::print(stderr, "renamed: {}\n", terminalText(line));
-  for (const auto& line : r.problems) fmt::print(stderr, "failed: {}\n", terminalText(line));
-  if (r.renames.size() < r.renamed) fmt::print(stderr, "renamed: ... {} more\n", r.renamed - r.renames.size());
-  if (r.unlistedProblems) fmt::print(stderr, "failed: ... {} more\n", r.unlistedProblems);
-  // Only what was saved whole counts as saved.
-  fmt::print("{} {}: {} files, {} bytes ({}) in {}\n", r.aborted ? "Aborted" : "Saved", terminalText(opt.out),
-             r.filesWritten, r.savedData - r.bytesRemoved, sizeText(r.savedData - r.bytesRemoved),
-             r.foldersCreated == 1 ? "1 folder" : fmt::format("{} folders", r.foldersCreated));
-  if (r.filesNotWhole())
-    fmt::print("Not saved whole: {} files ({} kept with \"(incomplete)\" in their names, {} not saved)\n",
-               r.filesNotWhole(), r.filesIncomplete, r.filesNotSaved);
-  if (r.emptyFiles) fmt::print("Empty files, not created: {}\n", r.emptyFiles);
-  fmt::print("Failures: {} creates, {} writes, {} reads; {} names changed\n", r.failedCreates, r.failedWrites,
-             r.failedReads, r.renamed);
-  if (r.damagedCompressed)
-    fmt::print("Compressed files not decoded completely: {}\n", r.damagedCompressed);
-  for (const auto& line : r.uncertainFiles) fmt::print(stderr, "uncertain: {}\n", terminalText(line));
-  if (r.uncertainFiles.size() < r.uncertain)
-    fmt::print(stderr, "uncertain: ... {} more\n", r.uncertain - r.uncertainFiles.size());
-  if (r.uncertain) fmt::print("Saved with content that may not be right: {}\n", r.uncertain);
+  printSaveResult(r, opt.out);
   if (r.aborted) return kExitStopped;
   if (volume->isGone()) return kExitDriveGone;
   if (r.failedCreates + r.failedWrites + r.damagedCompressed > 0) return kExitFailed;

@@ -10,6 +10,7 @@
 
 #include <filesystem>
 
+#include "core/SaveFlow.h"
 #include "media/DMedia.h"
 #include "media/DriveFinder.h"
 
@@ -127,20 +128,14 @@ extern "C" void stopScan(int) {
 }  // namespace
 
 ScanOutcome runScan(Volume& volume, CliController& controller, bool advanced) {
+  SleepScope awake(controller);
   gScanning.store(&volume);
   auto previous = std::signal(SIGINT, stopScan);
   volume.startMakingTree(&controller, advanced ? "Advanced Scan" : "Normal Scan");
   std::signal(SIGINT, previous);
   gScanning.store(nullptr);
   fmt::print(stderr, "\n");
-  if (volume.compressedUnreadable)
-    fmt::print(stderr, "{} files marked compressed have no usable compression attribute; they are listed as stored\n",
-               volume.compressedUnreadable);
-  if (volume.foreignNodesSkipped)
-    fmt::print(stderr,
-               "{} catalog nodes found inside files of this volume (disk images) were left out: their blocks are "
-               "another volume's\n",
-               volume.foreignNodesSkipped);
+  for (const std::string& note : scanNotes(volume)) fmt::print(stderr, "{}\n", note);
   if (controller.terminated() || volume.isGone()) return ScanOutcome::DriveGone;
   if (controller.gaveUp() || !volume.dirRoot) return ScanOutcome::NothingUsable;
   return volume.stopTreeThread ? ScanOutcome::Stopped : ScanOutcome::Done;

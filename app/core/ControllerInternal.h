@@ -47,16 +47,4 @@ struct AppController::Opened {
   PlistDict foundDrive;  // the drive (or volume) dictionary that matched
 };
 
-// Keeps the machine awake for as long as it lives.
-class SleepScope {
- public:
-  explicit SleepScope(AppControllerInterface& controller) : controller_(controller) { controller_.preventSleep(true); }
-  ~SleepScope() { controller_.preventSleep(false); }
-  SleepScope(const SleepScope&) = delete;
-  SleepScope& operator=(const SleepScope&) = delete;
-
- private:
-  AppControllerInterface& controller_;
-};
-
 }  // namespace ambrel

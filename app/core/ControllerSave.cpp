@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "core/ControllerInternal.h"
+#include "core/SaveFlow.h"
 #include "scaninfo/ScanInfoFile.h"
 
 namespace ambrel {
@@ -52,17 +53,12 @@ void AppController::saveData() {
 
 void AppController::openDataPanelDidEnd(const std::string& destination) {
   if (page_ != Page::Tree || !selectedPTVolume_ || !scanInfoOrSavingNotProcessing_) return;
-  const DestinationInfo info = destinationInfo(destination);
-  // Equal is enough.
-  if (info.freeBytes < marked_.markedData) {
-    ask({"! Not enough free disk space",
-         "The volume you have chosen to save data does not have enough free space available."});
+  const DestinationCheck check = checkSaveDestination(*selectedPTVolume_->dirRoot, destination);
+  if (check.refusal) {
+    ask(*check.refusal);
     return;
   }
-  if (!info.exists || !info.writable) {
-    ask({"! Can not save", "The volume chosen to save data to, is not writable."});
-    return;
-  }
+  const DestinationInfo& info = check.info;
   setTreeButtons(true);
   scanInfoOrSavingNotProcessing_ = false;
   ui_.setText(Control::TextFieldSavedData, " ");

@@ -5,6 +5,7 @@
 #include <chrono>
 
 #include "core/ControllerInternal.h"
+#include "core/SaveFlow.h"
 #include "tree/CheckController.h"
 
 namespace ambrel {
@@ -100,6 +101,7 @@ void AppController::showTree() {
             "check which files have been deleted"};
   // Nothing that could not be read goes unsaid.
   if (!treeReadErrors_.empty()) done.message += "\n\n" + treeReadErrors_ + "; entries there may be missing.";
+  for (const std::string& note : scanNotes(v)) done.message += "\n\n" + note;
   ask(done);
 }
 

@@ -40,4 +40,16 @@ class AppControllerInterface {
   virtual PlistArray volumeDictArray() const = 0;
 };
 
+// Keeps the machine awake for as long as it lives.
+class SleepScope {
+ public:
+  explicit SleepScope(AppControllerInterface& controller) : controller_(controller) { controller_.preventSleep(true); }
+  ~SleepScope() { controller_.preventSleep(false); }
+  SleepScope(const SleepScope&) = delete;
+  SleepScope& operator=(const SleepScope&) = delete;
+
+ private:
+  AppControllerInterface& controller_;
+};
+
 }  // namespace ambrel

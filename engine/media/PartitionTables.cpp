@@ -1,6 +1,7 @@
 // Partition tables (MBR with extended partitions, GPT, Apple partition map)
 // and the passes that name each HFS+ volume from its own catalog.
 #include <cstring>
+#include <optional>
 #include <fmt/format.h>
 
 #include "base/Text.h"
@@ -132,11 +133,32 @@ void DMedia::readAndInterpretGPT() {
   // runs past the drive ends at the drive's end, as the table itself must.
   uint8_t sector[kSectorSize];
   uint64_t loaded = UINT64_MAX;
+  // The backup table at the drive's end stands in for sectors of the
+  // primary array that cannot be read: one bad sector must not hide every
+  // partition listed after it.
+  std::optional<uint64_t> backupArrayLBA;
+  bool backupTried = false;
+  auto backupArray = [&]() -> std::optional<uint64_t> {
+    if (backupTried) return backupArrayLBA;
+    backupTried = true;
+    const uint64_t at = hdr.alternateLBA > 1 && hdr.alternateLBA < sizeInSect ? hdr.alternateLBA : sizeInSect - 1;
+    GUIDPartitionTableHeader backup{};
+    if (!readOneSector(at, &backup)) return std::nullopt;
+    convertGPTHeader(&backup);
+    if (backup.signature == kGPTSignature && backup.sizeOfPartitionEntry == entrySize &&
+        backup.partitionEntryLBA > 1 && backup.partitionEntryLBA < sizeInSect)
+      backupArrayLBA = backup.partitionEntryLBA;
+    return backupArrayLBA;
+  };
   for (uint64_t i = 0; i < count; ++i) {
     const uint64_t at = arrayLBA + i / perSector;
     if (at < arrayLBA || at >= sizeInSect) break;
     if (at != loaded) {
-      readOneSector(at, sector);
+      if (!readOneSector(at, sector)) {
+        const auto backup = backupArray();
+        const uint64_t stand = backup ? *backup + i / perSector : sizeInSect;
+        if (stand >= sizeInSect || !readOneSector(stand, sector)) std::memset(sector, 0, sizeof sector);
+      }
       loaded = at;
     }
     GUIDPartitionTableEntry entry;

@@ -94,6 +94,7 @@ struct ReadCall {
 
 // A source over the volume that records every read and can fail one.
 struct RecordingSource {
+  explicit RecordingSource(Volume* v) : volume(v) {}
   Volume* volume = nullptr;
   std::vector<ReadCall> calls;
   uint64_t failAtSector = UINT64_MAX;  // a read covering this sector fails
