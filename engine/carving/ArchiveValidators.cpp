@@ -231,7 +231,8 @@ bool checkRAR5_FileAtBlock(Candidate& c, Sig& sig) {
     const auto h = rar5Header(c, p, buf);
     if (!h || h->type == kRar5Encryption) return true;
     if (h->type == kRar5End) {
-      setFoundSizeWithSkip(c, sig, h->next);
+      // An end that the drive does not hold is no length to carve by.
+      if (c.has(0, h->next)) setFoundSizeWithSkip(c, sig, h->next);
       return true;
     }
     p = h->next;  // always past the header: positions only grow
