@@ -190,6 +190,16 @@ TEST(RawValidators, MakersMarksAndTheirExtraStructures) {
   EXPECT_EQ(r.foundSize, 500u);
   std::memcpy(orf.data(), "II*\0", 4);
   EXPECT_FALSE(runValidator(checkORF_FileAtBlock, orf, kBlock).accepted);
+  // Motorola order: "MMOR", offsets and counts big-endian.
+  std::vector<uint8_t> mm(400, 0);
+  std::memcpy(mm.data(), "MMOR\0\0\0\x08\0\x03", 10);
+  const uint8_t mmEntries[36] = {1, 0x00, 0, 4, 0, 0, 0, 1, 0, 0, 0,    10,  // width
+                                 1, 0x11, 0, 4, 0, 0, 0, 1, 0, 0, 1,    0,   // strip at 256
+                                 1, 0x17, 0, 4, 0, 0, 0, 1, 0, 0, 0, 0x80};  // 128 bytes
+  std::memcpy(mm.data() + 10, mmEntries, sizeof mmEntries);
+  r = runValidator(checkORF_FileAtBlock, mm, kBlock);
+  EXPECT_TRUE(r.accepted);
+  EXPECT_EQ(r.foundSize, 384u);
 }
 
 TEST(RawValidators, MrwBlockListsAreBounded) {
