@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <zlib.h>
 
 #include "CarveImage.h"
@@ -291,6 +292,50 @@ TEST(PdfValidator, QpdfIncrementalDocumentsEndAtTheirFirstRevision) {
   EXPECT_TRUE(r.accepted);
   const std::string text(base.begin(), base.end());
   EXPECT_EQ(r.foundSize, text.rfind("%%EOF") + 5);
+}
+
+}  // namespace
+}  // namespace ambrel::test
+
+namespace ambrel::test {
+namespace {
+
+TEST(DocumentSearch, ArchivesAndDocumentsAreFiledUnderTheirTypes) {
+  const auto rar4 = sample("rar/test_read_format_rar.rar");
+  const auto rar5 = sample("rar/test_read_format_rar5_stored.rar");
+  const auto xls = sample("ole_cfb/fixture.xls.cfb");
+  const auto zip = pythonMade(
+      "import sys, zipfile\nwith zipfile.ZipFile(sys.argv[1], 'w') as z:\n    z.writestr('n.txt', 'x' * 5000)\n"
+      "    z.comment = b'kept'\n",
+      "zip");
+  if (rar4.empty() || rar5.empty() || xls.empty() || zip.empty()) GTEST_SKIP() << "the shared test data or python3 is not here";
+  const auto pdf = handPdf("%%EOF");
+  TempDir dir;
+  writeDrive(dir / "drive.img", 1 << 20,
+             {{"rar4", 40, rar4}, {"rar5", 80, rar5}, {"xls", 120, xls}, {"zip", 400, zip}, {"pdf", 600, pdf}}, 9);
+  const BuiltDatabase db = builtDatabase();
+  DriveUnderSearch search(dir / "drive.img");
+  SignatureSearch(*search.volume, db.withExtensions({"rar", "doc", "zip", "pdf"})).signatureSearchDisk();
+  std::map<std::string, CarvedFile> byPath;
+  std::string seen;
+  for (const auto& f : carvedFiles(*search.volume->dirRoot)) {
+    byPath[f.path] = f;
+    seen += f.path + "@" + std::to_string(f.startBlock) + " ";
+  }
+  auto expect = [&](const std::string& path, uint64_t sector, uint64_t size) {
+    SCOPED_TRACE(path);
+    ASSERT_TRUE(byPath.count(path)) << seen;
+    EXPECT_EQ(byPath[path].startBlock, sector);
+    EXPECT_EQ(byPath[path].size, size);
+  };
+  expect("/Root/Archives/rar/File1.rar", 40, rar4.size());
+  expect("/Root/Archives/rar/File2.rar", 80, rar5.size());
+  // The Office record files the workbook under xls, at the table's bound.
+  expect("/Root/Documents/xls/File1.xls", 120, uint64_t{loadLE32(xls.data() + 44)} * 65536 + 512);
+  expect("/Root/Archives/zip/File1.zip", 400, zip.size());
+  const std::string text(pdf.begin(), pdf.end());
+  expect("/Root/Documents/pdf/File1.pdf", 600, text.find("%%EOF") + 5);
+  EXPECT_EQ(byPath.size(), 5u) << seen;
 }
 
 }  // namespace
