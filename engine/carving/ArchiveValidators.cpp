@@ -114,6 +114,7 @@ namespace {
 
 bool isRarBlockType(uint8_t t) { return t >= 0x72 && t <= 0x7B; }
 constexpr uint8_t kRarEndBlock = 0x7B;
+constexpr uint8_t kRarFileBlock = 0x74;
 
 }  // namespace
 
@@ -123,14 +124,21 @@ bool checkRAR_FileAtBlock(Candidate& c, Sig& sig) {
     setFoundSizeWithSkip(c, sig, 7);
     return true;
   }
+  bool fileBlockSeen = false;
   for (;;) {
     if (c.stopped()) break;
     // Past the drive's end reads as the zeros of a failed read: no block.
-    const uint8_t type = c.u8(p + 2).value_or(0);
+    const auto typeByte = c.u8(p + 2);
+    const uint8_t type = typeByte.value_or(0);
     if (!isRarBlockType(type)) {
+      // Archives written without an end block stop after their last file
+      // block: what was walked is the archive. Without a file block there
+      // is nothing to save; a block that runs past what can be read is cut.
+      if (fileBlockSeen && typeByte) break;
       sig.skipFileSize = false;
       return false;
     }
+    if (type == kRarFileBlock) fileBlockSeen = true;
     const bool longBlock = (c.u8(p + 4).value_or(0) & 0x80) != 0;
     const uint16_t headSize = c.le16(p + 5).value_or(0);
     const uint64_t added = longBlock ? c.le32(p + 7).value_or(0) : 0;

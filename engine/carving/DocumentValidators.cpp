@@ -2,6 +2,7 @@
 // bundle names).
 #include <algorithm>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -33,18 +34,43 @@ bool checkMSOFileAtBlock(Candidate& c, Sig& sig) {
   const uint64_t dirPos = (dirSector + 1) * sectorBytes;
   uint8_t dir[512];
   if (!c.bytes(dirPos, sizeof dir, dir)) return false;
-  if (!utf16Prefix(dir, "Root")) return false;
+  // The first entry is the root storage: named "Root Entry" by most
+  // writers, "R" by some older ones; its type byte says so either way.
+  constexpr uint8_t kRootStorage = 5;
+  if (!utf16Prefix(dir, "Root") && dir[66] != kRootStorage) return false;
   std::string extension = "ppt";
-  for (int i = 0; i < 4; ++i) {
-    const uint8_t* name = dir + 128 * i;
-    if (utf16Prefix(name, "Word")) {
-      extension = "doc";
-      break;
+  // The stream that tells the kind may sit anywhere in the directory: its
+  // sectors are followed through the allocation table, as far as the
+  // header's own table sectors reach, and only so far.
+  const uint64_t perTableSector = sectorBytes / 4;
+  auto nextSector = [&](uint64_t sector) -> std::optional<uint64_t> {
+    const uint64_t index = sector / perTableSector;
+    if (index >= 109) return std::nullopt;
+    const uint32_t tableSector = loadLE32(header + 76 + 4 * index);
+    if (tableSector >= 0xFFFFFFFAu) return std::nullopt;
+    const auto next = c.le32((uint64_t{tableSector} + 1) * sectorBytes + (sector % perTableSector) * 4);
+    if (!next || *next >= 0xFFFFFFFAu) return std::nullopt;
+    return *next;
+  };
+  constexpr int kMaxDirectorySectors = 64;  // a loop in the chain ends here too
+  std::vector<uint8_t> entries(static_cast<size_t>(sectorBytes));
+  uint64_t sector = dirSector;
+  for (int n = 0; n < kMaxDirectorySectors && extension == "ppt"; ++n) {
+    if (!c.bytes((sector + 1) * sectorBytes, entries.size(), entries.data())) break;
+    for (size_t at = 0; at + 128 <= entries.size(); at += 128) {
+      const uint8_t* name = entries.data() + at;
+      if (utf16Prefix(name, "Word")) {
+        extension = "doc";
+        break;
+      }
+      if (utf16Prefix(name, "Work") || utf16Prefix(name, "Book")) {
+        extension = "xls";
+        break;
+      }
     }
-    if (utf16Prefix(name, "Work")) {
-      extension = "xls";
-      break;
-    }
+    const auto next = nextSector(sector);
+    if (!next) break;
+    sector = *next;
   }
   sig.extension = extension;
   // The most that so many allocation-table sectors can describe, plus the

@@ -68,16 +68,21 @@ TEST(RarValidator, SharedSamplesEndWhereTheirBlocksEnd) {
   }
 }
 
-TEST(RarValidator, AnArchiveWithoutItsEndBlockIsRefusedUnlessABlockFollows) {
+TEST(RarValidator, AnArchiveWithoutItsEndBlockEndsAfterItsLastBlock) {
   auto rar = sample("rar/test_read_format_rar_noeof.rar");
   if (rar.empty()) GTEST_SKIP() << "the shared test data is not here";
-  // Zeros after the last block are no block: the walk refuses the file.
+  // Zeros after the last block are no block: the archive ends there.
   std::vector<uint8_t> drive(64 * 1024, 0);
   std::copy(rar.begin(), rar.end(), drive.begin() + 3 * kBlockBytes);
   ValidatorRun r = runValidatorOnDrive(checkRAR_FileAtBlock, drive, 3, kBlock, drive.size() / kBlockBytes);
-  EXPECT_FALSE(r.accepted);
-  EXPECT_FALSE(r.skipFileSize);
-  // The same archive with its end block given back ends after that block.
+  EXPECT_TRUE(r.accepted);
+  EXPECT_EQ(r.foundSize, rar.size());
+  // Noise after it: the same.
+  for (size_t i = 3 * kBlockBytes + rar.size(); i < drive.size(); ++i) drive[i] = static_cast<uint8_t>(i * 7 + 1);
+  r = runValidatorOnDrive(checkRAR_FileAtBlock, drive, 3, kBlock, drive.size() / kBlockBytes);
+  EXPECT_TRUE(r.accepted);
+  EXPECT_EQ(r.foundSize, rar.size());
+  // With its end block given back it ends after that block.
   const uint8_t end[7] = {0xC4, 0x3D, 0x7B, 0x00, 0x40, 0x07, 0x00};
   std::copy(end, end + 7, drive.begin() + 3 * kBlockBytes + rar.size());
   r = runValidatorOnDrive(checkRAR_FileAtBlock, drive, 3, kBlock, drive.size() / kBlockBytes);
@@ -105,6 +110,12 @@ TEST(RarValidator, BlockRules) {
   // A second block of type 0x70 is not a RAR block.
   auto bad = rarBlocks({mainHead, {0, 0, 0x70, 0, 0, 7, 0}});
   EXPECT_FALSE(runValidator(checkRAR_FileAtBlock, bad, kBlock).accepted);
+  // Nor is anything after the main header when no file block came: nothing to save.
+  EXPECT_FALSE(runValidator(checkRAR_FileAtBlock, rarBlocks({mainHead, {0, 0, 0x10, 0, 0, 7, 0}}), kBlock).accepted);
+  // After a file block the archive ends where its blocks end.
+  r = runValidator(checkRAR_FileAtBlock, rarBlocks({mainHead, fileHead, data, {0, 0, 0x10, 0, 0, 7, 0}}), kBlock);
+  EXPECT_TRUE(r.accepted);
+  EXPECT_EQ(r.foundSize, 7u + 13 + 11 + 100);
 
   // A first block that is no block at all: the marker alone, 7 bytes.
   r = runValidator(checkRAR_FileAtBlock, rarBlocks({{0, 0, 0x10, 0, 0, 0, 0}}), kBlock);
