@@ -220,9 +220,6 @@ void setFoundSizeWithSkip(Candidate& c, Sig& sig, uint64_t foundSize) {
 
 namespace {
 
-// Codes whose validator is not in this build yet: never a match.
-bool notBuiltYet(Candidate&, Sig&) { return false; }
-
 struct Named {
   ValidatorFn fn;
   const char* name;
@@ -231,17 +228,17 @@ struct Named {
 
 Named entryFor(uint32_t code) {
   switch (code) {
-    case 1: return {notBuiltYet, "checkMSOFileAtBlock:sig:", false};
+    case 1: return {checkMSOFileAtBlock, "checkMSOFileAtBlock:sig:", true};
     case 2: return {checkBMPFileAtBlock, "checkBMPFileAtBlock:sig:", true};
     case 3: return {checkJPGFileAtBlock, "checkJPGFileAtBlock:sig:", true};
     case 4: return {checkGIFFileAtBlock, "checkGIFFileAtBlock:sig:", true};
     case 5: return {checkTIFF_FileAtBlock, "checkTIFF_FileAtBlock:sig:", true};
     case 6: return {checkPNGFileAtBlock, "checkPNGFileAtBlock:sig:", true};
-    case 8: return {notBuiltYet, "checkCR2FileAtBlock:sig:", false};
-    case 9: return {notBuiltYet, "checkNEF_FileAtBlock:sig:", false};
-    case 10: return {notBuiltYet, "checkSONY_RAWFileAtBlock:sig:", false};
-    case 11: return {notBuiltYet, "checkMRWFileAtBlock:sig:", false};
-    case 12: return {notBuiltYet, "checkORF_FileAtBlock:sig:", false};
+    case 8: return {checkCR2FileAtBlock, "checkCR2FileAtBlock:sig:", true};
+    case 9: return {checkNEF_FileAtBlock, "checkNEF_FileAtBlock:sig:", true};
+    case 10: return {checkSONY_RAWFileAtBlock, "checkSONY_RAWFileAtBlock:sig:", true};
+    case 11: return {checkMRWFileAtBlock, "checkMRWFileAtBlock:sig:", true};
+    case 12: return {checkORF_FileAtBlock, "checkORF_FileAtBlock:sig:", true};
     case 13: return {checkWAVFileAtBlock, "checkWAVFileAtBlock:sig:", true};
     case 14: return {checkMIDIFileAtBlock, "checkMIDIFileAtBlock:sig:", true};
     case 15: return {checkMOVFileAtBlock, "checkMOVFileAtBlock:sig:", true};
@@ -250,13 +247,14 @@ Named entryFor(uint32_t code) {
     case 18: return {checkAVIFileAtBlock, "checkAVIFileAtBlock:sig:", true};
     case 19: return {checkMPGFileAtBlock, "checkMPGFileAtBlock:sig:", true};
     case 20: return {checkICNS_FileAtBlock, "checkICNS_FileAtBlock:sig:", true};
-    case 21: return {notBuiltYet, "checkZIP_FileAtBlock:sig:", false};
-    case 23: return {notBuiltYet, "checkRAR_FileAtBlock:sig:", false};
-    case 24: return {notBuiltYet, "checkPDF_FileAtBlock:sig:", false};
-    case 25: return {notBuiltYet, "checkRTF_FileAtBlock:sig:", false};
+    case 21: return {checkZIP_FileAtBlock, "checkZIP_FileAtBlock:sig:", true};
+    case 23: return {checkRAR_FileAtBlock, "checkRAR_FileAtBlock:sig:", true};
+    case 24: return {checkPDF_FileAtBlock, "checkPDF_FileAtBlock:sig:", true};
+    case 25: return {checkRTF_FileAtBlock, "checkRTF_FileAtBlock:sig:", true};
     case 26: return {check3GPP_FileAtBlock, "check3GPP_FileAtBlock:sig:", true};
     case 27: return {check3GPP2_FileAtBlock, "check3GPP2_FileAtBlock:sig:", true};
     case 28: return {checkAIFF_FileAtBlock, "checkAIFF_FileAtBlock:sig:", true};
+    case 29: return {checkRAR5_FileAtBlock, "checkRAR5_FileAtBlock:sig:", true};
     default: return {nullptr, "", false};  // 0, 7, 22: accepted as matched
   }
 }

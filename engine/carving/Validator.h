@@ -179,18 +179,18 @@ class Candidate {
 // A validator: YES when a file of its format starts at the candidate.
 using ValidatorFn = bool (*)(Candidate&, Sig&);
 
-// File-type codes that have a validator.
-inline constexpr uint32_t kHighestValidatorCode = 28;
+// File-type codes that have a validator. 29 is RAR 5, whose archives the
+// older RAR walk cannot read; codes above it have none.
+inline constexpr uint32_t kHighestValidatorCode = 29;
 
-// The validator of each code 0 ... 28; nullptr where a code has none (a match
+// The validator of each code 0 ... 29; nullptr where a code has none (a match
 // is then accepted as it stands). The search takes a copy, so tests can swap
 // entries.
 struct ValidatorTable {
   ValidatorFn byCode[kHighestValidatorCode + 1] = {};
   ValidatorFn forCode(uint32_t code) const { return code <= kHighestValidatorCode ? byCode[code] : nullptr; }
 };
-// The validators this build has; codes whose validator is not built yet
-// answer NO, never YES.
+// The validators this build has.
 const ValidatorTable& builtInValidators();
 // Whether a code's validator exists in this build (for listings).
 bool validatorIsBuilt(uint32_t code);

@@ -27,6 +27,21 @@ bool check3GPP_FileAtBlock(Candidate& c, Sig& sig);   // 26
 bool check3GPP2_FileAtBlock(Candidate& c, Sig& sig);  // 27
 bool checkMPGFileAtBlock(Candidate& c, Sig& sig);     // 19
 
+// Documents and archives.
+bool checkPDF_FileAtBlock(Candidate& c, Sig& sig);   // 24
+bool checkZIP_FileAtBlock(Candidate& c, Sig& sig);   // 21
+bool checkRAR_FileAtBlock(Candidate& c, Sig& sig);   // 23
+bool checkRAR5_FileAtBlock(Candidate& c, Sig& sig);  // 29
+bool checkMSOFileAtBlock(Candidate& c, Sig& sig);    // 1
+bool checkRTF_FileAtBlock(Candidate& c, Sig& sig);   // 25
+
+// Camera RAW.
+bool checkCR2FileAtBlock(Candidate& c, Sig& sig);        // 8
+bool checkNEF_FileAtBlock(Candidate& c, Sig& sig);       // 9
+bool checkSONY_RAWFileAtBlock(Candidate& c, Sig& sig);   // 10
+bool checkMRWFileAtBlock(Candidate& c, Sig& sig);        // 11
+bool checkORF_FileAtBlock(Candidate& c, Sig& sig);       // 12
+
 // The names a top-level atom may have: four lower-case letters a-z.
 bool checkMOVAtomName(const uint8_t type[4]);
 bool checkMP4AtomName(const uint8_t type[4]);

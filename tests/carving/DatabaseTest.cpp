@@ -69,7 +69,7 @@ TEST(SignatureTable, BadLinesAreReportedWithTheirNumbers) {
       "Images | odd | x | ABC | 0 | 3 | 1 | 0\n"
       "Images | long | x | 00112233445566778899 | 0 | 3 | 1 | 0\n"
       "Images | far | x | FF | 1025 | 3 | 1 | 0\n"
-      "Images | code | x | FF | 0 | 29 | 1 | 0\n"
+      "Images | code | x | FF | 0 | 30 | 1 | 0\n"
       "Images | dot | .x | FF | 0 | 3 | 1 | 0\n"
       "Images | cols | x | FF | 0 | 3 | 1\n");
   ASSERT_EQ(r.errors.size(), 6u);
