@@ -37,7 +37,9 @@ JournalHeader parseJournalHeader(const uint8_t* bytes, size_t n) {
 
 JournalPlace journalPlaceInVolume(const JournalInfoBlock& info, uint64_t volumeBytes) {
   JournalPlace p;
-  if ((info.flags & kJournalOnOtherDeviceMask) || !(info.flags & kJournalInFSMask)) return p;
+  // Only a journal said to be on another device is not searched here: a
+  // damaged flags word does not hide one that is in the volume.
+  if (info.flags & kJournalOnOtherDeviceMask) return p;
   if (info.offset >= volumeBytes || info.size == 0) return p;
   p.start = info.offset;
   p.size = std::min(info.size, volumeBytes - info.offset);

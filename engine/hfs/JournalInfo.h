@@ -34,7 +34,7 @@ struct JournalHeader {
 JournalHeader parseJournalHeader(const uint8_t* bytes, size_t n);
 
 // Byte offset and length of the journal inside a volume of volumeBytes, from
-// its info block: nothing (size 0) when the journal is kept elsewhere or
+// its info block: nothing (size 0) when the journal is on another device or
 // starts past the volume; a journal reaching past the volume is cut there.
 struct JournalPlace {
   uint64_t start = 0, size = 0;

@@ -141,11 +141,12 @@ TEST(JournalInfo, HeadersInEitherByteOrderAndPlacesInsideTheVolume) {
   EXPECT_FALSE(parseJournalHeader(noise, sizeof noise).found);
   EXPECT_FALSE(parseJournalHeader(head, 40).found);
 
-  // Flags: in this volume, not on another device.
+  // Flags: a journal on another device is not searched; a flags word
+  // without the in-volume bit does not hide one.
   const uint64_t volume = 10u << 20;
   EXPECT_EQ(journalPlaceInVolume({kJournalInFSMask, 4096, 1 << 20}, volume).size, 1u << 20);
   EXPECT_EQ(journalPlaceInVolume({kJournalInFSMask | kJournalOnOtherDeviceMask, 4096, 1 << 20}, volume).size, 0u);
-  EXPECT_EQ(journalPlaceInVolume({0, 4096, 1 << 20}, volume).size, 0u);
+  EXPECT_EQ(journalPlaceInVolume({0, 4096, 1 << 20}, volume).size, 1u << 20);
   EXPECT_EQ(journalPlaceInVolume({kJournalInFSMask, volume, 512}, volume).size, 0u);
   const JournalPlace cut = journalPlaceInVolume({kJournalInFSMask, volume - 4096, uint64_t{1} << 63}, volume);
   EXPECT_EQ(cut.start + cut.size, volume);
