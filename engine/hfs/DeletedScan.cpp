@@ -6,6 +6,10 @@
 #include <cstring>
 #include <fmt/format.h>
 #include <unordered_set>
+#include <xxhash.h>
+#if defined(__x86_64__)
+#include <xxh_x86dispatch.h>
+#endif
 
 #include "base/Endian.h"
 #include "carving/SignatureSearch.h"
@@ -20,8 +24,24 @@ namespace {
 // Sectors read at once from the journal: large reads keep the search at the
 // speed of the disk.
 constexpr uint64_t kJournalBatchSectors = 2048;
-// Progress goes out once per this many sectors, not once per sector.
-constexpr uint64_t kProgressSectors = 256;
+
+struct NodeDigest {
+  uint64_t low, high;
+  bool operator==(const NodeDigest&) const = default;
+};
+struct NodeDigestHash {
+  size_t operator()(const NodeDigest& d) const { return static_cast<size_t>(d.low); }
+};
+
+// The widest vector unit the processor has: the digest must not cost more
+// than the read it follows.
+XXH128_hash_t nodeDigest(const uint8_t* node, size_t bytes) {
+#if defined(__x86_64__)
+  return XXH3_128bits_dispatch(node, bytes);
+#else
+  return XXH3_128bits(node, bytes);
+#endif
+}
 
 double secondsSince(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
@@ -47,6 +67,8 @@ void Volume::resetTreeForDeletedScan() {
   deletedScanIDs_.clear();
   deletedScanFiles_.clear();
   folderThreads_.clear();
+  openDeleted_.clear();
+  privateDataFolderID_ = 0;
   filesMet_.clear();
   entryCount = folderCount = fileCount = 0;
   dataSize = 0;
@@ -106,6 +128,7 @@ void Volume::findDeletedFilesInJournal() {
   startPreventingSleep();
   collectLiveFiles();
   searchCatFragsForDeletedFiles();
+  placeOpenDeletedLeft();
   flagReusedDeletedFiles();
   provideMissingParents({&orphanEntryArray}, orphanEntryArray, false, false);
   if (!orphanEntryArray.empty()) processOrphanEntriesWithIncrement(false, true);
@@ -125,41 +148,60 @@ void Volume::searchCatFragsForDeletedFiles() {
   if (total == 0 || catNodeSize <= 0 || catNodeSize > kMaxNodeSectors) return;
 
   const uint64_t nodeSectors = static_cast<uint64_t>(catNodeSize);
+  const size_t nodeBytes = nodeSectors * kSectorSize;
   const uint64_t first = HPlusVolStart + journalStart / kSectorSize;
+  // A busy journal holds the same node many times over; a copy identical to
+  // one already read adds nothing, and reading its records again would cost
+  // far more than the disk read. At most one digest per sector searched.
+  std::unordered_set<NodeDigest, NodeDigestHash> seen;
+  seen.reserve(std::min<uint64_t>(total / nodeSectors + 1, uint64_t{1} << 16));
+  std::string timeText;
+  auto take = [&](const uint8_t* head) {
+    if (!leafDescriptor(head)) return;
+    ++journalNodesFound;
+    const XXH128_hash_t h = nodeDigest(head, nodeBytes);
+    if (!seen.insert(NodeDigest{h.low64, h.high64}).second) return;
+    processDeletedNode(head, nodeBytes, timeText);
+  };
+
   // Each batch follows the last nodeSectors - 1 sectors of the one before, so
   // a node copy across two batches is whole in the buffer.
   const uint64_t carry = nodeSectors - 1;
-  std::vector<uint8_t> buf((carry + kJournalBatchSectors) * kSectorSize);
+  // The batch itself starts on a page: the kernel copies into it fastest.
+  constexpr size_t kPage = 4096;
+  std::vector<uint8_t> space((carry + kJournalBatchSectors) * kSectorSize + 2 * kPage);
+  const uintptr_t batchAt = (reinterpret_cast<uintptr_t>(space.data()) + carry * kSectorSize + kPage - 1) & ~(kPage - 1);
+  uint8_t* const bufStart = reinterpret_cast<uint8_t*>(batchAt) - carry * kSectorSize;
   const auto start = std::chrono::steady_clock::now();
-  std::string timeText;
-  uint64_t sinceReport = 0;
   for (uint64_t done = 0; done < total && !stopTreeThread;) {
     const uint64_t count = std::min(kJournalBatchSectors, total - done);
-    if (done > 0) std::memmove(buf.data(), buf.data() + kJournalBatchSectors * kSectorSize, carry * kSectorSize);
-    uint8_t* batch = buf.data() + carry * kSectorSize;
+    if (done > 0) std::memmove(bufStart, bufStart + kJournalBatchSectors * kSectorSize, carry * kSectorSize);
+    uint8_t* batch = bufStart + carry * kSectorSize;
     // A bad sector reads as zeros and costs only itself.
     readSectorsSalvaging(first + done, count, batch);
     for (uint64_t s = 0; s < count; ++s) {
+      if (!looksLikeNodeEnd(batch + s * kSectorSize) || done + s + 1 < nodeSectors) continue;
       if (stopTreeThread) break;
-      const uint64_t i = done + s;
-      if (++sinceReport == kProgressSectors) {
-        timeText = timeRemainingText(secondsSince(start), i + 1, total);
-        report({{progress::kProgressStatus, status},
-                {progress::kBarIncrement, sinceReport},
-                {progress::kTimeRemaining, timeText}});
-        sinceReport = 0;
-      }
-      const uint8_t* sector = batch + s * kSectorSize;
-      if (!looksLikeNodeEnd(sector) || i + 1 < nodeSectors) continue;
-      const uint8_t* head = batch + (static_cast<int64_t>(s) - static_cast<int64_t>(carry)) * kSectorSize;
-      if (!leafDescriptor(head)) continue;
-      ++journalNodesFound;
-      processDeletedNode(head, nodeSectors * kSectorSize, timeText);
+      take(batch + (static_cast<int64_t>(s) - static_cast<int64_t>(carry)) * kSectorSize);
     }
     done += count;
+    if (stopTreeThread) break;
+    // Once a batch: a report costs more than searching a few sectors.
+    timeText = timeRemainingText(secondsSince(start), done, total);
+    report({{progress::kProgressStatus, status}, {progress::kBarIncrement, count}, {progress::kTimeRemaining, timeText}});
   }
-  if (sinceReport > 0 && !stopTreeThread)
-    report({{progress::kProgressStatus, status}, {progress::kBarIncrement, sinceReport}});
+
+  // The buffer is circular: a copy that runs past the journal's end goes on
+  // right after the journal header. The last carry sectors and the first
+  // carry sectors after the header, side by side, hold every such copy.
+  const uint64_t header = journalHeaderSize / kSectorSize;
+  if (stopTreeThread || carry == 0 || header == 0 || header + 2 * carry > total) return;
+  std::vector<uint8_t> seam(2 * carry * kSectorSize);
+  readSectorsSalvaging(first + total - carry, carry, seam.data());
+  readSectorsSalvaging(first + header, carry, seam.data() + carry * kSectorSize);
+  // Ends in the second half whose node begins in the first.
+  for (uint64_t s = carry; s < 2 * carry && !stopTreeThread; ++s)
+    if (looksLikeNodeEnd(seam.data() + s * kSectorSize)) take(seam.data() + (s - carry) * kSectorSize);
 }
 
 void Volume::processCatFragForDeletedFiles(uint64_t sector, const std::string& timeRemaining) {
@@ -194,47 +236,86 @@ RecordCheck Volume::processDeletedRecord(const uint8_t* node, size_t bytes, uint
   if (rec.parentID == kRootParentID) return RecordCheck::SkipRecord;
   if (rec.recordType != kHFSPlusFolderRecord && rec.recordType != kHFSPlusFileRecord) return RecordCheck::SkipRecord;
 
-  // Files are in btree too: only a folder can be a parent.
-  HDIR* parent = findDir(btree.get(), rec.parentID);
-  if (parent && parent->fileType != kHDIRFolder) parent = nullptr;
-  auto entry = std::make_unique<HDIR>();
-  entry->parentID = rec.parentID;
-  entry->btreeHDIR = btree.get();
-  entry->btreeHDIRAdvScan = btreeAdvScan;
-
+  // Deleted while open: the copy under its real name, in its real folder, is
+  // wanted, and may come later in the journal.
+  auto waitsForRealName = [&](uint32_t id) {
+    return openDeletedName(rec.name, id) && (privateDataFolderID_ == 0 || rec.parentID == privateDataFolderID_);
+  };
   if (rec.recordType == kHFSPlusFolderRecord) {
     HFSPlusCatalogFolder_ folder;
     if (!rec.folder(folder)) return RecordCheck::AbandonNode;
     if (!plausibleFolderRecord(folder)) return RecordCheck::SkipRecord;
-    // A record met in an earlier copy is placed once.
-    if (folder.folderID <= kLostFoldersID || !deletedScanIDs_.insert(folder.folderID).second) return RecordCheck::Ok;
-    entry->fileType = kHDIRFolder;
-    entry->createDate = folder.createDate;
-    entry->modDate = folder.contentModDate;
-    entry->fileID = folder.folderID;
-    maxFileID = std::max(maxFileID, folder.folderID);
-    if (parent) {
-      entry->setFileName(suggestedRepeatFileName(rec.name, parent));
-      entry->parent = parent;
-      for (HDIR* up = parent; up; up = up->parent) up->addToChildrenCount(1);
-      parent->addChildDelFile(std::move(entry));
-    } else {
-      entry->setFileName(rec.name);
-      orphanEntryArray.push_back(std::move(entry));
+    if (folder.folderID <= kLostFoldersID || deletedScanIDs_.count(folder.folderID)) return RecordCheck::Ok;
+    if (waitsForRealName(folder.folderID)) {
+      openDeleted_.try_emplace(folder.folderID, OpenDeleted{rec.parentID, rec.name, folder, {}});
+      return RecordCheck::Ok;
     }
+    placeDeletedFolder(rec.parentID, rec.name, folder);
     return RecordCheck::Ok;
   }
-
   HFSPlusCatalogFile_ file;
   if (!rec.file(file)) return RecordCheck::AbandonNode;
   if (!plausibleFileRecord(file) || !plausibleForks(file)) return RecordCheck::SkipRecord;
   if (file.fileID <= kLostFoldersID || deletedScanIDs_.count(file.fileID)) return RecordCheck::Ok;
+  if (waitsForRealName(file.fileID)) {
+    openDeleted_.try_emplace(file.fileID, OpenDeleted{rec.parentID, rec.name, {}, file});
+    return RecordCheck::Ok;
+  }
+  return placeDeletedFile(rec.parentID, rec.name, file);
+}
+
+void Volume::placeOpenDeletedLeft() {
+  // By ID, so the tree does not depend on the order of the journal.
+  for (const auto& [id, o] : openDeleted_) {
+    if (stopTreeThread) break;
+    if (deletedScanIDs_.count(id)) continue;
+    if (o.folder.recordType == kHFSPlusFolderRecord)
+      placeDeletedFolder(o.parentID, o.name, o.folder);
+    else
+      placeDeletedFile(o.parentID, o.name, o.file);
+  }
+  openDeleted_.clear();
+}
+
+void Volume::placeDeletedFolder(uint32_t parentID, const std::string& name, const HFSPlusCatalogFolder_& folder) {
+  // Files are in btree too: only a folder can be a parent.
+  HDIR* parent = findDir(btree.get(), parentID);
+  if (parent && parent->fileType != kHDIRFolder) parent = nullptr;
+  // A record met in an earlier copy is placed once.
+  deletedScanIDs_.insert(folder.folderID);
+  auto entry = std::make_unique<HDIR>();
+  entry->parentID = parentID;
+  entry->btreeHDIR = btree.get();
+  entry->btreeHDIRAdvScan = btreeAdvScan;
+  entry->fileType = kHDIRFolder;
+  entry->createDate = folder.createDate;
+  entry->modDate = folder.contentModDate;
+  entry->fileID = folder.folderID;
+  maxFileID = std::max(maxFileID, folder.folderID);
+  if (parent) {
+    entry->setFileName(suggestedRepeatFileName(name, parent));
+    entry->parent = parent;
+    for (HDIR* up = parent; up; up = up->parent) up->addToChildrenCount(1);
+    parent->addChildDelFile(std::move(entry));
+  } else {
+    entry->setFileName(name);
+    orphanEntryArray.push_back(std::move(entry));
+  }
+}
+
+RecordCheck Volume::placeDeletedFile(uint32_t parentID, const std::string& name, const HFSPlusCatalogFile_& file) {
+  auto entry = std::make_unique<HDIR>();
   // The extents file still holds the overflow extents of live files only.
   const ForkExtents data = collectForkExtents(file.dataFork, file.fileID, kDataForkType, entry->dataExt, extentsTreeUsable);
   const ForkExtents rsrc = collectForkExtents(file.resourceFork, file.fileID, kResourceForkType, entry->rscExt,
                                               extentsTreeUsable);
   if (data == ForkExtents::Wrong || rsrc == ForkExtents::Wrong) return RecordCheck::SkipRecord;
+  HDIR* parent = findDir(btree.get(), parentID);
+  if (parent && parent->fileType != kHDIRFolder) parent = nullptr;
   deletedScanIDs_.insert(file.fileID);
+  entry->parentID = parentID;
+  entry->btreeHDIR = btree.get();
+  entry->btreeHDIRAdvScan = btreeAdvScan;
   entry->fileType = kHDIRFile;
   entry->createDate = file.createDate;
   entry->modDate = file.contentModDate;
@@ -253,7 +334,7 @@ RecordCheck Volume::processDeletedRecord(const uint8_t* node, size_t bytes, uint
   dataSize += entry->fileSize;
   HDIR* made = entry.get();
   if (parent) {
-    entry->setFileName(suggestedRepeatFileName(rec.name, parent));
+    entry->setFileName(suggestedRepeatFileName(name, parent));
     entry->parent = parent;
     for (HDIR* up = parent; up; up = up->parent) {
       up->addToChildrenCount(1);
@@ -262,7 +343,7 @@ RecordCheck Volume::processDeletedRecord(const uint8_t* node, size_t bytes, uint
     }
     made = parent->addChildDelFile(std::move(entry));
   } else {
-    entry->setFileName(rec.name);
+    entry->setFileName(name);
     orphanEntryArray.push_back(std::move(entry));
   }
   deletedScanFiles_.push_back(made);
@@ -287,6 +368,10 @@ void Volume::collectLiveFiles() {
     for (uint32_t r = 0; r < d.numRecords; ++r) {
       const CatalogRecordView rec = catalogRecordAt(node, d.numRecords, r, true);
       if (rec.check == RecordCheck::AbandonNode) break;
+      HFSPlusCatalogFolder_ folder;
+      if (rec.ok() && rec.recordType == kHFSPlusFolderRecord && rec.parentID == kRootFolderID &&
+          privateDataFolderName(rec.name) && rec.folder(folder))
+        privateDataFolderID_ = folder.folderID;
       HFSPlusCatalogFile_ file;
       if (!rec.ok() || rec.recordType != kHFSPlusFileRecord || !rec.file(file)) continue;
       FileVersion v;

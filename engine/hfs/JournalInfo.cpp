@@ -50,6 +50,7 @@ void Volume::getJournalSizeAndStart() {
   journalStart = 0;
   journalSize = 0;
   journalHeaderLittleEndian = false;
+  journalHeaderSize = 0;
   if (blockSize <= 0 || vib.journalInfoBlock == 0) return;
   const uint64_t bs = static_cast<uint64_t>(blockSize);
   // The volume's own extent: its header may claim more blocks than the
@@ -88,6 +89,11 @@ void Volume::getJournalSizeAndStart() {
   journalSize = place.size;
   journalHeaderLittleEndian = header.found && header.littleEndian;
   journalHeaderFound = header.found;
+  // The circular buffer starts after the header; copies across its end are
+  // only put together when the header agrees on where that end is.
+  if (header.found && header.size == journalSize && header.jhdrSize > 0 && header.jhdrSize % kSectorSize == 0 &&
+      header.jhdrSize < journalSize)
+    journalHeaderSize = header.jhdrSize;
 }
 
 }  // namespace ambrel

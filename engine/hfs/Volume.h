@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <map>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -106,6 +107,10 @@ class Volume : public DMedia {
   // header, the journal searched, orphans placed, empty folders removed.
   void findDeletedFilesInJournal();
   void searchCatFragsForDeletedFiles();
+  // A new root and empty bookkeeping; the volume's geometry is kept.
+  void resetTreeForDeletedScan();
+  // Node copies that run past the journal's end and go on after its header.
+  void searchWrappedNodeCopies();
   // One node of catNodeSize sectors from `sector`; timeRemaining is the text
   // sent with the counters after it.
   void processCatFragForDeletedFiles(uint64_t sector, const std::string& timeRemaining);
@@ -167,6 +172,7 @@ class Volume : public DMedia {
   uint64_t journalSize = 0;
   bool journalHeaderFound = false;
   bool journalHeaderLittleEndian = false;
+  uint32_t journalHeaderSize = 0;  // where the circular buffer begins; 0 when not known
   // Node copies that the journal search accepted, for its report.
   uint64_t journalNodesFound = 0;
   std::atomic<bool> stopTreeThread{false};
@@ -266,11 +272,23 @@ class Volume : public DMedia {
   void scanLeafEnds(uint64_t from, uint64_t to, int32_t knownNodeSectors, std::vector<LeafEnd>& ends,
                     const std::function<void()>& perChunk);
   // Deleted-files scan helpers.
-  void resetTreeForDeletedScan();
   void processDeletedNode(const uint8_t* node, size_t bytes, const std::string& timeRemaining);
   RecordCheck processDeletedRecord(const uint8_t* node, size_t bytes, uint32_t numRecords, uint32_t index);
   void collectLiveFiles();
   void flagReusedDeletedFiles();
+  // Records named only as deleted while open, placed after the search if no
+  // copy under their real name turned up.
+  void placeOpenDeletedLeft();
+  void placeDeletedFolder(uint32_t parentID, const std::string& name, const HFSPlusCatalogFolder_& folder);
+  RecordCheck placeDeletedFile(uint32_t parentID, const std::string& name, const HFSPlusCatalogFile_& file);
+  struct OpenDeleted {
+    uint32_t parentID = 0;
+    std::string name;
+    HFSPlusCatalogFolder_ folder{};  // recordType set for a folder
+    HFSPlusCatalogFile_ file{};
+  };
+  std::map<uint32_t, OpenDeleted> openDeleted_;
+  uint32_t privateDataFolderID_ = 0;  // 0 while the live catalog has not named it
   std::unordered_set<uint32_t> deletedScanIDs_;  // records placed or waiting, by catalog node ID
   std::vector<HDIR*> deletedScanFiles_;           // files made by the journal search, while it runs
   RecordCheck processFragmentRecord(const std::vector<uint8_t>& node, uint32_t numRecords, uint32_t index, bool live);

@@ -3,6 +3,7 @@
 // and what the search does with copies, stops and volumes without a journal.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <set>
@@ -84,6 +85,55 @@ TEST(DeletedFiles, ListedOnceByNameInTheirFolderWithTheirBytes) {
   for (const auto& e : b->layout.entries)
     if (!e.deleted && !e.folder) EXPECT_LE(byID.count(e.cnid), 1u) << e.path;
   for (const auto& [id, entry] : byID) EXPECT_EQ(byID.count(id), 1u) << entry->fileName();
+}
+
+// The journal is circular: a leaf copy that runs past its end goes on right
+// after the journal header, and is read as one node all the same.
+TEST(DeletedFiles, ALeafCopyAcrossTheJournalEndIsPutBackTogether) {
+  mk::VolumeSpec spec = volumeWithDeletions();
+  spec.journalWrap = true;
+  auto b = buildVolume(spec);
+  const auto& l = b->layout;
+  const size_t nodeBytes = l.catalog.nodeSize;
+  const uint64_t journalByte = l.HPlusVolStart * 512 + l.journalStart;
+  const uint64_t journalEnd = journalByte + l.journalSize;
+  ASSERT_NE(l.journalWrappedCopySector, 0u);
+  const uint64_t tailBytes = journalEnd - l.journalWrappedCopySector * 512;
+  ASSERT_GT(tailBytes, 0u);
+  ASSERT_LT(tailBytes, nodeBytes);
+  // The copy as the journal holds it: its end, then after the 512-byte header.
+  auto node = imageBytes(b->image, l.journalWrappedCopySector * 512, tailBytes);
+  const auto rest = imageBytes(b->image, journalByte + 512, nodeBytes - tailBytes);
+  node.insert(node.end(), rest.begin(), rest.end());
+  auto holdsName = [&](const std::string& name) {
+    std::vector<uint8_t> utf16;
+    for (char c : name) utf16.insert(utf16.end(), {0, static_cast<uint8_t>(c)});
+    return std::search(node.begin(), node.end(), utf16.begin(), utf16.end()) != node.end();
+  };
+
+  ScanResult r = findDeleted(b->image, 0, l.sizeSectors);
+  ASSERT_NE(r.volume->dirRoot, nullptr);
+  const auto byID = entriesByFileID(*r.volume->dirRoot);
+  size_t inWrapped = 0;
+  for (const auto& e : l.entries) {
+    if (!e.deleted || e.folder || !holdsName(e.name)) continue;
+    SCOPED_TRACE(e.path);
+    ++inWrapped;
+    ASSERT_EQ(byID.count(e.cnid), 1u);
+    const HDIR* h = byID.find(e.cnid)->second;
+    EXPECT_EQ(h->fileName(), e.name);
+    EXPECT_EQ(h->dataSize, e.dataSize);
+    auto want = builtData(e);
+    ASSERT_TRUE(want.has_value());
+    EXPECT_TRUE(dataOf(b->image, *r.volume, *h) == *want);
+  }
+  EXPECT_GT(inWrapped, 0u);
+  // Nothing lost and nothing more than with the same copies laid out in one piece.
+  auto flat = buildVolume(volumeWithDeletions());
+  ScanResult f = findDeleted(flat->image, 0, flat->layout.sizeSectors);
+  EXPECT_EQ(r.volume->journalNodesFound, f.volume->journalNodesFound);
+  const auto wrappedTree = treeOf(*r.volume), flatTree = treeOf(*f.volume);
+  EXPECT_SAME_TREE(wrappedTree, flatTree);
 }
 
 // The same nodes once more further on in the journal: nothing new, nothing twice.

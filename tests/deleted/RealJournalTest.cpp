@@ -163,3 +163,55 @@ TEST_F(RealJournal, RecordsGoneFromTheCatalogComeBackInTheirFoldersWithNamesDate
   EXPECT_GT(filesChecked, 20u);
   EXPECT_GT(skipped, 0u);  // the image holds records with a zero creation date
 }
+
+// A file or folder deleted while open waits in the private data folder as
+// "temp<ID>"; where the journal also keeps its record from before, that one
+// names it and places it.
+TEST_F(RealJournal, DeletedWhileOpenComesBackUnderItsRealNameAndFolder) {
+  const auto records = journalRecords();
+  std::set<uint32_t> privateFolders;
+  for (const auto& [cnid, rec] : records)
+    if (rec.folder && rec.parent == kRootFolderID && rec.name.size() > 4 && rec.name.substr(4) == "HFS+ Private Data")
+      privateFolders.insert(cnid);
+  ASSERT_EQ(privateFolders.size(), 1u);
+  const uint32_t privateFolder = *privateFolders.begin();
+  auto tempName = [&](uint32_t cnid, const JournalRecord& rec) {
+    return rec.parent == privateFolder && rec.name == "temp" + std::to_string(cnid);
+  };
+  // By cnid: the first version with a real name, if any, and whether a temp one exists.
+  std::map<uint32_t, const JournalRecord*> real;
+  std::set<uint32_t> temp;
+  for (const auto& [cnid, rec] : records) {
+    if (tempName(cnid, rec))
+      temp.insert(cnid);
+    else
+      real.try_emplace(cnid, &rec);
+  }
+
+  ScanResult r = findDeleted(image_, 0, std::filesystem::file_size(image_) / 512);
+  ASSERT_NE(r.volume->dirRoot, nullptr);
+  const auto byID = entriesByFileID(*r.volume->dirRoot);
+  size_t renamed = 0, leftAsTemp = 0;
+  for (uint32_t cnid : temp) {
+    SCOPED_TRACE("cnid " + std::to_string(cnid));
+    auto it = byID.find(cnid);
+    if (it == byID.end()) continue;  // an empty folder, or a zero date
+    const HDIR* h = it->second;
+    if (auto named = real.find(cnid); named != real.end()) {
+      EXPECT_EQ(h->fileName(), named->second->name);
+      EXPECT_EQ(h->parentID, named->second->parent);
+      if (byID.count(named->second->parent)) {
+        ASSERT_NE(h->holder(), nullptr);
+        EXPECT_EQ(h->holder()->fileID, named->second->parent);
+      }
+      ++renamed;
+    } else {
+      EXPECT_EQ(h->fileName(), "temp" + std::to_string(cnid));
+      EXPECT_EQ(h->parentID, privateFolder);
+      ++leftAsTemp;
+    }
+  }
+  // The image holds both kinds (folder 3108 was "untitled folder copy 2").
+  EXPECT_GT(renamed, 0u);
+  EXPECT_GT(leftAsTemp, 0u);
+}
