@@ -38,6 +38,11 @@ step "Standard scan of volume 1 (the tree listing, first columns)"
 step "Advanced scan: catalog nodes found anywhere, deleted entries included"
 "$CLI" tree --volume 1 --advanced "$OUT/demo-drive.img" 2>/dev/null | cut -f1,2,5 | grep -E 'Lost|Tax|Draft' || true
 
+step "Deleted files by name: the old catalog nodes kept in the journal"
+"$CLI" deleted --volume 1 "$OUT/demo-drive.img" 2>/dev/null | cut -f1,2,5,13
+"$CLI" deleted --volume 1 "$OUT/demo-drive.img" --out "$OUT/deleted" 2>/dev/null | head -n 1
+(cd "$OUT/deleted" && find . -type f -path '*Tax*' -o -type f -path '*Party*' -o -type f -name 'Draft*' | sort)
+
 step "The scan info file kept from the standard scan"
 "$CLI" scaninfo "$OUT/macintosh-hd.asi"
 

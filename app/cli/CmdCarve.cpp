@@ -4,21 +4,16 @@
 #include <fmt/format.h>
 
 #include <atomic>
-#include <cctype>
 #include <csignal>
-#include <filesystem>
 #include <functional>
-#include <set>
 
 #include "carving/SignatureDatabase.h"
 #include "carving/SignatureSearch.h"
+#include "cli/CarveShared.h"
 #include "cli/CliController.h"
 #include "cli/TerminalText.h"
 #include "cli/VolumeSelect.h"
-#include "core/SaveFlow.h"
 #include "core/TreeListing.h"
-#include "output/Saver.h"
-#include "tree/CheckController.h"
 
 namespace ambrel::cli {
 
@@ -39,22 +34,6 @@ std::atomic<Volume*> gCarving{nullptr};
 
 extern "C" void stopCarving(int) {
   if (Volume* v = gCarving.load()) v->stopTreeThread.store(true);
-}
-
-std::string lower(std::string s) {
-  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return s;
-}
-
-// "20MB", "2GB", "20" (MB): the digits and the pop-up's item (0 MB, 1 GB).
-bool parseMaxSize(const std::string& text, std::string& digits, int& unit) {
-  std::string t = lower(text);
-  unit = 0;
-  if (t.size() >= 2 && t.compare(t.size() - 2, 2, "gb") == 0) unit = 1;
-  if (t.size() >= 2 && (t.compare(t.size() - 2, 2, "gb") == 0 || t.compare(t.size() - 2, 2, "mb") == 0))
-    t.resize(t.size() - 2);
-  digits = t;
-  return true;
 }
 
 // "START%-END%" (the % signs optional), each 0 to 100, START not above END.
@@ -88,48 +67,12 @@ int runCarve(CarveOptions& opt) {
   }
 
   SignatureDatabase db;
-  db.loadSigData();
-  if (db.sigRootArray().empty()) {
-    fmt::print(stderr, "ambrel-cli: no signature database could be read ({}); see the signatures command\n",
-               db.lastLoadError());
-    return 2;
-  }
-  db.deselectAllSig();
-  if (opt.all) {
-    db.selectAllSig();
-  } else {
-    std::set<std::string> wanted;
-    for (size_t from = 0; from <= opt.types.size();) {
-      const size_t comma = opt.types.find(',', from);
-      const std::string t = lower(opt.types.substr(from, comma == std::string::npos ? std::string::npos : comma - from));
-      if (!t.empty()) wanted.insert(t[0] == '.' ? t.substr(1) : t);
-      if (comma == std::string::npos) break;
-      from = comma + 1;
-    }
-    std::set<std::string> matched;
-    for (auto& category : db.sigRootArray())
-      for (const auto& child : category->children())
-        if (child->sig && wanted.count(lower(child->sig->extension))) {
-          CheckControllerSig(child.get(), 1).run();
-          matched.insert(lower(child->sig->extension));
-        }
-    for (const auto& t : wanted)
-      if (!matched.count(t)) {
-        fmt::print(stderr, "ambrel-cli: no file type with the extension \"{}\" in the database\n", t);
-        return 2;
-      }
-  }
-
-  std::string digits;
-  int unit = 0;
-  parseMaxSize(opt.maxSize, digits, unit);
-  const SigSelection selection = db.sigSelNextClicked(opt.wholeDrive ? 3 : 2, false, digits, unit);
-  if (selection.outcome != SigSelection::Outcome::Proceed) {
-    fmt::print(stderr, "ambrel-cli: {}: {}\n", selection.alert.title, selection.alert.message);
-    return 2;
-  }
   std::vector<const Sig*> sigs;
-  for (SigNode* n : selection.sigSelArray) sigs.push_back(n->sig.get());
+  std::string selectError;
+  if (!selectSignatures(TypeChoice{opt.types, opt.all, opt.maxSize}, opt.wholeDrive ? 3 : 2, db, sigs, selectError)) {
+    fmt::print(stderr, "ambrel-cli: {}\n", selectError);
+    return 2;
+  }
 
   CliController controller;
   std::unique_ptr<Volume> volume;
@@ -187,27 +130,7 @@ int runCarve(CarveOptions& opt) {
     fmt::print(stderr, "ambrel-cli: nothing to save\n");
     return stats.stopped ? 130 : 1;
   }
-  CheckController(volume->dirRoot.get(), true).run();
-  const DestinationCheck check = checkSaveDestination(*volume->dirRoot, opt.out);
-  if (check.refusal) {
-    fmt::print(stderr, "ambrel-cli: {}: {} ({} needed, {} free in {})\n", check.refusal->title, check.refusal->message,
-               sizeText(check.needed), sizeText(check.info.freeBytes), terminalText(check.probed));
-    return 2;
-  }
-  std::error_code ec;
-  if (!std::filesystem::exists(opt.out, ec) && (!std::filesystem::create_directories(opt.out, ec) || ec)) {
-    fmt::print(stderr, "ambrel-cli: ! Can not save: the folder {} could not be made: {}\n", terminalText(opt.out),
-               ec.message());
-    return 2;
-  }
-  Saver::Options options;
-  options.finalAlert = false;
-  Saver saver(*volume->dirRoot, saveSourceOf(*volume), &controller, options);
-  const SaveResult r = saver.saveFilesAndFolders(opt.out);
-  printSaveResult(r, opt.out);
-  if (r.failedCreates + r.failedWrites + r.damagedCompressed > 0) status = status ? status : kExitFailed;
-  if (r.failedReads && status == kExitDone) status = kExitReadErrors;
-  return readOutcome(*volume, controller, status, "files there may have been missed");
+  return saveFoundTree(*volume, controller, opt.out, status, "files there may have been missed");
 }
 
 }  // namespace

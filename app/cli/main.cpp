@@ -19,6 +19,7 @@ void registerScanInfoCommands(CLI::App& app, std::function<int()>& run);
 void registerTreeCommands(CLI::App& app, std::function<int()>& run);
 void registerRecoverCommands(CLI::App& app, std::function<int()>& run);
 void registerCarveCommands(CLI::App& app, std::function<int()>& run);
+void registerDeletedCommands(CLI::App& app, std::function<int()>& run);
 void registerSignatureCommands(CLI::App& app, std::function<int()>& run);
 void registerDriveCommands(CLI::App& app, std::function<int()>& run);
 }
@@ -95,6 +96,7 @@ int main(int argc, char** argv) {
   cli::registerTreeCommands(app, run);
   cli::registerRecoverCommands(app, run);
   cli::registerCarveCommands(app, run);
+  cli::registerDeletedCommands(app, run);
   cli::registerSignatureCommands(app, run);
 
   try {

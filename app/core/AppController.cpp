@@ -49,7 +49,13 @@ AppController::AppController(UserInterface& ui, MainThreadDispatcher& dispatcher
       scanInfoSavedSignal_(std::make_shared<std::atomic<bool>>(false)),
       findState_(std::make_shared<FindState>()),
       preview_(std::make_shared<PreviewState>()),
-      stopAll_(std::make_shared<std::atomic<bool>>(false)) {}
+      stopAll_(std::make_shared<std::atomic<bool>>(false)) {
+  if (!options_.searchDeletedFiles)
+    options_.searchDeletedFiles = [](Volume& volume, AppControllerInterface* controller) {
+      volume.appController = controller;
+      volume.findDeletedFilesInJournal();
+    };
+}
 
 AppController::~AppController() {
   // The notification thread calls back into this object: it goes first.

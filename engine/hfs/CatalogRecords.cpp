@@ -1,6 +1,8 @@
 #include "hfs/CatalogRecords.h"
 
+#include <cstdio>
 #include <cstring>
+#include <string_view>
 
 #include "base/Endian.h"
 #include "media/NodeChecks.h"
@@ -87,6 +89,20 @@ bool CatalogRecordView::thread(uint32_t& parent, std::string& threadName) const 
   parent = loadBE32(p + 4);
   threadName = utf16BigToUtf8(p + kThreadHeader, length);
   return parent != 0;
+}
+
+bool privateDataFolderName(const std::string& name) {
+  static const std::string kNul = std::string(4, '\0') + "HFS+ Private Data";
+  static const std::string kQuad = "\xE2\x80\x80\xE2\x80\x80\xE2\x80\x80\xE2\x80\x80HFS+ Private Data";
+  return name == kNul || name == kQuad;
+}
+
+bool openDeletedName(const std::string& name, uint32_t id) {
+  constexpr std::string_view kPrefix = "temp";
+  if (name.size() <= kPrefix.size() || name.compare(0, kPrefix.size(), kPrefix) != 0) return false;
+  char digits[16];
+  const int n = std::snprintf(digits, sizeof digits, "%u", id);
+  return name.compare(kPrefix.size(), std::string::npos, digits, static_cast<size_t>(n)) == 0;
 }
 
 bool plausibleFolderRecord(const HFSPlusCatalogFolder_& f) {

@@ -43,6 +43,14 @@ struct CatalogRecordView {
 // Unchecked mode keeps only what memory safety needs.
 CatalogRecordView catalogRecordAt(std::span<const uint8_t> node, uint32_t numRecords, uint32_t index, bool checked);
 
+// The hidden folder at the root that keeps hard-link targets and what was
+// deleted while still open. Its name starts with four U+0000 as written;
+// some tools show them as U+2000.
+bool privateDataFolderName(const std::string& name);
+// A file or folder deleted while open is moved into that folder as
+// "temp<its ID>" until closed; the journal may still hold its real name.
+bool openDeletedName(const std::string& name, uint32_t id);
+
 // Dates, ID and type of a record found outside an intact chain.
 bool plausibleFolderRecord(const HFSPlusCatalogFolder_& f);
 bool plausibleFileRecord(const HFSPlusCatalogFile_& f);

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <unordered_set>
 
+#include "hfs/CatalogRecords.h"
 #include "hfs/Volume.h"
 
 namespace ambrel {
@@ -39,8 +40,13 @@ bool Volume::otherVersionMet(const HDIR& e) const {
 void Volume::noteFolderThread(uint32_t folderID, uint32_t parentID, std::string name, bool live) {
   if (folderID <= kLostFoldersID || parentID == 0) return;
   auto it = folderThreads_.find(folderID);
-  // The live catalog's thread wins over a copy's.
-  if (it != folderThreads_.end() && (it->second.live || !live)) return;
+  if (it != folderThreads_.end()) {
+    const FolderThread& had = it->second;
+    // The live catalog's thread wins over a copy's; among copies the first,
+    // unless it only names where the folder waited, deleted while open.
+    if (had.live) return;
+    if (!live && !(openDeletedName(had.name, folderID) && !openDeletedName(name, folderID))) return;
+  }
   folderThreads_[folderID] = FolderThread{parentID, std::move(name), live};
 }
 

@@ -478,11 +478,4 @@ bool Volume::getIfUnusedSectorForCatalogNode(uint64_t sector) {
   return true;  // deliberately: the node search processes every node it found
 }
 
-void Volume::getJournalSizeAndStart() {
-  uint8_t buf[kSectorSize] = {};
-  readSector(HPlusVolStart + uint64_t{vib.journalInfoBlock} * static_cast<uint32_t>(std::max(blockSize, 0)), 1, buf);
-  journalStart = loadBE64(buf + 36);
-  journalSize = loadBE64(buf + 44);
-}
-
 }  // namespace ambrel

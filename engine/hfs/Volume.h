@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <map>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -20,6 +21,8 @@
 #include "tree/HDIR.h"
 
 namespace ambrel {
+
+class Sig;
 
 // What catNodeToSector / extNodeToSector answer for a node beyond the last
 // extent (or with no node size known): no sector of any drive.
@@ -67,6 +70,8 @@ class Volume : public DMedia {
   int64_t allocationOffsetToSector(uint64_t offset, uint32_t* skipOffset) const;
   bool getIfUnusedSector(uint64_t sector);
   bool getIfUnusedSectorForCatalogNode(uint64_t sector);
+  // journalStart and journalSize from the journal info block, checked
+  // against the volume; both 0 when there is no journal to search.
   void getJournalSizeAndStart();
 
   void setCPath() { cPath = path; }
@@ -91,6 +96,24 @@ class Volume : public DMedia {
   static bool verifyLeafNodeDesc(const BTNodeDescriptor_& desc);
   // Bounded: refuses (false) a name length over 255, leaving the name unswapped.
   static bool convertHPlusCatalogKey(HFSPlusCatalogKey_* key);
+
+  // Deleted files from the journal's old catalog nodes. scanForDeletedFiles
+  // is the scan thread's body for a volume (the signature search afterwards
+  // when `signatures`), scanForDeletedFilesDisk for a whole drive.
+  void scanForDeletedFiles(AppControllerInterface* controller, bool deleted, bool signatures,
+                           const std::vector<const Sig*>& sigs);
+  void scanForDeletedFilesDisk(AppControllerInterface* controller, const std::vector<const Sig*>& sigs);
+  // Steps of the volume scan before the signature search: a new root, the
+  // header, the journal searched, orphans placed, empty folders removed.
+  void findDeletedFilesInJournal();
+  void searchCatFragsForDeletedFiles();
+  // A new root and empty bookkeeping; the volume's geometry is kept.
+  void resetTreeForDeletedScan();
+  // Node copies that run past the journal's end and go on after its header.
+  void searchWrappedNodeCopies();
+  // One node of catNodeSize sectors from `sector`; timeRemaining is the text
+  // sent with the counters after it.
+  void processCatFragForDeletedFiles(uint64_t sector, const std::string& timeRemaining);
 
   // Catalog node searches.
   void enumerateLevel2IndexNodes();
@@ -147,6 +170,11 @@ class Volume : public DMedia {
   uint64_t dataSize = 0;
   uint64_t journalStart = 0;
   uint64_t journalSize = 0;
+  bool journalHeaderFound = false;
+  bool journalHeaderLittleEndian = false;
+  uint32_t journalHeaderSize = 0;  // where the circular buffer begins; 0 when not known
+  // Node copies that the journal search accepted, for its report.
+  uint64_t journalNodesFound = 0;
   std::atomic<bool> stopTreeThread{false};
   std::unique_ptr<HDIR> dirRoot;
   HDIR* dirLostFiles = nullptr;    // inside dirRoot's tree
@@ -243,6 +271,26 @@ class Volume : public DMedia {
   // when it is set. perChunk runs before each 63-sector chunk.
   void scanLeafEnds(uint64_t from, uint64_t to, int32_t knownNodeSectors, std::vector<LeafEnd>& ends,
                     const std::function<void()>& perChunk);
+  // Deleted-files scan helpers.
+  void processDeletedNode(const uint8_t* node, size_t bytes, const std::string& timeRemaining);
+  RecordCheck processDeletedRecord(const uint8_t* node, size_t bytes, uint32_t numRecords, uint32_t index);
+  void collectLiveFiles();
+  void flagReusedDeletedFiles();
+  // Records named only as deleted while open, placed after the search if no
+  // copy under their real name turned up.
+  void placeOpenDeletedLeft();
+  void placeDeletedFolder(uint32_t parentID, const std::string& name, const HFSPlusCatalogFolder_& folder);
+  RecordCheck placeDeletedFile(uint32_t parentID, const std::string& name, const HFSPlusCatalogFile_& file);
+  struct OpenDeleted {
+    uint32_t parentID = 0;
+    std::string name;
+    HFSPlusCatalogFolder_ folder{};  // recordType set for a folder
+    HFSPlusCatalogFile_ file{};
+  };
+  std::map<uint32_t, OpenDeleted> openDeleted_;
+  uint32_t privateDataFolderID_ = 0;  // 0 while the live catalog has not named it
+  std::unordered_set<uint32_t> deletedScanIDs_;  // records placed or waiting, by catalog node ID
+  std::vector<HDIR*> deletedScanFiles_;           // files made by the journal search, while it runs
   RecordCheck processFragmentRecord(const std::vector<uint8_t>& node, uint32_t numRecords, uint32_t index, bool live);
 
   // One file as the scans met it: where its forks lie. Same ID, same blocks:

@@ -130,6 +130,7 @@ VolumeSpec volumeOf(const json& j, const std::filesystem::path& base) {
   v.wrapper = j.value("wrapper", false);
   v.catalogExtents = j.value("catalogExtents", 1u);
   v.journalLeafCopies = j.value("journalLeafCopies", 0u);
+  v.journalWrap = j.value("journalWrap", false);
   if (j.contains("created")) v.created = dateOf(j["created"]);
   v.seed = j.value("seed", v.seed);
   if (j.contains("tree"))

@@ -86,7 +86,24 @@ void VolumeBuilder::Impl::writeJournal(VolumeLayout& v, uint32_t jibBlock, uint3
     copies.push_back({liveBytes[i].data(), live[i], false});
   }
   const uint32_t perTx = kBlockListHeaderSize / 16 - 1;
+  // The buffer after the header is circular. With journalWrap the old
+  // transactions start so near its end that the first leaf copy (after its
+  // block list header and the volume header copy) goes on after the header.
+  const uint64_t ring = jSize - kJournalHeaderSize;
   uint64_t pos = kJournalHeaderSize;
+  if (spec.journalWrap) {
+    const uint64_t before = kBlockListHeaderSize + 512 + spec.nodeSize / 2;
+    if (jSize < kJournalHeaderSize + before + spec.nodeSize) throw BuildError("journal too small to wrap");
+    pos = jSize - before;
+  }
+  uint64_t written = 0;
+  auto wrapped = [&](uint64_t at) { return at >= jSize ? at - ring : at; };
+  auto put = [&](uint64_t at, const uint8_t* bytes, size_t n) {
+    at = wrapped(at);
+    const size_t first = static_cast<size_t>(std::min<uint64_t>(n, jSize - at));
+    image->write(byteOf(journalBlock) + at, bytes, first);
+    if (first < n) image->write(byteOf(journalBlock) + kJournalHeaderSize, bytes + first, n - first);
+  };
   size_t nextNode = 0;
   bool headerDone = false;
   while (!headerDone || nextNode < copies.size()) {
@@ -108,7 +125,8 @@ void VolumeBuilder::Impl::writeJournal(VolumeLayout& v, uint32_t jibBlock, uint3
     }
     uint32_t bytesUsed = kBlockListHeaderSize;
     for (uint32_t s : sizes) bytesUsed += s;
-    if (pos + bytesUsed > jSize) throw BuildError("journal too small");
+    written += bytesUsed;
+    if (spec.journalWrap ? written > ring : pos + bytesUsed > jSize) throw BuildError("journal too small");
     storeLE16(&blhdr[0], static_cast<uint16_t>(perTx));
     storeLE16(&blhdr[2], static_cast<uint16_t>(blocks.size() + 1));
     storeLE32(&blhdr[4], bytesUsed);
@@ -117,16 +135,18 @@ void VolumeBuilder::Impl::writeJournal(VolumeLayout& v, uint32_t jibBlock, uint3
       storeLE32(&blhdr[16 * (i + 1) + 8], sizes[i]);
     }
     storeLE32(&blhdr[8], checksum(blhdr.data(), 32));
-    image->write(byteOf(journalBlock) + pos, blhdr.data(), blhdr.size());
-    uint64_t at = pos + kBlockListHeaderSize;
+    put(pos, blhdr.data(), blhdr.size());
+    uint64_t at = wrapped(pos + kBlockListHeaderSize);
     for (size_t i = 0; i < blocks.size(); ++i) {
-      image->write(byteOf(journalBlock) + at, blocks[i].second, sizes[i]);
+      put(at, blocks[i].second, sizes[i]);
       if (nodes[i]) {
+        // A copy across the end is listed by its first part's sector.
         const uint64_t sector = (byteOf(journalBlock) + at) / 512;
+        if (at + sizes[i] > jSize) v.journalWrappedCopySector = sector;
         v.journalNodeCopySectors.push_back(sector);
         v.nodeCopies.push_back(copyLayout(sector, true, nodes[i]->liveNode, nodes[i]->old));
       }
-      at += sizes[i];
+      at = wrapped(at + sizes[i]);
     }
     pos = at;
   }

@@ -129,6 +129,7 @@ struct VolumeSpec {
   bool wrapper = false;            // embed in a classic HFS wrapper
   uint32_t catalogExtents = 1;     // > 8 puts the catalog's own extents in the overflow file
   uint32_t journalLeafCopies = 0;  // live leaves also copied into the journal, as a busy volume's journal holds them
+  bool journalWrap = false;        // old transactions run past the journal's end, the first leaf copy across it
   HfsDate created = hfsDateFromUnix(1700000000);
   uint64_t seed = 1;               // generated content and volume identifier
   std::vector<EntrySpec> root;
@@ -237,6 +238,7 @@ struct VolumeLayout {
   uint32_t journalInfoBlock = 0;
   uint64_t journalStart = 0, journalSize = 0;
   std::vector<uint64_t> journalNodeCopySectors;  // first sector of each leaf node image in the journal
+  uint64_t journalWrappedCopySector = 0;         // the leaf copy across the journal's end (journalWrap), else 0
   std::vector<uint64_t> freeSpaceNodeCopySectors;
   std::vector<NodeCopyLayout> nodeCopies;          // every leaf copy, journal ones first
   std::vector<PayloadLayout> payloads;

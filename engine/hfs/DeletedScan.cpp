@@ -1,0 +1,409 @@
+// Deleted files from the journal: the journal keeps earlier copies of catalog
+// leaf nodes, and their records still name files and folders that are gone
+// from the catalog, with their folders, dates and extents.
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <fmt/format.h>
+#include <unordered_set>
+#include <xxhash.h>
+#if defined(__x86_64__)
+#include <xxh_x86dispatch.h>
+#endif
+
+#include "base/Endian.h"
+#include "carving/SignatureSearch.h"
+#include "hfs/CatalogRecords.h"
+#include "hfs/Geometry.h"
+#include "hfs/Volume.h"
+
+namespace ambrel {
+
+namespace {
+
+// Sectors read at once from the journal: large reads keep the search at the
+// speed of the disk.
+constexpr uint64_t kJournalBatchSectors = 2048;
+
+struct NodeDigest {
+  uint64_t low, high;
+  bool operator==(const NodeDigest&) const = default;
+};
+struct NodeDigestHash {
+  size_t operator()(const NodeDigest& d) const { return static_cast<size_t>(d.low); }
+};
+
+// The widest vector unit the processor has: the digest must not cost more
+// than the read it follows.
+XXH128_hash_t nodeDigest(const uint8_t* node, size_t bytes) {
+#if defined(__x86_64__)
+  return XXH3_128bits_dispatch(node, bytes);
+#else
+  return XXH3_128bits(node, bytes);
+#endif
+}
+
+double secondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// The descriptor a journal copy must have to be read as a catalog leaf.
+bool leafDescriptor(const uint8_t* head) {
+  BTNodeDescriptor_ d;
+  std::memcpy(&d, head, sizeof d);
+  convertBTNodeDesc(&d);
+  return d.height == 1 && d.kind == kBTLeafNode && d.numRecords >= 1 && d.numRecords <= 254 && d.reserved == 0;
+}
+
+}  // namespace
+
+void Volume::resetTreeForDeletedScan() {
+  dirLostFiles = dirLostFolders = nullptr;
+  dirRoot.reset();
+  btree = std::make_unique<BTreeTableClass>();
+  btreeAdvScan = btree.get();
+  btreeFirstFileBlock.clear();
+  orphanEntryArray.clear();
+  deletedScanIDs_.clear();
+  deletedScanFiles_.clear();
+  folderThreads_.clear();
+  openDeleted_.clear();
+  privateDataFolderID_ = 0;
+  filesMet_.clear();
+  entryCount = folderCount = fileCount = 0;
+  dataSize = 0;
+  journalNodesFound = 0;
+  makeRoot();
+}
+
+void Volume::scanForDeletedFiles(AppControllerInterface* controller, bool deleted, bool signatures,
+                                 const std::vector<const Sig*>& sigs) {
+  if (controller) appController = controller;
+  if (deleted) {
+    findDeletedFilesInJournal();
+  } else {
+    resetTreeForDeletedScan();
+    fillVIB();
+  }
+  if (signatures && !stopTreeThread) {
+    startPreventingSleep();
+    // The signature search wants the header's geometry and the bitmap.
+    totalBlocks = vib.totalBlocks;
+    fillAllocationExt();
+    SignatureSearch search(*this, sigs);
+    search.signatureSearch();
+    stopPreventingSleep();
+    treeScanMode = 0;
+  }
+  report({{progress::kProgressStatus, "Tree Completed ..."},
+          {progress::kTreeComplete, true},
+          {progress::kBarDoubleValue, uint64_t{0}}});
+}
+
+void Volume::scanForDeletedFilesDisk(AppControllerInterface* controller, const std::vector<const Sig*>& sigs) {
+  if (controller) appController = controller;
+  resetTreeForDeletedScan();
+  startPreventingSleep();
+  SignatureSearch search(*this, sigs);
+  search.signatureSearchDisk();
+  stopPreventingSleep();
+  report({{progress::kProgressStatus, "Tree Completed ..."},
+          {progress::kTreeComplete, true},
+          {progress::kBarDoubleValue, uint64_t{0}}});
+}
+
+void Volume::findDeletedFilesInJournal() {
+  resetTreeForDeletedScan();
+  // A volume of a partition or of the volume search is read from its own
+  // start, as a volume device is read from sector 0.
+  if (startSector == 0) {
+    fillVIB();
+  } else if (!initializeVIB()) {
+    blockSize = 0;
+  }
+  // A failed check leaves catNodeSize 0: nothing is then taken for a node.
+  catNodeSize = 0;
+  checkCatalogAndExtentsFile();
+  getJournalSizeAndStart();
+  startPreventingSleep();
+  collectLiveFiles();
+  searchCatFragsForDeletedFiles();
+  placeOpenDeletedLeft();
+  flagReusedDeletedFiles();
+  provideMissingParents({&orphanEntryArray}, orphanEntryArray, false, false);
+  if (!orphanEntryArray.empty()) processOrphanEntriesWithIncrement(false, true);
+  processDuplicateEntries();
+  stopPreventingSleep();
+  treeScanMode = 1;
+}
+
+void Volume::searchCatFragsForDeletedFiles() {
+  entryCount = folderCount = fileCount = 0;
+  dataSize = 0;
+  const std::string status = fmt::format("Searching deleted files for {}", volumeName);
+  const uint64_t total = journalSize / kSectorSize;
+  report({{progress::kProgressStatus, status}, {progress::kProgressType, 1}, {progress::kBarDoubleValue, uint64_t{0}}});
+  report({{progress::kBarMaxValue, total}, {progress::kBarMinValue, uint64_t{0}}});
+  report({{progress::kTimeRemaining, ""}});
+  if (total == 0 || catNodeSize <= 0 || catNodeSize > kMaxNodeSectors) return;
+
+  const uint64_t nodeSectors = static_cast<uint64_t>(catNodeSize);
+  const size_t nodeBytes = nodeSectors * kSectorSize;
+  const uint64_t first = HPlusVolStart + journalStart / kSectorSize;
+  // A busy journal holds the same node many times over; a copy identical to
+  // one already read adds nothing, and reading its records again would cost
+  // far more than the disk read. At most one digest per sector searched.
+  std::unordered_set<NodeDigest, NodeDigestHash> seen;
+  seen.reserve(std::min<uint64_t>(total / nodeSectors + 1, uint64_t{1} << 16));
+  std::string timeText;
+  auto take = [&](const uint8_t* head) {
+    if (!leafDescriptor(head)) return;
+    ++journalNodesFound;
+    const XXH128_hash_t h = nodeDigest(head, nodeBytes);
+    if (!seen.insert(NodeDigest{h.low64, h.high64}).second) return;
+    processDeletedNode(head, nodeBytes, timeText);
+  };
+
+  // Each batch follows the last nodeSectors - 1 sectors of the one before, so
+  // a node copy across two batches is whole in the buffer.
+  const uint64_t carry = nodeSectors - 1;
+  // The batch itself starts on a page: the kernel copies into it fastest.
+  constexpr size_t kPage = 4096;
+  std::vector<uint8_t> space((carry + kJournalBatchSectors) * kSectorSize + 2 * kPage);
+  const uintptr_t batchAt = (reinterpret_cast<uintptr_t>(space.data()) + carry * kSectorSize + kPage - 1) & ~(kPage - 1);
+  uint8_t* const bufStart = reinterpret_cast<uint8_t*>(batchAt) - carry * kSectorSize;
+  const auto start = std::chrono::steady_clock::now();
+  for (uint64_t done = 0; done < total && !stopTreeThread;) {
+    const uint64_t count = std::min(kJournalBatchSectors, total - done);
+    if (done > 0) std::memmove(bufStart, bufStart + kJournalBatchSectors * kSectorSize, carry * kSectorSize);
+    uint8_t* batch = bufStart + carry * kSectorSize;
+    // A bad sector reads as zeros and costs only itself.
+    readSectorsSalvaging(first + done, count, batch);
+    for (uint64_t s = 0; s < count; ++s) {
+      if (!looksLikeNodeEnd(batch + s * kSectorSize) || done + s + 1 < nodeSectors) continue;
+      if (stopTreeThread) break;
+      take(batch + (static_cast<int64_t>(s) - static_cast<int64_t>(carry)) * kSectorSize);
+    }
+    done += count;
+    if (stopTreeThread) break;
+    // Once a batch: a report costs more than searching a few sectors.
+    timeText = timeRemainingText(secondsSince(start), done, total);
+    report({{progress::kProgressStatus, status}, {progress::kBarIncrement, count}, {progress::kTimeRemaining, timeText}});
+  }
+
+  // The buffer is circular: a copy that runs past the journal's end goes on
+  // right after the journal header. The last carry sectors and the first
+  // carry sectors after the header, side by side, hold every such copy.
+  const uint64_t header = journalHeaderSize / kSectorSize;
+  if (stopTreeThread || carry == 0 || header == 0 || header + 2 * carry > total) return;
+  std::vector<uint8_t> seam(2 * carry * kSectorSize);
+  readSectorsSalvaging(first + total - carry, carry, seam.data());
+  readSectorsSalvaging(first + header, carry, seam.data() + carry * kSectorSize);
+  // Ends in the second half whose node begins in the first.
+  for (uint64_t s = carry; s < 2 * carry && !stopTreeThread; ++s)
+    if (looksLikeNodeEnd(seam.data() + s * kSectorSize)) take(seam.data() + (s - carry) * kSectorSize);
+}
+
+void Volume::processCatFragForDeletedFiles(uint64_t sector, const std::string& timeRemaining) {
+  if (catNodeSize <= 0 || catNodeSize > kMaxNodeSectors) return;
+  std::vector<uint8_t> node(static_cast<size_t>(catNodeSize) * kSectorSize);
+  if (!readNode(sector, catNodeSize, node.data()) || !leafDescriptor(node.data())) return;
+  processDeletedNode(node.data(), node.size(), timeRemaining);
+}
+
+void Volume::processDeletedNode(const uint8_t* node, size_t bytes, const std::string& timeRemaining) {
+  BTNodeDescriptor_ d;
+  std::memcpy(&d, node, sizeof d);
+  convertBTNodeDesc(&d);
+  for (uint32_t r = 0; r < d.numRecords && !stopTreeThread; ++r)
+    if (processDeletedRecord(node, bytes, d.numRecords, r) == RecordCheck::AbandonNode) break;
+  ProgressReport done = counters();
+  done.set(progress::kProgressStatus, fmt::format("Searching deleted files for {}", volumeName));
+  done.set(progress::kTimeRemaining, timeRemaining);
+  report(std::move(done));
+}
+
+RecordCheck Volume::processDeletedRecord(const uint8_t* node, size_t bytes, uint32_t numRecords, uint32_t index) {
+  const CatalogRecordView rec = catalogRecordAt({node, bytes}, numRecords, index, true);
+  if (!rec.ok()) return rec.check;
+  if (rec.recordType == kHFSPlusFolderThreadRecord) {
+    // Names a folder whose own record may be in no copy.
+    uint32_t parent = 0;
+    std::string name;
+    if (rec.thread(parent, name)) noteFolderThread(rec.parentID, parent, std::move(name), false);
+    return RecordCheck::Ok;
+  }
+  if (rec.parentID == kRootParentID) return RecordCheck::SkipRecord;
+  if (rec.recordType != kHFSPlusFolderRecord && rec.recordType != kHFSPlusFileRecord) return RecordCheck::SkipRecord;
+
+  // Deleted while open: the copy under its real name, in its real folder, is
+  // wanted, and may come later in the journal.
+  auto waitsForRealName = [&](uint32_t id) {
+    return openDeletedName(rec.name, id) && (privateDataFolderID_ == 0 || rec.parentID == privateDataFolderID_);
+  };
+  if (rec.recordType == kHFSPlusFolderRecord) {
+    HFSPlusCatalogFolder_ folder;
+    if (!rec.folder(folder)) return RecordCheck::AbandonNode;
+    if (!plausibleFolderRecord(folder)) return RecordCheck::SkipRecord;
+    if (folder.folderID <= kLostFoldersID || deletedScanIDs_.count(folder.folderID)) return RecordCheck::Ok;
+    if (waitsForRealName(folder.folderID)) {
+      openDeleted_.try_emplace(folder.folderID, OpenDeleted{rec.parentID, rec.name, folder, {}});
+      return RecordCheck::Ok;
+    }
+    placeDeletedFolder(rec.parentID, rec.name, folder);
+    return RecordCheck::Ok;
+  }
+  HFSPlusCatalogFile_ file;
+  if (!rec.file(file)) return RecordCheck::AbandonNode;
+  if (!plausibleFileRecord(file) || !plausibleForks(file)) return RecordCheck::SkipRecord;
+  if (file.fileID <= kLostFoldersID || deletedScanIDs_.count(file.fileID)) return RecordCheck::Ok;
+  if (waitsForRealName(file.fileID)) {
+    openDeleted_.try_emplace(file.fileID, OpenDeleted{rec.parentID, rec.name, {}, file});
+    return RecordCheck::Ok;
+  }
+  return placeDeletedFile(rec.parentID, rec.name, file);
+}
+
+void Volume::placeOpenDeletedLeft() {
+  // By ID, so the tree does not depend on the order of the journal.
+  for (const auto& [id, o] : openDeleted_) {
+    if (stopTreeThread) break;
+    if (deletedScanIDs_.count(id)) continue;
+    if (o.folder.recordType == kHFSPlusFolderRecord)
+      placeDeletedFolder(o.parentID, o.name, o.folder);
+    else
+      placeDeletedFile(o.parentID, o.name, o.file);
+  }
+  openDeleted_.clear();
+}
+
+void Volume::placeDeletedFolder(uint32_t parentID, const std::string& name, const HFSPlusCatalogFolder_& folder) {
+  // Files are in btree too: only a folder can be a parent.
+  HDIR* parent = findDir(btree.get(), parentID);
+  if (parent && parent->fileType != kHDIRFolder) parent = nullptr;
+  // A record met in an earlier copy is placed once.
+  deletedScanIDs_.insert(folder.folderID);
+  auto entry = std::make_unique<HDIR>();
+  entry->parentID = parentID;
+  entry->btreeHDIR = btree.get();
+  entry->btreeHDIRAdvScan = btreeAdvScan;
+  entry->fileType = kHDIRFolder;
+  entry->createDate = folder.createDate;
+  entry->modDate = folder.contentModDate;
+  entry->fileID = folder.folderID;
+  maxFileID = std::max(maxFileID, folder.folderID);
+  if (parent) {
+    entry->setFileName(suggestedRepeatFileName(name, parent));
+    entry->parent = parent;
+    for (HDIR* up = parent; up; up = up->parent) up->addToChildrenCount(1);
+    parent->addChildDelFile(std::move(entry));
+  } else {
+    entry->setFileName(name);
+    orphanEntryArray.push_back(std::move(entry));
+  }
+}
+
+RecordCheck Volume::placeDeletedFile(uint32_t parentID, const std::string& name, const HFSPlusCatalogFile_& file) {
+  auto entry = std::make_unique<HDIR>();
+  // The extents file still holds the overflow extents of live files only.
+  const ForkExtents data = collectForkExtents(file.dataFork, file.fileID, kDataForkType, entry->dataExt, extentsTreeUsable);
+  const ForkExtents rsrc = collectForkExtents(file.resourceFork, file.fileID, kResourceForkType, entry->rscExt,
+                                              extentsTreeUsable);
+  if (data == ForkExtents::Wrong || rsrc == ForkExtents::Wrong) return RecordCheck::SkipRecord;
+  HDIR* parent = findDir(btree.get(), parentID);
+  if (parent && parent->fileType != kHDIRFolder) parent = nullptr;
+  deletedScanIDs_.insert(file.fileID);
+  entry->parentID = parentID;
+  entry->btreeHDIR = btree.get();
+  entry->btreeHDIRAdvScan = btreeAdvScan;
+  entry->fileType = kHDIRFile;
+  entry->createDate = file.createDate;
+  entry->modDate = file.contentModDate;
+  entry->fileID = file.fileID;
+  maxFileID = std::max(maxFileID, file.fileID);
+  entry->dataSize = file.dataFork.logicalSize;
+  entry->rscSize = file.resourceFork.logicalSize;
+  entry->fileSize = entry->dataSize + entry->rscSize;
+  entry->blockSize = blockSize;
+  entry->fileMode = byteSwapped(file.permissions.fileMode);
+  if (data == ForkExtents::Incomplete || rsrc == ForkExtents::Incomplete) noteMissingExtents(*entry);
+  if (!entry->dataExt.empty()) btreeFirstFileBlock.insert(entry->dataExt.front().startBlock, 0);
+  entry->addToFileCount(1);
+  ++fileCount;
+  ++entryCount;
+  dataSize += entry->fileSize;
+  HDIR* made = entry.get();
+  if (parent) {
+    entry->setFileName(suggestedRepeatFileName(name, parent));
+    entry->parent = parent;
+    for (HDIR* up = parent; up; up = up->parent) {
+      up->addToChildrenCount(1);
+      up->addToFileSize(entry->fileSize);
+      up->addToFileCount(1);
+    }
+    made = parent->addChildDelFile(std::move(entry));
+  } else {
+    entry->setFileName(name);
+    orphanEntryArray.push_back(std::move(entry));
+  }
+  deletedScanFiles_.push_back(made);
+  return RecordCheck::Ok;
+}
+
+// The live catalog's files with their extents: a journal record of a live
+// file, same blocks, is that file; any other whose blocks are in use again
+// may no longer hold its bytes.
+void Volume::collectLiveFiles() {
+  filesMet_.clear();
+  if (catNodeSize <= 0 || firstLeafNode == 0) return;
+  const uint64_t nodes = catalogNodeCount();
+  std::unordered_set<uint32_t> visited;
+  std::vector<uint8_t> node;
+  for (uint32_t number = firstLeafNode; number != 0 && !stopTreeThread && visited.size() <= nodes;) {
+    if (!visited.insert(number).second || !readCatalogNode(number, node)) break;
+    BTNodeDescriptor_ d;
+    std::memcpy(&d, node.data(), sizeof d);
+    convertBTNodeDesc(&d);
+    if (!verifyLeafNodeDesc(d)) break;
+    for (uint32_t r = 0; r < d.numRecords; ++r) {
+      const CatalogRecordView rec = catalogRecordAt(node, d.numRecords, r, true);
+      if (rec.check == RecordCheck::AbandonNode) break;
+      HFSPlusCatalogFolder_ folder;
+      if (rec.ok() && rec.recordType == kHFSPlusFolderRecord && rec.parentID == kRootFolderID &&
+          privateDataFolderName(rec.name) && rec.folder(folder))
+        privateDataFolderID_ = folder.folderID;
+      HFSPlusCatalogFile_ file;
+      if (!rec.ok() || rec.recordType != kHFSPlusFileRecord || !rec.file(file)) continue;
+      FileVersion v;
+      for (const auto& e : file.dataFork.extents.extDesc) {
+        if (e.startBlock == 0) break;
+        v.data.push_back({e.startBlock, e.blockCount});
+      }
+      for (const auto& e : file.resourceFork.extents.extDesc) {
+        if (e.startBlock == 0) break;
+        v.rsrc.push_back({e.startBlock, e.blockCount});
+      }
+      filesMet_[file.fileID].push_back(std::move(v));
+    }
+    number = d.fLink;
+  }
+}
+
+void Volume::flagReusedDeletedFiles() {
+  if (!deletedScanFiles_.empty()) checkAllocationFile();
+  auto firstEight = [](const std::vector<Extent>& all) {
+    return std::vector<Extent>(all.begin(), all.begin() + static_cast<ptrdiff_t>(std::min<size_t>(all.size(), 8)));
+  };
+  for (HDIR* f : deletedScanFiles_) {
+    if (stopTreeThread) break;
+    if (!f || f->confidence != Confidence::Sure) continue;
+    bool live = false;
+    if (auto it = filesMet_.find(f->fileID); it != filesMet_.end())
+      for (const FileVersion& v : it->second)
+        live |= v.data == firstEight(f->dataExt) && v.rsrc == firstEight(f->rscExt);
+    if (!live && (blocksInUse(f->dataExt) || blocksInUse(f->rscExt))) f->confidence = Confidence::BlocksReused;
+  }
+  deletedScanFiles_.clear();
+}
+
+}  // namespace ambrel
