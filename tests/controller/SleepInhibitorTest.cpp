@@ -93,11 +93,14 @@ class FakeLogind {
     if (sd_bus_message_read(m, "ssss", &what, &who, &why, &mode) < 0) return -EINVAL;
     int pipe[2];
     if (::pipe2(pipe, O_CLOEXEC) != 0) return -errno;
+    {
+      // Recorded before the answer: the caller may look as soon as it has it.
+      std::lock_guard lock(fake->mutex_);
+      fake->calls_.push_back({what, who, why, mode, pipe[0]});
+    }
     const int r = sd_bus_reply_method_return(m, "h", pipe[1]);
     // The reply took its own copy: only the caller holds the lock now.
     ::close(pipe[1]);
-    std::lock_guard lock(fake->mutex_);
-    fake->calls_.push_back({what, who, why, mode, pipe[0]});
     return r;
   }
   static constexpr sd_bus_vtable kVtable[] = {
