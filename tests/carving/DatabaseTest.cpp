@@ -54,12 +54,17 @@ TEST(SignatureTable, TheSourceTableCompilesToTheBuiltFiles) {
       EXPECT_EQ(n.sig->category, c.category);
       EXPECT_GE(n.sig->headerLength, 1);
       EXPECT_LE(n.sig->headerLength, 8);
-      if (n.sig->headerLength < 8) EXPECT_EQ(n.sig->header >> (8 * n.sig->headerLength), 0u);
+      if (n.sig->headerLength < 8) {
+        EXPECT_EQ(n.sig->header >> (8 * n.sig->headerLength), 0u);
+      }
       codes.insert(n.sig->typeOfFile);
     }
   }
-  for (uint32_t code = 1; code <= kHighestValidatorCode; ++code)
-    if (code != 7 && code != 22) EXPECT_TRUE(codes.count(code)) << "no record for code " << code;
+  for (uint32_t code = 1; code <= kHighestValidatorCode; ++code) {
+    if (code != 7 && code != 22) {
+      EXPECT_TRUE(codes.count(code)) << "no record for code " << code;
+    }
+  }
 }
 
 TEST(SignatureTable, BadLinesAreReportedWithTheirNumbers) {
@@ -115,8 +120,11 @@ TEST(CarvingDatabase, EveryValidatorIsReached) {
   gReached.clear();
   DriveUnderSearch search(dir / "drive.img");
   SignatureSearch(*search.volume, db.all(), table).signatureSearchDisk();
-  for (uint32_t code = 1; code <= kHighestValidatorCode; ++code)
-    if (code != 7 && code != 22) EXPECT_TRUE(gReached.count(code)) << validatorName(code) << " is never reached";
+  for (uint32_t code = 1; code <= kHighestValidatorCode; ++code) {
+    if (code != 7 && code != 22) {
+      EXPECT_TRUE(gReached.count(code)) << validatorName(code) << " is never reached";
+    }
+  }
 }
 
 TEST(CarvingDatabase, FilesAreFoundFromTheEnvironmentAndTheUsersDataFolder) {
@@ -136,7 +144,9 @@ TEST(CarvingDatabase, FilesAreFoundFromTheEnvironmentAndTheUsersDataFolder) {
   oldRes ? ::setenv("AMBREL_RESOURCE_DIR", keepRes.c_str(), 1) : ::unsetenv("AMBREL_RESOURCE_DIR");
   oldXdg ? ::setenv("XDG_DATA_HOME", keepXdg.c_str(), 1) : ::unsetenv("XDG_DATA_HOME");
   // Without the variable, a build-tree run finds the built files.
-  if (!oldRes) EXPECT_EQ(signatureFiles().resourceDir, builtResourceDir());
+  if (!oldRes) {
+    EXPECT_EQ(signatureFiles().resourceDir, builtResourceDir());
+  }
 }
 
 TEST(CarvingDatabase, LoadingAndTheTwoStepReload) {

@@ -49,7 +49,9 @@ TEST(TiffValidator, RealFilesOfEveryLayoutEndAtTheirFurthestByte) {
     EXPECT_TRUE(r.skipFileSize);
     EXPECT_EQ(r.skipSize, tif.size() / 4096);
     const int64_t oracle = oracleTiffEnd(tif);
-    if (oracle >= 0) EXPECT_EQ(int64_t(r.foundSize), oracle);
+    if (oracle >= 0) {
+      EXPECT_EQ(int64_t(r.foundSize), oracle);
+    }
     ++checked;
   }
   // EXIF written by PIL: IFD0 points at an EXIF IFD of its own.

@@ -83,7 +83,9 @@ TEST(DeletedFiles, ListedOnceByNameInTheirFolderWithTheirBytes) {
   EXPECT_EQ(deletedFiles, 6u);
   // Live files found in the journal are listed as well, each once.
   for (const auto& e : b->layout.entries)
-    if (!e.deleted && !e.folder) EXPECT_LE(byID.count(e.cnid), 1u) << e.path;
+    if (!e.deleted && !e.folder) {
+      EXPECT_LE(byID.count(e.cnid), 1u) << e.path;
+    }
   for (const auto& [id, entry] : byID) EXPECT_EQ(byID.count(id), 1u) << entry->fileName();
 }
 
