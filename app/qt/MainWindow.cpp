@@ -58,6 +58,9 @@ DriveLists DiskImages::listWith(const DiscoveryRoots& roots) const {
 MainWindow::MainWindow(std::shared_ptr<DiskImages> images, QWidget* parent)
     : QMainWindow(parent), images_(std::move(images)) {
   setWindowTitle(QStringLiteral("Tarnwell Ambrel"));
+  // Outside a desktop session no theme is set and every icon would be blank.
+  if (QIcon::fallbackThemeName().isEmpty() || QIcon::fallbackThemeName() == QStringLiteral("hicolor"))
+    QIcon::setFallbackThemeName(QStringLiteral("Adwaita"));
   setWindowIcon(QIcon::fromTheme(QStringLiteral("ambrel"), QIcon::fromTheme(QStringLiteral("drive-harddisk"))));
   buildPages();
   buildMenus();

@@ -305,7 +305,7 @@ QWidget* MainWindow::buildTreePage() {
   treeView_->header()->setSectionResizeMode(TreeModel::Files, QHeaderView::Stretch);
   treeView_->header()->resizeSection(TreeModel::Mark, 48);
   for (int c : {TreeModel::Size, TreeModel::FilesCount}) treeView_->header()->resizeSection(c, 95);
-  for (int c : {TreeModel::ModificationDate, TreeModel::CreateDate}) treeView_->header()->resizeSection(c, 175);
+  for (int c : {TreeModel::ModificationDate, TreeModel::CreateDate}) treeView_->header()->resizeSection(c, 200);
   connect(treeView_->selectionModel(), &QItemSelectionModel::currentChanged, this,
           [this](const QModelIndex& current) {
             if (app_ && !selecting_) app_->outlineViewSelectionDidChange(current.isValid() ? TreeModel::item(current) : nullptr);

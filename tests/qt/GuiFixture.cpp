@@ -118,12 +118,12 @@ void GuiFixture::clickCheckBox(QAbstractItemView* view, const QModelIndex& index
   QTest::mouseClick(view->viewport(), Qt::LeftButton, {}, box.center());
 }
 
-void GuiFixture::snapshot(const QString& name) const {
+void GuiFixture::snapshot(const QString& name, QWidget* what) const {
   const QString folder = qEnvironmentVariable("AMBREL_SCREENSHOTS");
   if (folder.isEmpty()) return;
   QDir().mkpath(folder);
   QApplication::processEvents();
-  window->grab().save(folder + QLatin1Char('/') + name + QStringLiteral(".png"));
+  (what ? what : window.get())->grab().save(folder + QLatin1Char('/') + name + QStringLiteral(".png"));
 }
 
 }  // namespace ambrel::test

@@ -53,8 +53,8 @@ class GuiFixture {
   void clickTableRow(Table table, int row) const;
   // Clicks a view's check box at `index`.
   static void clickCheckBox(QAbstractItemView* view, const QModelIndex& index);
-  // Screenshot of the window into $AMBREL_SCREENSHOTS, when set.
-  void snapshot(const QString& name) const;
+  // Screenshot of the window (or of `what`) into $AMBREL_SCREENSHOTS, when set.
+  void snapshot(const QString& name, QWidget* what = nullptr) const;
 };
 
 }  // namespace ambrel::test

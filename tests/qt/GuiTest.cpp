@@ -54,6 +54,7 @@ class GuiTest : public QObject {
   Q_OBJECT
  private slots:
   void journeyByClicksSavesIdenticalFiles();
+  void scanForVolumesThenAdvancedScan();
   void hugeFolderIsFetchedInBatches();
   void signaturePageAndRawSlider();
   void instanceServerIsUserOnlyAndHandsMessagesOver();
@@ -169,6 +170,42 @@ void GuiTest::journeyByClicksSavesIdenticalFiles() {
   QCOMPARE(f.app->page(), Page::Tree);
 }
 
+void GuiTest::scanForVolumesThenAdvancedScan() {
+  TempDir images;
+  buildGptDrive(images / "drive.img", "Found Again", sampleEntries());
+  GuiFixture f({images / "drive.img"});
+  qt::MainWindow& w = *f.window;
+  QAbstractItemModelTester foundTester(w.tableModel(Table::FoundVolumes));
+  QAbstractItemModelTester listTester(w.tableModel(Table::PartitionScanList));
+  f.clickTableRow(Table::Drives, 0);
+  f.click(w.control(Control::FirstPageNext));
+  f.click(f.button(QStringLiteral("Scan For Volumes")));
+  QCOMPARE(f.app->page(), Page::PTScanProg);
+  QVERIFY(w.control(Control::VolumeScanStop)->isEnabled());
+  f.snapshot(QStringLiteral("06-pt-scan-prog"));
+  QTRY_COMPARE_WITH_TIMEOUT(f.app->page(), Page::PTScanList, kScanTimeout);
+  QCOMPARE(w.tableModel(Table::PartitionScanList)->rowCount(), 1);
+  const QAbstractItemModel* list = w.tableModel(Table::PartitionScanList);
+  QCOMPARE(list->index(0, 1).data().toString(), QStringLiteral("Found Again"));
+  QVERIFY(list->index(0, 4).data().toString().startsWith(QStringLiteral("Valid")));
+  // Next waits for a row.
+  QVERIFY(!w.control(Control::VolumeScanListNext)->isEnabled());
+  f.clickTableRow(Table::PartitionScanList, 0);
+  f.snapshot(QStringLiteral("07-pt-scan-list"));
+  f.click(w.control(Control::VolumeScanListNext));
+  QCOMPARE(f.app->page(), Page::TreeScanMode);
+  f.click(f.button(QStringLiteral("Advance Scan")));
+  QTRY_COMPARE_WITH_TIMEOUT(f.app->page(), Page::Tree, kScanTimeout);
+  qt::TreeModel* model = w.treeModel();
+  const QModelIndex docs = childNamed(model, model->index(0, 0), QStringLiteral("Documents"));
+  QVERIFY(docs.isValid());
+  QVERIFY(childNamed(model, docs, QStringLiteral("notes.txt")).isValid());
+  // Back from the tree, once the question is answered, leads to the found volumes.
+  f.answers["Information"] = 0;
+  f.click(w.control(Control::ButtonTreeBackToPartitions));
+  QCOMPARE(f.app->page(), Page::PTScanList);
+}
+
 void GuiTest::hugeFolderIsFetchedInBatches() {
   TempDir images;
   std::vector<mk::EntrySpec> many;
@@ -257,7 +294,7 @@ void GuiTest::signaturePageAndRawSlider() {
   QCOMPARE(f.app->page(), Page::SigSel);
   f.click(w.control(Control::AddNewSig));
   QTRY_VERIFY(w.addSigDialog()->isVisible());
-  f.snapshot(QStringLiteral("11-add-file-type"));
+  f.snapshot(QStringLiteral("11-add-file-type"), w.addSigDialog());
   QTest::keyClick(w.addSigDialog(), Qt::Key_Return);
   QCOMPARE(QString::fromStdString(f.alerts.back().message), QStringLiteral("Category cannot be nil"));
   QVERIFY(w.addSigDialog()->isVisible());
