@@ -4,6 +4,8 @@
 #include <QDBusMessage>
 #include <QDBusReply>
 #include <QDBusUnixFileDescriptor>
+#include <QDir>
+#include <QFileInfo>
 #include <QLocalSocket>
 #include <QMetaObject>
 
@@ -44,6 +46,12 @@ std::unique_ptr<SleepHold> QtDBusSleepInhibitor::inhibit(const std::string& why)
   QDBusReply<QDBusUnixFileDescriptor> reply = bus.call(call, QDBus::Block, 5000);
   if (!reply.isValid() || !reply.value().isValid()) return std::make_unique<NoHold>();
   return std::make_unique<DBusHold>(reply.value());
+}
+
+QString instanceServerName() {
+  const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
+  const QString name = QString::fromUtf8(kMessageServerName);
+  return !runtime.isEmpty() && QFileInfo(runtime).isDir() ? QDir(runtime).filePath(name) : name;
 }
 
 InstanceServer::InstanceServer(QObject* parent) : QObject(parent) {

@@ -38,6 +38,10 @@ class QtDBusSleepInhibitor : public SleepInhibitor {
   QString who_;
 };
 
+// The server's name: in the user's runtime folder where there is one, so
+// that each user has an instance of their own.
+QString instanceServerName();
+
 // The running instance's end of the single-instance connection. Each client
 // sends one message ("BringFront", "AlreadyRunning" or a scan info path),
 // newline-terminated, which goes to the MessageServer on the GUI thread.
@@ -46,7 +50,7 @@ class InstanceServer : public QObject {
  public:
   explicit InstanceServer(QObject* parent = nullptr);
   // False when another instance already listens under the name.
-  bool listen(const QString& name = QString::fromUtf8(kMessageServerName));
+  bool listen(const QString& name = instanceServerName());
   void setMessageServer(MessageServer* server) { messages_ = server; }
   QString fullServerName() const { return server_.fullServerName(); }
 
@@ -61,7 +65,7 @@ class InstanceServer : public QObject {
 };
 
 // A second launch: hands `message` to the running instance. False when none answers.
-bool sendToRunningInstance(const QString& message, const QString& name = QString::fromUtf8(kMessageServerName),
+bool sendToRunningInstance(const QString& message, const QString& name = instanceServerName(),
                            int timeoutMs = 2000);
 
 }  // namespace ambrel::qt
