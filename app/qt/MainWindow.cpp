@@ -323,8 +323,14 @@ std::vector<std::string> MainWindow::imageFileTypes() {
 }
 
 std::vector<std::string> MainWindow::movieFileTypes() {
-  // Nothing plays yet: the preview offers the text of such files instead.
-  return {};
+  static const std::vector<std::string> types = [] {
+    std::set<std::string> out;
+    for (const QMimeType& t : QMimeDatabase().allMimeTypes())
+      if (t.name().startsWith(QStringLiteral("video/")) || t.name().startsWith(QStringLiteral("audio/")))
+        for (const QString& suffix : t.suffixes()) out.insert(suffix.toLower().toStdString());
+    return std::vector<std::string>(out.begin(), out.end());
+  }();
+  return types;
 }
 
 void MainWindow::showPreviewWindow(const std::string& name, const std::string& extension) {
@@ -339,13 +345,19 @@ void MainWindow::showPreviewPage(PreviewPage page) { preview_->showPage(static_c
 
 bool MainWindow::showPreviewImage(const std::vector<uint8_t>& data) { return preview_->setImage(data); }
 
-MovieInfo MainWindow::showPreviewMovie(const std::vector<uint8_t>&, const std::string&) { return {}; }
+MovieInfo MainWindow::showPreviewMovie(const std::vector<uint8_t>& data, const std::string& name) {
+  const QString duration = preview_->setMovie(data, qs(name));
+  return {!duration.isEmpty(), duration.toStdString()};
+}
 
 void MainWindow::showPreviewPoster(const std::vector<uint8_t>& picture, const std::string&) {
   preview_->setPoster(picture);
 }
 
-void MainWindow::closePreviewWindow() { preview_->hide(); }
+void MainWindow::closePreviewWindow() {
+  preview_->dropMovie();
+  preview_->hide();
+}
 
 bool MainWindow::previewWindowVisible() const { return preview_->isVisible(); }
 

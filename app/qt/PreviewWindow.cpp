@@ -9,7 +9,14 @@
 #include <QMimeDatabase>
 #include <QPlainTextEdit>
 #include <QStackedWidget>
+#include <QAudioOutput>
+#include <QEventLoop>
+#include <QMediaPlayer>
+#include <QPushButton>
+#include <QTimer>
+#include <QUrl>
 #include <QVBoxLayout>
+#include <QVideoWidget>
 
 namespace ambrel::qt {
 
@@ -36,6 +43,10 @@ PreviewWindow::PreviewWindow(QWidget* parent) : QWidget(parent, Qt::Window) {
   auto* ml = new QVBoxLayout(movie);
   poster_ = new QLabel;
   poster_->setAlignment(Qt::AlignCenter);
+  video_ = new QVideoWidget;
+  video_->setMinimumHeight(200);
+  video_->hide();
+  ml->addWidget(video_, 1);
   ml->addStretch(1);
   ml->addWidget(poster_);
   for (QLabel*& field : movieFields_) {
@@ -44,6 +55,14 @@ PreviewWindow::PreviewWindow(QWidget* parent) : QWidget(parent, Qt::Window) {
     field->setAlignment(Qt::AlignCenter);
     ml->addWidget(field);
   }
+  play_ = new QPushButton(QStringLiteral("Play"));
+  play_->setEnabled(false);
+  connect(play_, &QPushButton::clicked, this, [this] {
+    if (!player_) return;
+    if (player_->playbackState() == QMediaPlayer::PlayingState) player_->pause();
+    else player_->play();
+  });
+  ml->addWidget(play_, 0, Qt::AlignHCenter);
   ml->addStretch(1);
   loading_ = new QLabel(QStringLiteral("Loading…"));
   loading_->setAlignment(Qt::AlignCenter);
@@ -64,7 +83,69 @@ void PreviewWindow::reset(const QString& name, const QString& extension) {
   full_ = QPixmap();
   for (QLabel* field : movieFields_) field->clear();
   poster_->clear();
+  dropMovie();
   pages_->setCurrentIndex(3);
+}
+
+void PreviewWindow::dropMovie() {
+  if (player_) {
+    player_->stop();
+    player_->deleteLater();
+    player_ = nullptr;
+  }
+  if (buffer_) {
+    buffer_->deleteLater();
+    buffer_ = nullptr;
+  }
+  video_->hide();
+  play_->setEnabled(false);
+  play_->setText(QStringLiteral("Play"));
+}
+
+QString PreviewWindow::setMovie(const std::vector<uint8_t>& data, const QString& name) {
+  dropMovie();
+  buffer_ = new QBuffer(this);
+  buffer_->setData(reinterpret_cast<const char*>(data.data()), static_cast<qsizetype>(data.size()));
+  buffer_->open(QIODevice::ReadOnly);
+  player_ = new QMediaPlayer(this);
+  player_->setAudioOutput(new QAudioOutput(player_));
+  player_->setVideoOutput(video_);
+  connect(player_, &QMediaPlayer::playbackStateChanged, this, [this](QMediaPlayer::PlaybackState state) {
+    play_->setText(state == QMediaPlayer::PlayingState ? QStringLiteral("Pause") : QStringLiteral("Play"));
+  });
+  connect(player_, &QMediaPlayer::hasVideoChanged, video_, &QWidget::setVisible);
+  QEventLoop wait;
+  QTimer limit;
+  limit.setSingleShot(true);
+  connect(&limit, &QTimer::timeout, &wait, &QEventLoop::quit);
+  connect(player_, &QMediaPlayer::mediaStatusChanged, &wait, [&wait](QMediaPlayer::MediaStatus status) {
+    if (status != QMediaPlayer::LoadingMedia && status != QMediaPlayer::NoMedia) wait.quit();
+  });
+  connect(player_, &QMediaPlayer::errorOccurred, &wait, &QEventLoop::quit);
+  // The name's extension tells the backend what the bytes are.
+  player_->setSourceDevice(buffer_, QUrl(name));
+  limit.start(5000);
+  if (player_->mediaStatus() == QMediaPlayer::LoadingMedia) wait.exec(QEventLoop::ExcludeUserInputEvents);
+  const auto status = player_ ? player_->mediaStatus() : QMediaPlayer::InvalidMedia;
+  if (!player_ || player_->error() != QMediaPlayer::NoError ||
+      (status != QMediaPlayer::LoadedMedia && status != QMediaPlayer::BufferedMedia))
+    return {};
+  // Some containers tell their length only once playing has begun.
+  if (player_->duration() <= 0) {
+    QTimer later;
+    later.setSingleShot(true);
+    connect(&later, &QTimer::timeout, &wait, &QEventLoop::quit);
+    connect(player_, &QMediaPlayer::durationChanged, &wait, &QEventLoop::quit);
+    later.start(2000);
+    wait.exec(QEventLoop::ExcludeUserInputEvents);
+  }
+  play_->setEnabled(true);
+  const qint64 ms = std::max<qint64>(0, player_->duration());
+  return QStringLiteral("%1:%2:%3.%4")
+      .arg(ms / 3600000)
+      .arg(ms / 60000 % 60, 2, 10, QLatin1Char('0'))
+      .arg(ms / 1000 % 60, 2, 10, QLatin1Char('0'))
+      .arg(ms / 100 % 10);
 }
 
 void PreviewWindow::showLoading() { pages_->setCurrentIndex(3); }
@@ -103,6 +184,7 @@ void PreviewWindow::setPoster(const std::vector<uint8_t>& picture) {
 }
 
 void PreviewWindow::closeEvent(QCloseEvent* event) {
+  dropMovie();
   if (onClose) onClose();
   event->accept();
 }

@@ -7,9 +7,13 @@
 #include <functional>
 #include <vector>
 
+class QBuffer;
 class QLabel;
+class QMediaPlayer;
 class QPlainTextEdit;
+class QPushButton;
 class QStackedWidget;
+class QVideoWidget;
 
 namespace ambrel::qt {
 
@@ -24,6 +28,14 @@ class PreviewWindow : public QWidget {
   void setPreviewText(const QString& text);
   bool setImage(const std::vector<uint8_t>& data);
   void setPoster(const std::vector<uint8_t>& picture);
+  // Makes a player for a movie or sound held in memory; `name` tells the
+  // format. Waits (the event loop running) until the media is read, so the
+  // duration can be told: "H:MM:SS.t", empty when it cannot play.
+  QString setMovie(const std::vector<uint8_t>& data, const QString& name);
+  // Stops and drops the player.
+  void dropMovie();
+  QMediaPlayer* player() const { return player_; }
+  QPushButton* playButton() const { return play_; }
   QLabel* imageLabel() const { return image_; }
   QPlainTextEdit* textView() const { return text_; }
   QLabel* nameLabel() const { return name_; }
@@ -46,6 +58,10 @@ class PreviewWindow : public QWidget {
   QLabel* movieFields_[4];
   QLabel* poster_;
   QLabel* loading_;
+  QVideoWidget* video_;
+  QPushButton* play_;
+  QMediaPlayer* player_ = nullptr;
+  QBuffer* buffer_ = nullptr;
   QPixmap full_;
 };
 

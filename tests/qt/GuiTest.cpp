@@ -48,6 +48,40 @@ std::vector<mk::EntrySpec> sampleEntries() {
           textFile("readme.txt", "hello from the volume\n")};
 }
 
+// A mono 16-bit PCM WAV of `seconds` at 8 kHz: a rising tone.
+std::string wavBytes(int seconds) {
+  const uint32_t rate = 8000, samples = rate * uint32_t(seconds), dataSize = samples * 2;
+  std::string w;
+  auto u32 = [&w](uint32_t v) { for (int i = 0; i < 4; ++i) w.push_back(char(v >> (8 * i))); };
+  auto u16 = [&w](uint16_t v) { w.push_back(char(v)); w.push_back(char(v >> 8)); };
+  w += "RIFF";
+  u32(36 + dataSize);
+  w += "WAVEfmt ";
+  u32(16);
+  u16(1);
+  u16(1);
+  u32(rate);
+  u32(rate * 2);
+  u16(2);
+  u16(16);
+  w += "data";
+  u32(dataSize);
+  for (uint32_t i = 0; i < samples; ++i) u16(uint16_t((i * (200 + i / 40)) % 20000));
+  return w;
+}
+
+// From the first page to the tree of the drive's first volume, by clicks.
+void scanToTree(GuiFixture& f) {
+  qt::MainWindow& w = *f.window;
+  f.clickTableRow(Table::Drives, 0);
+  f.click(w.control(Control::FirstPageNext));
+  f.click(f.button(QStringLiteral("Display Default Volumes")));
+  f.clickTableRow(Table::Partitions, 0);
+  f.click(w.control(Control::PtListNext));
+  f.click(f.button(QStringLiteral("Standard Scan")));
+  QTRY_COMPARE_WITH_TIMEOUT(f.app->page(), Page::Tree, kScanTimeout);
+}
+
 }  // namespace
 
 class GuiTest : public QObject {
@@ -56,6 +90,7 @@ class GuiTest : public QObject {
   void journeyByClicksSavesIdenticalFiles();
   void scanForVolumesThenAdvancedScan();
   void hugeFolderIsFetchedInBatches();
+  void soundPreviewTellsItsDuration();
   void signaturePageAndRawSlider();
   void instanceServerIsUserOnlyAndHandsMessagesOver();
   void dispatcherRunsPostsInOrderOnTheGuiThread();
@@ -129,6 +164,7 @@ void GuiTest::journeyByClicksSavesIdenticalFiles() {
   f.click(w.control(Control::PreviewButton));
   QTRY_VERIFY_WITH_TIMEOUT(w.previewWindowVisible(), 10000);
   QTRY_VERIFY_WITH_TIMEOUT(w.previewWindow()->textView()->toPlainText().contains(QStringLiteral("quarterly")), 10000);
+  f.snapshot(QStringLiteral("12-preview"), w.previewWindow());
   w.closePreviewWindow();
 
   // Marking the root by its check box marks everything below it.
@@ -215,13 +251,8 @@ void GuiTest::hugeFolderIsFetchedInBatches() {
   buildGptDrive(images / "many.img", "Many", {folder("Crowd", std::move(many))});
   GuiFixture f({images / "many.img"});
   qt::MainWindow& w = *f.window;
-  f.clickTableRow(Table::Drives, 0);
-  f.click(w.control(Control::FirstPageNext));
-  f.click(f.button(QStringLiteral("Display Default Volumes")));
-  f.clickTableRow(Table::Partitions, 0);
-  f.click(w.control(Control::PtListNext));
-  f.click(f.button(QStringLiteral("Standard Scan")));
-  QTRY_COMPARE_WITH_TIMEOUT(f.app->page(), Page::Tree, kScanTimeout);
+  scanToTree(f);
+  QCOMPARE(f.app->page(), Page::Tree);
 
   qt::TreeModel* model = w.treeModel();
   const QModelIndex crowd = childNamed(model, model->index(0, 0), QStringLiteral("Crowd"));
@@ -241,6 +272,31 @@ void GuiTest::hugeFolderIsFetchedInBatches() {
   QCOMPARE(model->indexOf(entry), last);
   // The tester walks every row fetched, and fetches what is left.
   QAbstractItemModelTester tester(model);
+}
+
+void GuiTest::soundPreviewTellsItsDuration() {
+  TempDir images;
+  buildGptDrive(images / "sound.img", "Sounds", {textFile("tone.wav", wavBytes(2)), textFile("note.txt", "hi\n")});
+  GuiFixture f({images / "sound.img"});
+  qt::MainWindow& w = *f.window;
+  scanToTree(f);
+  QCOMPARE(f.app->page(), Page::Tree);
+  f.answers["Information"] = 1;  // "Preview", past the advice to save the scan first
+  qt::TreeModel* model = w.treeModel();
+  const QModelIndex tone = childNamed(model, model->index(0, 0), QStringLiteral("tone.wav"));
+  QVERIFY(tone.isValid());
+  const QRect cell = w.treeView()->visualRect(tone);
+  QTest::mouseClick(w.treeView()->viewport(), Qt::LeftButton, {}, cell.center());
+  QTest::mouseDClick(w.treeView()->viewport(), Qt::LeftButton, {}, cell.center());
+  QTRY_VERIFY_WITH_TIMEOUT(w.previewWindowVisible(), 10000);
+  auto* status = qobject_cast<QLabel*>(w.control(Control::MovieStatus));
+  QTRY_VERIFY_WITH_TIMEOUT(!status->text().isEmpty(), 20000);
+  QCOMPARE(status->text(), QStringLiteral("Click the Play button"));
+  QCOMPARE(qobject_cast<QLabel*>(w.control(Control::MovieDuration))->text(), QStringLiteral("Duration: 0:00:02"));
+  QVERIFY(w.previewWindow()->playButton()->isEnabled());
+  // Closing the window stops and drops the player.
+  w.previewWindow()->close();
+  QVERIFY(!w.previewWindow()->player());
 }
 
 void GuiTest::signaturePageAndRawSlider() {
