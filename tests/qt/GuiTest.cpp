@@ -3,6 +3,9 @@
 #include <sys/stat.h>
 
 #include <QAbstractItemModelTester>
+#include <QApplication>
+#include <QMessageBox>
+#include <QTimer>
 #include <QCheckBox>
 #include <QComboBox>
 #include <QDialog>
@@ -94,6 +97,8 @@ class GuiTest : public QObject {
   void signaturePageAndRawSlider();
   void instanceServerIsUserOnlyAndHandsMessagesOver();
   void dispatcherRunsPostsInOrderOnTheGuiThread();
+  void alertsAnswerWithTheButtonsIndex();
+  void onlyTheTreePageResizes();
 };
 
 void GuiTest::journeyByClicksSavesIdenticalFiles() {
@@ -408,6 +413,49 @@ void GuiTest::dispatcherRunsPostsInOrderOnTheGuiThread() {
   QTRY_COMPARE(order.size(), size_t{100});
   QVERIFY(!offThread);
   for (int i = 0; i < 100; ++i) QCOMPARE(order[size_t(i)], i);
+}
+
+void GuiTest::alertsAnswerWithTheButtonsIndex() {
+  qt::MainWindow w;
+  w.show();
+  // The real message box this time: its buttons in the order given.
+  for (int choice = 0; choice < 3; ++choice) {
+    const QStringList titles{QStringLiteral("Save"), QStringLiteral("Don't Save"), QStringLiteral("Cancel")};
+    QStringList shown;
+    QTimer::singleShot(0, &w, [&] {
+      auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+      QVERIFY(box);
+      QVERIFY(box->text().contains(QStringLiteral("Do you want to save scan info?")));
+      QCOMPARE(box->informativeText(), QStringLiteral("The tree is not saved."));
+      for (QAbstractButton* b : box->buttons()) shown << b->text();
+      QCOMPARE(box->defaultButton()->text(), titles[0]);
+      for (QAbstractButton* b : box->buttons())
+        if (b->text() == titles[choice]) b->click();
+    });
+    const int answer = w.alert({"Do you want to save scan info?", "The tree is not saved.",
+                                {"Save", "Don't Save", "Cancel"}});
+    QCOMPARE(answer, choice);
+    shown.sort();
+    QStringList expected = titles;
+    expected.sort();
+    QCOMPARE(shown, expected);
+  }
+}
+
+void GuiTest::onlyTheTreePageResizes() {
+  TempDir images;
+  buildGptDrive(images / "drive.img", "Sizes", sampleEntries());
+  GuiFixture f({images / "drive.img"});
+  qt::MainWindow& w = *f.window;
+  const QSize first = w.size();
+  w.resize(first + QSize(200, 150));
+  QCOMPARE(w.size(), first);
+  scanToTree(f);
+  QCOMPARE(f.app->page(), Page::Tree);
+  w.resize(first + QSize(200, 150));
+  QCOMPARE(w.size(), first + QSize(200, 150));
+  w.resize(first - QSize(100, 100));
+  QCOMPARE(w.size(), first);  // never below the first size
 }
 
 QTEST_MAIN(GuiTest)
