@@ -65,3 +65,17 @@ if command -v icat >/dev/null; then
 fi
 echo
 echo "Demo files are in $OUT."
+
+step "The desktop application"
+GUI="$BUILD/app/qt/ambrel"
+if [ ! -x "$GUI" ]; then
+  echo "Not built (GUI=OFF). Build it with: make build GUI=ON"
+elif [ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ]; then
+  echo "Opening the sample drive in $GUI (the drive is selected on the first page: press Next)."
+  "$GUI" "$OUT/demo-drive.img" >/dev/null 2>&1 &
+else
+  echo "No display here. On a desktop, open the sample drive in the application with:"
+  echo "  $GUI $OUT/demo-drive.img"
+  echo "or open its scan info file, which brings the tree back without scanning:"
+  echo "  $GUI $OUT/macintosh-hd.asi"
+fi

@@ -1,0 +1,104 @@
+#pragma once
+// The controller's tables, its recovered tree and its signature tree as Qt
+// item models. They hold no data of their own: every cell is asked of the
+// controller when it is drawn.
+#include <QAbstractItemModel>
+#include <QAbstractTableModel>
+#include <QHash>
+#include <QIcon>
+#include <QStringList>
+
+#include "core/AppController.h"
+
+namespace ambrel::qt {
+
+class TableModel : public QAbstractTableModel {
+  Q_OBJECT
+ public:
+  // columns: the controller's column identifiers, shown as they are.
+  TableModel(AppController*& app, Table table, QStringList columns, QObject* parent = nullptr);
+  Table table() const { return table_; }
+  void reload();
+
+  int rowCount(const QModelIndex& parent = {}) const override;
+  int columnCount(const QModelIndex& parent = {}) const override;
+  QVariant data(const QModelIndex& index, int role) const override;
+  QVariant headerData(int section, Qt::Orientation orientation, int role) const override;
+
+ private:
+  AppController*& app_;
+  Table table_;
+  QStringList columns_;
+};
+
+// The recovered tree, lazily: a folder's rows come in batches as the view
+// asks for them, so a folder of a million entries opens at once. An index's
+// internal pointer is its HDIR; rows are remembered as they are handed out,
+// so parent() never searches a folder.
+class TreeModel : public QAbstractItemModel {
+  Q_OBJECT
+ public:
+  enum Column { Files, Mark, Size, FilesCount, ModificationDate, CreateDate, ColumnCount };
+  static constexpr int kBatch = 2000;
+
+  explicit TreeModel(AppController*& app, QObject* parent = nullptr);
+
+  void reload();
+  void reloadItem(const HDIR* item, bool children);
+  // The item's index, fetching the rows above it on the way (invalid when
+  // the item is not in the tree shown).
+  QModelIndex indexOf(const HDIR* item);
+  static HDIR* item(const QModelIndex& index) { return static_cast<HDIR*>(index.internalPointer()); }
+
+  QModelIndex index(int row, int column, const QModelIndex& parent = {}) const override;
+  QModelIndex parent(const QModelIndex& child) const override;
+  int rowCount(const QModelIndex& parent = {}) const override;
+  int columnCount(const QModelIndex& parent = {}) const override;
+  bool hasChildren(const QModelIndex& parent = {}) const override;
+  bool canFetchMore(const QModelIndex& parent) const override;
+  void fetchMore(const QModelIndex& parent) override;
+  QVariant data(const QModelIndex& index, int role) const override;
+  bool setData(const QModelIndex& index, const QVariant& value, int role) override;
+  Qt::ItemFlags flags(const QModelIndex& index) const override;
+  QVariant headerData(int section, Qt::Orientation orientation, int role) const override;
+
+ private:
+  int rowOf(const HDIR* item) const;
+  int fetched(const HDIR* folder) const { return fetched_.value(folder, 0); }
+  QModelIndex indexFor(const HDIR* item, int column) const;
+  void changedBelow(const HDIR* folder);
+  QIcon iconFor(const HDIR* item) const;
+
+  AppController*& app_;
+  mutable QHash<const HDIR*, int> rows_;
+  QHash<const HDIR*, int> fetched_;
+  mutable QHash<QString, QIcon> icons_;
+};
+
+// The signature database's categories and file types, with check boxes; a
+// single placeholder row (null node) tells what to do while it is empty.
+class SigModel : public QAbstractItemModel {
+  Q_OBJECT
+ public:
+  explicit SigModel(AppController*& app, QObject* parent = nullptr);
+  void reload();
+  void reloadItem(const SigNode* node);
+  static SigNode* node(const QModelIndex& index) { return static_cast<SigNode*>(index.internalPointer()); }
+
+  QModelIndex index(int row, int column, const QModelIndex& parent = {}) const override;
+  QModelIndex parent(const QModelIndex& child) const override;
+  int rowCount(const QModelIndex& parent = {}) const override;
+  int columnCount(const QModelIndex& parent = {}) const override;
+  QVariant data(const QModelIndex& index, int role) const override;
+  bool setData(const QModelIndex& index, const QVariant& value, int role) override;
+  Qt::ItemFlags flags(const QModelIndex& index) const override;
+  QVariant headerData(int section, Qt::Orientation orientation, int role) const override;
+
+ private:
+  int rowOf(const SigNode* node) const;
+  AppController*& app_;
+};
+
+QString qs(const std::string& s);
+
+}  // namespace ambrel::qt

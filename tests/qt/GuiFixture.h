@@ -1,0 +1,60 @@
+#pragma once
+// A main window and its controller over image-builder drives, as the
+// application puts them together, with alerts and panels answered by the test.
+#include <QAbstractItemView>
+#include <QPushButton>
+#include <QString>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "ImageBuilder.h"
+#include "MainWindow.h"
+#include "QtPlatform.h"
+#include "support/TempDir.h"
+
+namespace ambrel::test {
+
+namespace mk = ambrel::mkimage;
+
+mk::EntrySpec textFile(const std::string& name, const std::string& text);
+mk::EntrySpec folder(const std::string& name, std::vector<mk::EntrySpec> children);
+// A GPT drive holding one HFS+ volume with these entries.
+void buildGptDrive(const std::filesystem::path& image, const std::string& volumeName, std::vector<mk::EntrySpec> entries);
+// Files under `root`, relative path -> bytes.
+std::map<std::string, std::vector<uint8_t>> filesUnder(const std::filesystem::path& root);
+
+class GuiFixture {
+ public:
+  // The drives are disk images opened as the "Open Disk Image…" action does.
+  explicit GuiFixture(const std::vector<std::filesystem::path>& images);
+  ~GuiFixture();
+
+  TempDir dir;
+  std::shared_ptr<qt::DiskImages> images = std::make_shared<qt::DiskImages>();
+  std::unique_ptr<qt::MainWindow> window;
+  std::unique_ptr<qt::QtDispatcher> dispatcher;
+  NoSleepInhibitor sleep;
+  std::unique_ptr<AppController> app;
+
+  // Alerts shown, and the answer for each title (the default button otherwise).
+  std::vector<Alert> alerts;
+  std::map<std::string, int> answers;
+  // Folder and save panels answer with these (nullopt: cancelled).
+  std::optional<std::string> folderAnswer, saveAnswer, openAnswer;
+  bool terminated = false;
+
+  // The button titled `title` on the page shown.
+  QPushButton* button(const QString& title) const;
+  void click(QWidget* widget) const;
+  void clickTableRow(Table table, int row) const;
+  // Clicks a view's check box at `index`.
+  static void clickCheckBox(QAbstractItemView* view, const QModelIndex& index);
+  // Screenshot of the window (or of `what`) into $AMBREL_SCREENSHOTS, when set.
+  void snapshot(const QString& name, QWidget* what = nullptr) const;
+};
+
+}  // namespace ambrel::test
