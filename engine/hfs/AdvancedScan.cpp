@@ -293,6 +293,7 @@ RecordCheck Volume::processFragmentRecord(const std::vector<uint8_t>& node, uint
   // A record no longer in the catalog may have lost its attribute, and its
   // file ID may since name another file: only live records are looked up.
   if (live) applyCompression(entry, file);
+  noteLink(entry, file);
   // The extents file describes the live files only: an old copy of a record
   // keeps its own eight extents and, when it needs more, is flagged.
   const bool overflow = live && extentsTreeUsable;

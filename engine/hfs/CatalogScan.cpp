@@ -123,6 +123,7 @@ void Volume::startMakingTree(AppControllerInterface* controller, const std::stri
     alertShown = true;
   }
 
+  resolveLinks();
   processDuplicateEntries();
   if (!alertShown) {
     ProgressReport done{{progress::kProgressStatus, driveText("Tree Completed for {} on drive {} {} {}")},
@@ -327,6 +328,7 @@ void Volume::processLeafRecord(const std::vector<uint8_t>& node, uint32_t numRec
   entry->blockSize = blockSize;
   entry->fileMode = byteSwapped(file.permissions.fileMode);
   applyCompression(*entry, file);
+  noteLink(*entry, file);
   ++fileCount;
   ++entryCount;
   dataSize += entry->fileSize;

@@ -224,6 +224,14 @@ class Volume : public DMedia {
   uint64_t foreignNodesSkipped = 0;
   uint32_t compressedFiles = 0;       // listed with their uncompressed content
   uint32_t compressedUnreadable = 0;  // marked compressed without a usable attribute: listed as stored
+  // Links met: file hard links given their file's content, folder links,
+  // symbolic links; and links whose file or folder could not be found.
+  uint32_t fileLinks = 0, folderLinks = 0, symlinks = 0, linksUnresolved = 0;
+  // Marks a file record that is a link (hard, folder or symbolic).
+  static void noteLink(HDIR& entry, const HFSPlusCatalogFile_& file);
+  // Gives file hard links their file's forks and folder links their folder's
+  // size, once the tree is whole.
+  void resolveLinks();
 
  protected:
   // A drive found gone ends the scan at once.

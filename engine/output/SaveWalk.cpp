@@ -12,6 +12,7 @@
 
 #include "base/Endian.h"
 #include "output/AppleDouble.h"
+#include "tree/Links.h"
 
 namespace ambrel {
 
@@ -69,7 +70,8 @@ uint32_t markedFilesBelow(const HDIR& folder) {
 // Creates the entry under the first free numbered name. Nothing that exists
 // is opened or replaced: folders by mkdirat, files with O_EXCL (which also
 // refuses a symbolic link in the way).
-std::optional<Saver::Walk::Created> Saver::Walk::create(int dirFd, Names& names, const HDIR& entry, Kind kind) {
+std::optional<Saver::Walk::Created> Saver::Walk::create(int dirFd, Names& names, const HDIR& entry, Kind kind,
+                                                        const std::string& linkTarget) {
   const size_t limit = kind == Kind::FileWithSidecar ? names.maxBytes - 2 : names.maxBytes;
   bool changed = false;
   const std::string base = safeName(madeName(entry.fileName(), canSaveSlashes), limit, &changed);
@@ -83,6 +85,12 @@ std::optional<Saver::Walk::Created> Saver::Walk::create(int dirFd, Names& names,
       if (::mkdirat(dirFd, c.name.c_str(), 0777) != 0) {
         if (errno == EEXIST) continue;
         return failedCreate(entry, c.name);
+      }
+    } else if (kind == Kind::Symlink) {
+      // The caller decides whether a refusal means writing a file instead.
+      if (::symlinkat(linkTarget.c_str(), dirFd, c.name.c_str()) != 0) {
+        if (errno == EEXIST) continue;
+        return std::nullopt;
       }
     } else {
       c.data = Fd(::openat(dirFd, c.name.c_str(), flags, fileModeFor(entry)));
@@ -157,11 +165,11 @@ std::optional<std::string> Saver::Walk::keepIncomplete(int dirFd, Names& names, 
 void Saver::Walk::saveChildren(Frame& f) {
   Names names;
   names.maxBytes = nameMax(f.fd.get());
-  const auto& children = f.dir->children();
+  const auto& children = f.contents->children();
   for (size_t i = 0; i < children.size(); ++i) {
     if (saver.aborting()) return;
     const HDIR& c = *children[i];
-    if (c.selected() != 1) continue;
+    if (!f.all && c.selected() != 1) continue;
     if (c.fileType == kHDIRFolder) {
       auto made = create(f.fd.get(), names, c, Kind::Folder);
       if (!made) {
@@ -169,7 +177,16 @@ void Saver::Walk::saveChildren(Frame& f) {
         continue;
       }
       ++saver.result_.foldersCreated;
-      if (!c.children().empty()) f.subfolders.emplace_back(i, std::move(made->name));
+      if (linkRefused(f, c)) {
+        ++saver.result_.linkLoops;
+        saver.problem(fmt::format("{} is a folder link that leads back into a folder above it; it was left empty",
+                                  listedPath(c)));
+        continue;
+      }
+      if (!contentsOf(c).children().empty()) f.subfolders.emplace_back(i, std::move(made->name));
+    } else if (c.fileType == kHDIRFile && c.linkKind == LinkKind::Symlink) {
+      ++saver.result_.saveCount;
+      saveSymlink(f, names, c);
     } else if (c.fileType == kHDIRFile) {
       ++saver.result_.saveCount;
       // Counted but not created: a file with no bytes in either fork.
@@ -180,6 +197,42 @@ void Saver::Walk::saveChildren(Frame& f) {
       saveFile(f, names, c);
     }
   }
+}
+
+bool Saver::Walk::linkRefused(const Frame& f, const HDIR& link) const {
+  const HDIR* target = linkedFolder(link);
+  if (!target) return false;
+  if (f.linkDepth + 1 > kMaxLinkDepth) return true;
+  for (const Frame& open : frames)
+    if (open.contents == target) return true;
+  return false;
+}
+
+// A link to wherever its target points, never followed. A destination that
+// cannot hold links gets a small file holding the target instead.
+void Saver::Walk::saveSymlink(Frame& f, Names& names, const HDIR& c) {
+  constexpr size_t kMaxTarget = 4095;
+  std::string target;
+  const bool usable = c.compressionType == 0 && c.dataSize > 0 && c.dataSize <= kMaxTarget &&
+                      saver.readSmallFork(c, kMaxTarget, target) && target.find('\0') == std::string::npos;
+  if (usable) {
+    if (create(f.fd.get(), names, c, Kind::Symlink, target)) {
+      ++saver.result_.filesWritten;
+      ++saver.result_.symlinksCreated;
+      return;
+    }
+    if (errno != EPERM && errno != EOPNOTSUPP && errno != ENOSYS) {
+      failedCreate(c, madeName(c.fileName(), canSaveSlashes));
+      ++saver.result_.filesNotSaved;
+      return;
+    }
+  }
+  ++saver.result_.symlinksAsFiles;
+  if (c.dataSize == 0 && c.rscSize == 0) {
+    ++saver.result_.emptyFiles;
+    return;
+  }
+  saveFile(f, names, c);
 }
 
 void Saver::Walk::saveFile(Frame& f, Names& names, const HDIR& c) {
@@ -306,7 +359,7 @@ void Saver::Walk::saveFile(Frame& f, Names& names, const HDIR& c) {
   }
 }
 
-void Saver::Walk::push(const HDIR* dir, Fd fd) {
+void Saver::Walk::push(const HDIR* dir, Fd fd, bool all, size_t linkDepth) {
   struct stat st {};
   if (::fstat(fd.get(), &st) != 0) {
     const int err = errno;
@@ -317,6 +370,9 @@ void Saver::Walk::push(const HDIR* dir, Fd fd) {
   }
   Frame f;
   f.dir = dir;
+  f.contents = &contentsOf(*dir);
+  f.all = all || f.contents != dir;
+  f.linkDepth = linkDepth + (f.contents != dir ? 1 : 0);
   f.fd = std::move(fd);
   f.dev = st.st_dev;
   f.ino = st.st_ino;
@@ -343,7 +399,7 @@ void Saver::Walk::pop() {
   saver.problem(fmt::format("the folder written for {} was moved during the save; the rest of it was skipped",
                             listedPath(*parent.dir)));
   for (size_t i = parent.nextSub; i < parent.subfolders.size(); ++i)
-    folderLost(*parent.dir->childAtIndex(parent.subfolders[i].first), "their folder was moved away");
+    folderLost(*parent.contents->childAtIndex(parent.subfolders[i].first), "their folder was moved away");
 }
 
 void Saver::Walk::run(const std::string& destination) {
@@ -370,7 +426,7 @@ void Saver::Walk::run(const std::string& destination) {
     folderLost(root, "their folder could not be opened");
     return;
   }
-  push(&root, std::move(rootFd));
+  push(&root, std::move(rootFd), false, 0);
   while (!frames.empty() && !saver.aborting()) {
     Frame& f = frames.back();
     if (f.lost) {
@@ -387,14 +443,14 @@ void Saver::Walk::run(const std::string& destination) {
       continue;
     }
     const auto& [index, name] = f.subfolders[f.nextSub++];
-    const HDIR* child = f.dir->childAtIndex(index);
+    const HDIR* child = f.contents->childAtIndex(index);
     Fd childFd(::openat(f.fd.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (childFd.get() < 0) {
       failedCreate(*child, name);
       folderLost(*child, "their folder could not be opened");
       continue;
     }
-    push(child, std::move(childFd));
+    push(child, std::move(childFd), f.all, f.linkDepth);
   }
   frames.clear();
 }

@@ -140,6 +140,8 @@ std::unique_ptr<HDIR> HDIR::mutableCopy() const {
     to.fileMode = from.fileMode;
     to.compressionType = from.compressionType;
     to.compressedSize = from.compressedSize;
+    to.linkKind = from.linkKind;
+    to.linkID = from.linkID;
     to.confidence = from.confidence;
     to.selected_ = from.selected_;
     to.childrenCount_ = from.childrenCount_;
