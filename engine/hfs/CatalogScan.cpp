@@ -178,6 +178,9 @@ bool Volume::readFilesAndFolders() {
       convertBTNodeDesc(&desc);
     }
     if (!read || !verifyLeafNodeDesc(desc)) {
+      // A node of the chain that is no leaf: the walk goes on from the lists.
+      if (read) noteDamagedNode(sector);
+      if (strict) ++chainBridges;
       if (!fromLists(number)) break;
       continue;
     }
@@ -186,6 +189,7 @@ bool Volume::readFilesAndFolders() {
       // A chain that keeps leading back here loops: it ends, and the lists
       // bridge to the nodes it never reached.
       if (seen->retrieveCount > kMaxNodeVisits) {
+        if (strict) ++chainBridges;
         if (!fromLists(number)) break;
         continue;
       }

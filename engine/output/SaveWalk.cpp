@@ -216,9 +216,10 @@ void Saver::Walk::saveSymlink(Frame& f, Names& names, const HDIR& c) {
   const bool usable = c.compressionType == 0 && c.dataSize > 0 && c.dataSize <= kMaxTarget &&
                       saver.readSmallFork(c, kMaxTarget, target) && target.find('\0') == std::string::npos;
   if (usable) {
-    if (create(f.fd.get(), names, c, Kind::Symlink, target)) {
+    if (auto made = create(f.fd.get(), names, c, Kind::Symlink, target)) {
       ++saver.result_.filesWritten;
       ++saver.result_.symlinksCreated;
+      saved(f, c, made->name, true, true);
       return;
     }
     if (errno != EPERM && errno != EOPNOTSUPP && errno != ENOSYS) {
@@ -323,6 +324,7 @@ void Saver::Walk::saveFile(Frame& f, Names& names, const HDIR& c) {
   const bool cutShort = !aborted && ((!compressed && data.written < c.dataSize) || rsrc.written < c.rscSize);
   if (!aborted && unreadable == 0 && !noGeometry && !badCompressed && !cutShort) {
     ++result.filesWritten;
+    saved(f, c, made->name, true, false);
     if (c.confidence != Confidence::Sure) {
       ++result.uncertain;
       if (result.uncertainFiles.size() < kMaxListedProblems)
@@ -351,6 +353,7 @@ void Saver::Walk::saveFile(Frame& f, Names& names, const HDIR& c) {
   }
   if (auto kept = keepIncomplete(dir, names, made->name, hasRsrc)) {
     ++result.filesIncomplete;
+    saved(f, c, *kept, false, false);
     saver.problem(fmt::format("{}; saved as \"{}\"", what, *kept));
   } else {
     ++result.filesNotSaved;
@@ -359,7 +362,12 @@ void Saver::Walk::saveFile(Frame& f, Names& names, const HDIR& c) {
   }
 }
 
-void Saver::Walk::push(const HDIR* dir, Fd fd, bool all, size_t linkDepth) {
+void Saver::Walk::saved(const Frame& f, const HDIR& c, const std::string& name, bool whole, bool symlink) {
+  if (!saver.options_.onSaved) return;
+  saver.options_.onSaved(SavedFile{c, f.fd.get(), name, f.savedPath + "/" + name, whole, symlink});
+}
+
+void Saver::Walk::push(const HDIR* dir, Fd fd, bool all, size_t linkDepth, std::string savedPath) {
   struct stat st {};
   if (::fstat(fd.get(), &st) != 0) {
     const int err = errno;
@@ -373,6 +381,7 @@ void Saver::Walk::push(const HDIR* dir, Fd fd, bool all, size_t linkDepth) {
   f.contents = &contentsOf(*dir);
   f.all = all || f.contents != dir;
   f.linkDepth = linkDepth + (f.contents != dir ? 1 : 0);
+  f.savedPath = std::move(savedPath);
   f.fd = std::move(fd);
   f.dev = st.st_dev;
   f.ino = st.st_ino;
@@ -426,7 +435,7 @@ void Saver::Walk::run(const std::string& destination) {
     folderLost(root, "their folder could not be opened");
     return;
   }
-  push(&root, std::move(rootFd), false, 0);
+  push(&root, std::move(rootFd), false, 0, made->name);
   while (!frames.empty() && !saver.aborting()) {
     Frame& f = frames.back();
     if (f.lost) {
@@ -450,7 +459,7 @@ void Saver::Walk::run(const std::string& destination) {
       folderLost(*child, "their folder could not be opened");
       continue;
     }
-    push(child, std::move(childFd), f.all, f.linkDepth);
+    push(child, std::move(childFd), f.all, f.linkDepth, f.savedPath + "/" + name);
   }
   frames.clear();
 }

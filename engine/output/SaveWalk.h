@@ -52,6 +52,7 @@ struct Saver::Walk {
     const HDIR* contents = nullptr;  // whose children are written: dir, or the folder a link shows
     bool all = false;                // below a folder link: everything is saved, marked or not
     size_t linkDepth = 0;
+    std::string savedPath;  // below the destination
     Fd fd;
     dev_t dev = 0;
     ino_t ino = 0;
@@ -96,7 +97,8 @@ struct Saver::Walk {
   std::optional<std::string> keepIncomplete(int dirFd, Names& names, const std::string& name, bool sidecar);
   // A folder that could not be made or entered: its marked files are lost.
   void folderLost(const HDIR& folder, const std::string& why);
-  void push(const HDIR* dir, Fd fd, bool all, size_t linkDepth);
+  void push(const HDIR* dir, Fd fd, bool all, size_t linkDepth, std::string savedPath);
+  void saved(const Frame& f, const HDIR& c, const std::string& name, bool whole, bool symlink);
   void pop();
 };
 

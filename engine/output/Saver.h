@@ -108,9 +108,22 @@ struct SaveResult {
   }
 };
 
+// One file the save kept, as a report hears of it: the folder it is in (open
+// while the call lasts), its name there, its path below the destination, and
+// whether it is whole or kept marked incomplete.
+struct SavedFile {
+  const HDIR& entry;
+  int dirFd;
+  const std::string& name;
+  std::string path;
+  bool whole;
+  bool symlink;
+};
+
 class Saver {
  public:
   struct Options {
+    std::function<void(const SavedFile&)> onSaved;
     // How "/" in names is written; from the destination's type when unset.
     std::optional<bool> canSaveSlashes;
     // Ask the controller the final "Saving Completed" / "Saving Aborted" alert.

@@ -40,6 +40,12 @@ inline constexpr uint16_t kHDIRFile = 2;
 
 enum class LinkKind : uint8_t { None = 0, File, Folder, Symlink };
 
+// Where an entry's record was found: the live catalog, an old copy of a
+// catalog node in the journal or in free space, or a signature search.
+enum class EntryOrigin : uint8_t { Catalog = 0, Journal, FreeSpace, Carving };
+// "catalog", "journal", "free space", "carving".
+const char* originText(EntryOrigin o);
+
 // How far a recovered file's content can be trusted. Anything but Sure is
 // shown in the listing and counted when saving.
 enum class Confidence : uint8_t {
@@ -87,6 +93,7 @@ class HDIR {
   // it shows (never copied: walks look it up by linkID in btreeHDIR).
   LinkKind linkKind = LinkKind::None;
   uint32_t linkID = 0;
+  EntryOrigin origin = EntryOrigin::Catalog;
   Confidence confidence = Confidence::Sure;
   HDIR* parent = nullptr;                       // not owned
   BTreeTableClass* btreeHDIR = nullptr;         // not owned
