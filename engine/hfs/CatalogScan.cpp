@@ -153,6 +153,7 @@ bool Volume::readFilesAndFolders() {
   // records were already read are passed over: going back through the part
   // of the chain already walked would only count as revisits and end the walk.
   std::unordered_set<uint32_t> processed;
+  std::unordered_set<int64_t> bridgedAt;
   auto fromLists = [&](uint32_t& out) {
     while (strict && nextA < leafNodePointerArray.size()) {
       out = leafNodePointerArray[nextA++];
@@ -179,8 +180,11 @@ bool Volume::readFilesAndFolders() {
     }
     if (!read || !verifyLeafNodeDesc(desc)) {
       // A node of the chain that is no leaf: the walk goes on from the lists.
-      if (read) noteDamagedNode(sector);
-      if (strict) ++chainBridges;
+      // Counted once per node, however often the lists lead back to it.
+      if (bridgedAt.insert(sector).second) {
+        if (read) noteDamagedNode(sector);
+        if (strict) ++chainBridges;
+      }
       if (!fromLists(number)) break;
       continue;
     }
@@ -189,7 +193,7 @@ bool Volume::readFilesAndFolders() {
       // A chain that keeps leading back here loops: it ends, and the lists
       // bridge to the nodes it never reached.
       if (seen->retrieveCount > kMaxNodeVisits) {
-        if (strict) ++chainBridges;
+        if (strict && bridgedAt.insert(sector).second) ++chainBridges;
         if (!fromLists(number)) break;
         continue;
       }

@@ -12,7 +12,6 @@
 #include <ctime>
 #include <memory>
 
-#include "base/Text.h"
 #include "hfs/Volume.h"
 
 namespace ambrel {
@@ -22,10 +21,10 @@ namespace {
 constexpr int64_t kHfsToUnix = 2082844800;
 constexpr uint16_t kHfsxSignature = 0x4858;  // "HX"
 
-// Text content and attribute values: XML has no place for most control
-// characters even as references, so they are written as escapes first.
-std::string xmlText(std::string_view raw) {
-  const std::string text = escapedControls(raw, false);
+// Text content and attribute values. Tab, line feed and carriage return go
+// as references, which parsers keep; XML has no place for the other control
+// characters, which are written \xHH.
+std::string xmlText(std::string_view text) {
   std::string out;
   out.reserve(text.size());
   for (char c : text) {
@@ -35,7 +34,12 @@ std::string xmlText(std::string_view raw) {
       case '>': out += "&gt;"; break;
       case '"': out += "&quot;"; break;
       case '\'': out += "&apos;"; break;
-      default: out += c;
+      case '\t': out += "&#9;"; break;
+      case '\n': out += "&#10;"; break;
+      case '\r': out += "&#13;"; break;
+      default:
+        if (static_cast<unsigned char>(c) < 0x20) out += fmt::format("\\x{:02X}", static_cast<unsigned char>(c));
+        else out += c;
     }
   }
   return out;

@@ -123,11 +123,12 @@ struct SavedFile {
 class Saver {
  public:
   struct Options {
-    std::function<void(const SavedFile&)> onSaved;
     // How "/" in names is written; from the destination's type when unset.
     std::optional<bool> canSaveSlashes;
     // Ask the controller the final "Saving Completed" / "Saving Aborted" alert.
     bool finalAlert = true;
+    // Hears of every file kept (a report).
+    std::function<void(const SavedFile&)> onSaved;
   };
 
   Saver(const HDIR& root, ForkSource source, AppControllerInterface* controller);
