@@ -85,6 +85,8 @@ void Volume::resolveLinks() {
       continue;
     }
     const HDIR& inode = *it->second;
+    // It is that file, under another name: listed with its ID, as the catalog's readers name it.
+    link->fileID = inode.fileID;
     link->dataExt = inode.dataExt;
     link->rscExt = inode.rscExt;
     link->dataSize = inode.dataSize;
