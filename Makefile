@@ -10,7 +10,7 @@ DEB_PACKAGES := cmake ninja-build g++ pkg-config python3 \
   qt6-base-dev qt6-base-dev-tools qt6-multimedia-dev libgl-dev \
   libplist-dev libudev-dev libsystemd-dev libfmt-dev libcli11-dev \
   libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev \
-  xorriso sleuthkit gdisk fdisk p7zip-full xz-utils unzip nlohmann-json3-dev zlib1g-dev libxxhash-dev \
+  xorriso sleuthkit gdisk fdisk p7zip-full xz-utils unzip nlohmann-json3-dev zlib1g-dev libxxhash-dev libssl-dev \
   imagemagick python3-pil ffmpeg sox lame qpdf zip dbus-daemon xvfb xauth \
   gstreamer1.0-plugins-good gstreamer1.0-libav
 # Only the benchmarks compare against these.

@@ -13,6 +13,7 @@
 #include "cli/TerminalText.h"
 #include "cli/VolumeSelect.h"
 #include "core/SaveFlow.h"
+#include "output/RecoveryReport.h"
 #include "output/Saver.h"
 #include "media/DriveFinder.h"
 #include "media/DriveList.h"
@@ -30,6 +31,7 @@ struct RecoverOptions {
   std::string out;
   std::vector<std::string> patterns;
   std::string drivePath;
+  std::string report;
 };
 
 std::atomic<Saver*> gSaving{nullptr};
@@ -162,8 +164,20 @@ int runRecover(RecoverOptions& opt) {
     return 2;
   }
 
+  std::unique_ptr<RecoveryReport> report;
+  Saver::Options options;
+  if (!opt.report.empty()) {
+    report = std::make_unique<RecoveryReport>(opt.report, *volume, "ambrel-cli recover " + opt.choice.path);
+    if (!report->ok()) {
+      fmt::print(stderr, "ambrel-cli: the report {} could not be written: {}\n", terminalText(opt.report),
+                 report->error());
+      return 2;
+    }
+    options.onSaved = [&report](const SavedFile& f) { report->add(f); };
+  }
+
   SleepScope awake(controller);
-  Saver saver(*volume->dirRoot, saveSourceOf(*volume), &controller);
+  Saver saver(*volume->dirRoot, saveSourceOf(*volume), &controller, options);
   gSaving.store(&saver);
   auto previous = std::signal(SIGINT, stopSaving);
   const SaveResult r = saver.saveFilesAndFolders(opt.out);
@@ -171,6 +185,14 @@ int runRecover(RecoverOptions& opt) {
   gSaving.store(nullptr);
 
   printSaveResult(r, opt.out);
+  if (report) {
+    if (!report->finish(r)) {
+      fmt::print(stderr, "ambrel-cli: the report {} could not be written: {}\n", terminalText(opt.report),
+                 report->error());
+      return kExitFailed;
+    }
+    fmt::print(stderr, "Report: {} ({} files)\n", terminalText(opt.report), report->filesListed());
+  }
   if (r.aborted) return kExitStopped;
   if (volume->isGone()) return kExitDriveGone;
   if (r.failedCreates + r.failedWrites + r.damagedCompressed > 0) return kExitFailed;
@@ -193,6 +215,9 @@ void registerRecoverCommands(CLI::App& app, std::function<int()>& run) {
   cmd->add_option("--drive", opt.drivePath,
                   "With a scan info file: the drive (or image) it was made from, now under this path; it must hold "
                   "the same first sectors, model and serial");
+  cmd->add_option("--report", opt.report,
+                  "Also write a DFXML report of every file saved (sizes, dates, byte runs on the drive, MD5, "
+                  "SHA-1, where it was found) and of what the scan met");
   cmd->callback([&run] { run = [] { return runRecover(opt); }; });
 }
 

@@ -7,6 +7,7 @@
 
 #include "base/PlistValue.h"
 #include "base/Text.h"
+#include "tree/Links.h"
 
 namespace ambrel {
 
@@ -52,10 +53,14 @@ void writeTreeListing(const HDIR& root, ListingFormat format, std::FILE* out) {
     fmt::print(out, "\n");
   }
   bool first = true;
-  forEachWithPath(root, [&](const HDIR& entry, const std::string& pathName) {
+  // A folder link lists its folder's entries below it; one that leads back is listed, not entered.
+  forEachThroughLinks(root, [&](const HDIR& entry, const std::string& pathName) {
     const HDIR* e = &entry;
     const std::string path = pathName + "/" + e->fileName();
-    const char* type = e->fileType == kHDIRFolder ? "folder" : "file";
+    const char* type = e->linkKind == LinkKind::Symlink  ? "symlink"
+                       : e->linkKind == LinkKind::Folder ? (e->isFolder() ? "folderlink" : "file")
+                       : e->isFolder()                   ? "folder"
+                                                         : "file";
     // Only a file's content can be uncertain.
     const char* confidence = e->fileType == kHDIRFolder ? "" : confidenceText(e->confidence);
     if (json) {
@@ -72,7 +77,7 @@ void writeTreeListing(const HDIR& root, ListingFormat format, std::FILE* out) {
     }
     first = false;
     return true;
-  });
+  }, [](const HDIR&, const std::string&) {});
   if (json) fmt::print(out, "\n]\n");
 }
 

@@ -14,7 +14,7 @@ enum class ListingFormat { Tsv, Json };
 // "YYYY-MM-DDTHH:MM:SSZ" of an HFS+ date (seconds since 1904, GMT); "" for 0.
 std::string hfsDateText(uint32_t hfsSeconds);
 
-// Writes the columns path, type, fileID, parentID, fileSize, dataSize,
+// Writes the columns path, type (folder, file, folderlink, symlink), fileID, parentID, fileSize, dataSize,
 // rscSize, fileCount, created, modified, dataExtents, rscExtents, confidence
 // (files: "sure", or why their content may be wrong; folders: empty).
 void writeTreeListing(const HDIR& root, ListingFormat format, std::FILE* out);

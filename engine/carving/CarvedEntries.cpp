@@ -139,6 +139,7 @@ std::unique_ptr<HDIR> SignatureSearch::fileEntry(uint64_t block, const Sig& sig,
   const uint64_t unit = uint64_t(std::max(volume_.blockSize, 1)) * kSectorSize;
   file->blockSize = volume_.blockSize;
   file->fileType = kHDIRFile;
+  file->origin = EntryOrigin::Carving;
   file->setFileName(name);
   file->parent = parent;
   file->parentID = parent->fileID;

@@ -15,6 +15,8 @@ namespace ambrel {
 
 namespace {
 
+constexpr uint32_t kVolumeJournaledBit = 0x2000;
+
 // Node size assumed when none is known yet: 8 KiB, the common catalog size.
 constexpr int32_t kAssumedCatNodeSectors = 16;
 
@@ -209,6 +211,8 @@ void Volume::processCatFrags() {
   // The live catalog's nodes first, then the copies elsewhere: a file met in
   // both is listed once, as the live catalog has it.
   uint64_t processed = 0;
+  // Copies inside the journal are told apart from those in free space.
+  if (journalSize == 0 && vib.journalInfoBlock != 0 && (vib.attributes & kVolumeJournaledBit)) getJournalSizeAndStart();
   for (const bool livePass : {true, false}) {
     for (uint64_t i = 0; i < total && !stopTreeThread; ++i) {
       const uint64_t sector = CatNodeArray[i];
@@ -227,6 +231,7 @@ void Volume::processCatFrags() {
       getIfUnusedSectorForCatalogNode(sector);
       if (!readNode(sector, catNodeSize, node.data())) continue;
       const BTNodeDescriptor_ d = descriptorOf(node);
+      fragmentOrigin_ = live ? EntryOrigin::Catalog : inJournal(sector) ? EntryOrigin::Journal : EntryOrigin::FreeSpace;
       for (uint32_t r = 0; r < d.numRecords && !stopTreeThread; ++r) {
         if (processFragmentRecord(node, d.numRecords, r, live) == RecordCheck::AbandonNode) break;
       }
@@ -256,6 +261,7 @@ RecordCheck Volume::processFragmentRecord(const std::vector<uint8_t>& node, uint
     if (!rec.folder(folder)) return RecordCheck::AbandonNode;
     if (!plausibleFolderRecord(folder)) return RecordCheck::SkipRecord;
     entry.fileType = kHDIRFolder;
+    entry.origin = fragmentOrigin_;
     entry.createDate = folder.createDate;
     entry.modDate = folder.contentModDate;
     entry.fileID = folder.folderID;
@@ -280,6 +286,7 @@ RecordCheck Volume::processFragmentRecord(const std::vector<uint8_t>& node, uint
     return RecordCheck::SkipRecord;
   }
   entry.fileType = kHDIRFile;
+  entry.origin = fragmentOrigin_;
   entry.createDate = file.createDate;
   entry.modDate = file.contentModDate;
   entry.fileID = file.fileID;
@@ -293,6 +300,7 @@ RecordCheck Volume::processFragmentRecord(const std::vector<uint8_t>& node, uint
   // A record no longer in the catalog may have lost its attribute, and its
   // file ID may since name another file: only live records are looked up.
   if (live) applyCompression(entry, file);
+  noteLink(entry, file);
   // The extents file describes the live files only: an old copy of a record
   // keeps its own eight extents and, when it needs more, is flagged.
   const bool overflow = live && extentsTreeUsable;
@@ -338,6 +346,12 @@ bool Volume::makeAdvTree() {
   // they belong to is live.
   if (!advScanFileArray.empty()) processAdvScanEntries();
   return true;
+}
+
+bool Volume::inJournal(uint64_t sector) const {
+  if (journalSize == 0 || sector < HPlusVolStart) return false;
+  const uint64_t offset = (sector - HPlusVolStart) * kSectorSize;
+  return offset >= journalStart && offset - journalStart < journalSize;
 }
 
 }  // namespace ambrel

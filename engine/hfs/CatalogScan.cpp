@@ -123,6 +123,7 @@ void Volume::startMakingTree(AppControllerInterface* controller, const std::stri
     alertShown = true;
   }
 
+  resolveLinks();
   processDuplicateEntries();
   if (!alertShown) {
     ProgressReport done{{progress::kProgressStatus, driveText("Tree Completed for {} on drive {} {} {}")},
@@ -152,6 +153,7 @@ bool Volume::readFilesAndFolders() {
   // records were already read are passed over: going back through the part
   // of the chain already walked would only count as revisits and end the walk.
   std::unordered_set<uint32_t> processed;
+  std::unordered_set<int64_t> bridgedAt;
   auto fromLists = [&](uint32_t& out) {
     while (strict && nextA < leafNodePointerArray.size()) {
       out = leafNodePointerArray[nextA++];
@@ -177,6 +179,12 @@ bool Volume::readFilesAndFolders() {
       convertBTNodeDesc(&desc);
     }
     if (!read || !verifyLeafNodeDesc(desc)) {
+      // A node of the chain that is no leaf: the walk goes on from the lists.
+      // Counted once per node, however often the lists lead back to it.
+      if (bridgedAt.insert(sector).second) {
+        if (read) noteDamagedNode(sector);
+        if (strict) ++chainBridges;
+      }
       if (!fromLists(number)) break;
       continue;
     }
@@ -185,6 +193,7 @@ bool Volume::readFilesAndFolders() {
       // A chain that keeps leading back here loops: it ends, and the lists
       // bridge to the nodes it never reached.
       if (seen->retrieveCount > kMaxNodeVisits) {
+        if (strict && bridgedAt.insert(sector).second) ++chainBridges;
         if (!fromLists(number)) break;
         continue;
       }
@@ -327,6 +336,7 @@ void Volume::processLeafRecord(const std::vector<uint8_t>& node, uint32_t numRec
   entry->blockSize = blockSize;
   entry->fileMode = byteSwapped(file.permissions.fileMode);
   applyCompression(*entry, file);
+  noteLink(*entry, file);
   ++fileCount;
   ++entryCount;
   dataSize += entry->fileSize;

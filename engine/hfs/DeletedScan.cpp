@@ -288,6 +288,7 @@ void Volume::placeDeletedFolder(uint32_t parentID, const std::string& name, cons
   entry->btreeHDIR = btree.get();
   entry->btreeHDIRAdvScan = btreeAdvScan;
   entry->fileType = kHDIRFolder;
+  entry->origin = EntryOrigin::Journal;
   entry->createDate = folder.createDate;
   entry->modDate = folder.contentModDate;
   entry->fileID = folder.folderID;
@@ -317,6 +318,7 @@ RecordCheck Volume::placeDeletedFile(uint32_t parentID, const std::string& name,
   entry->btreeHDIR = btree.get();
   entry->btreeHDIRAdvScan = btreeAdvScan;
   entry->fileType = kHDIRFile;
+  entry->origin = EntryOrigin::Journal;
   entry->createDate = file.createDate;
   entry->modDate = file.contentModDate;
   entry->fileID = file.fileID;

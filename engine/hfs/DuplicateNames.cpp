@@ -43,7 +43,8 @@ void Volume::removeZeroSizeFolders(HDIR* dir) {
     if (d->childrenCount() == 0) continue;
     int64_t removed = 0;
     d->removeChildrenIf([&](const HDIR& child) {
-      if (stopTreeThread.load() || child.fileType != kHDIRFolder || child.fileSize != 0) return false;
+      if (stopTreeThread.load() || child.fileType != kHDIRFolder || child.fileSize != 0 ||
+          child.linkKind == LinkKind::Folder) return false;
       removed += int64_t{child.childrenCount()} + 1;
       // The lost folders may go too; nothing may point at them afterwards.
       if (&child == dirLostFiles) dirLostFiles = nullptr;

@@ -224,6 +224,25 @@ class Volume : public DMedia {
   uint64_t foreignNodesSkipped = 0;
   uint32_t compressedFiles = 0;       // listed with their uncompressed content
   uint32_t compressedUnreadable = 0;  // marked compressed without a usable attribute: listed as stored
+  // Links met: file hard links given their file's content, folder links,
+  // symbolic links; and links whose file or folder could not be found.
+  uint32_t fileLinks = 0, folderLinks = 0, symlinks = 0, linksUnresolved = 0;
+  // Times the catalog's leaf chain was left for the nodes collected
+  // elsewhere (a node unreadable, not a leaf, or leading back), and the
+  // first sectors of chain nodes that were read but were no leaf.
+  uint32_t chainBridges = 0;
+  std::vector<uint64_t> damagedNodeSectors;
+  uint64_t damagedNodes = 0;
+  static constexpr size_t kMaxListedDamagedNodes = 1000;
+  void noteDamagedNode(int64_t sector) {
+    ++damagedNodes;
+    if (damagedNodeSectors.size() < kMaxListedDamagedNodes) damagedNodeSectors.push_back(static_cast<uint64_t>(sector));
+  }
+  // Marks a file record that is a link (hard, folder or symbolic).
+  static void noteLink(HDIR& entry, const HFSPlusCatalogFile_& file);
+  // Gives file hard links their file's forks and folder links their folder's
+  // size, once the tree is whole.
+  void resolveLinks();
 
  protected:
   // A drive found gone ends the scan at once.
@@ -335,6 +354,9 @@ class Volume : public DMedia {
   void provideMissingParents(const std::vector<HDIR::ChildArray*>& waiting, HDIR::ChildArray& into, bool count,
                              bool fromAdvScanFolders);
 
+  // Where the node whose records are being read was found.
+  EntryOrigin fragmentOrigin_ = EntryOrigin::Catalog;
+  bool inJournal(uint64_t sector) const;
   std::shared_ptr<AttributesTree> scanAttributes_;
   std::chrono::steady_clock::time_point scanStart_{};
   uint64_t scanRecordsSeen_ = 0;

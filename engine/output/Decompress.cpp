@@ -56,7 +56,7 @@ DecompressResult decompressEntry(const ForkSource& source, const HDIR& entry,
                                  const std::function<bool()>& abort, uint64_t maxBytes) {
   DecompressResult result;
   const std::vector<uint8_t> attribute =
-      source.compressionAttribute ? source.compressionAttribute(entry.fileID) : std::vector<uint8_t>{};
+      source.compressionAttribute ? source.compressionAttribute(contentID(entry)) : std::vector<uint8_t>{};
   if (attribute.empty()) {
     result.problem = "its compression attribute could not be read";
     return result;

@@ -12,6 +12,7 @@
 
 #include "base/Endian.h"
 #include "output/AppleDouble.h"
+#include "tree/Links.h"
 
 namespace ambrel {
 
@@ -69,7 +70,8 @@ uint32_t markedFilesBelow(const HDIR& folder) {
 // Creates the entry under the first free numbered name. Nothing that exists
 // is opened or replaced: folders by mkdirat, files with O_EXCL (which also
 // refuses a symbolic link in the way).
-std::optional<Saver::Walk::Created> Saver::Walk::create(int dirFd, Names& names, const HDIR& entry, Kind kind) {
+std::optional<Saver::Walk::Created> Saver::Walk::create(int dirFd, Names& names, const HDIR& entry, Kind kind,
+                                                        const std::string& linkTarget) {
   const size_t limit = kind == Kind::FileWithSidecar ? names.maxBytes - 2 : names.maxBytes;
   bool changed = false;
   const std::string base = safeName(madeName(entry.fileName(), canSaveSlashes), limit, &changed);
@@ -83,6 +85,12 @@ std::optional<Saver::Walk::Created> Saver::Walk::create(int dirFd, Names& names,
       if (::mkdirat(dirFd, c.name.c_str(), 0777) != 0) {
         if (errno == EEXIST) continue;
         return failedCreate(entry, c.name);
+      }
+    } else if (kind == Kind::Symlink) {
+      // The caller decides whether a refusal means writing a file instead.
+      if (::symlinkat(linkTarget.c_str(), dirFd, c.name.c_str()) != 0) {
+        if (errno == EEXIST) continue;
+        return std::nullopt;
       }
     } else {
       c.data = Fd(::openat(dirFd, c.name.c_str(), flags, fileModeFor(entry)));
@@ -157,11 +165,11 @@ std::optional<std::string> Saver::Walk::keepIncomplete(int dirFd, Names& names, 
 void Saver::Walk::saveChildren(Frame& f) {
   Names names;
   names.maxBytes = nameMax(f.fd.get());
-  const auto& children = f.dir->children();
+  const auto& children = f.contents->children();
   for (size_t i = 0; i < children.size(); ++i) {
     if (saver.aborting()) return;
     const HDIR& c = *children[i];
-    if (c.selected() != 1) continue;
+    if (!f.all && c.selected() != 1) continue;
     if (c.fileType == kHDIRFolder) {
       auto made = create(f.fd.get(), names, c, Kind::Folder);
       if (!made) {
@@ -169,7 +177,16 @@ void Saver::Walk::saveChildren(Frame& f) {
         continue;
       }
       ++saver.result_.foldersCreated;
-      if (!c.children().empty()) f.subfolders.emplace_back(i, std::move(made->name));
+      if (linkRefused(f, c)) {
+        ++saver.result_.linkLoops;
+        saver.problem(fmt::format("{} is a folder link that leads back into a folder above it; it was left empty",
+                                  listedPath(c)));
+        continue;
+      }
+      if (!contentsOf(c).children().empty()) f.subfolders.emplace_back(i, std::move(made->name));
+    } else if (c.fileType == kHDIRFile && c.linkKind == LinkKind::Symlink) {
+      ++saver.result_.saveCount;
+      saveSymlink(f, names, c);
     } else if (c.fileType == kHDIRFile) {
       ++saver.result_.saveCount;
       // Counted but not created: a file with no bytes in either fork.
@@ -180,6 +197,43 @@ void Saver::Walk::saveChildren(Frame& f) {
       saveFile(f, names, c);
     }
   }
+}
+
+bool Saver::Walk::linkRefused(const Frame& f, const HDIR& link) const {
+  const HDIR* target = linkedFolder(link);
+  if (!target) return false;
+  if (f.linkDepth + 1 > kMaxLinkDepth) return true;
+  for (const Frame& open : frames)
+    if (open.contents == target) return true;
+  return false;
+}
+
+// A link to wherever its target points, never followed. A destination that
+// cannot hold links gets a small file holding the target instead.
+void Saver::Walk::saveSymlink(Frame& f, Names& names, const HDIR& c) {
+  constexpr size_t kMaxTarget = 4095;
+  std::string target;
+  const bool usable = c.compressionType == 0 && c.dataSize > 0 && c.dataSize <= kMaxTarget &&
+                      saver.readSmallFork(c, kMaxTarget, target) && target.find('\0') == std::string::npos;
+  if (usable) {
+    if (auto made = create(f.fd.get(), names, c, Kind::Symlink, target)) {
+      ++saver.result_.filesWritten;
+      ++saver.result_.symlinksCreated;
+      saved(f, c, made->name, true, true);
+      return;
+    }
+    if (errno != EPERM && errno != EOPNOTSUPP && errno != ENOSYS) {
+      failedCreate(c, madeName(c.fileName(), canSaveSlashes));
+      ++saver.result_.filesNotSaved;
+      return;
+    }
+  }
+  ++saver.result_.symlinksAsFiles;
+  if (c.dataSize == 0 && c.rscSize == 0) {
+    ++saver.result_.emptyFiles;
+    return;
+  }
+  saveFile(f, names, c);
 }
 
 void Saver::Walk::saveFile(Frame& f, Names& names, const HDIR& c) {
@@ -270,6 +324,7 @@ void Saver::Walk::saveFile(Frame& f, Names& names, const HDIR& c) {
   const bool cutShort = !aborted && ((!compressed && data.written < c.dataSize) || rsrc.written < c.rscSize);
   if (!aborted && unreadable == 0 && !noGeometry && !badCompressed && !cutShort) {
     ++result.filesWritten;
+    saved(f, c, made->name, true, false);
     if (c.confidence != Confidence::Sure) {
       ++result.uncertain;
       if (result.uncertainFiles.size() < kMaxListedProblems)
@@ -298,6 +353,7 @@ void Saver::Walk::saveFile(Frame& f, Names& names, const HDIR& c) {
   }
   if (auto kept = keepIncomplete(dir, names, made->name, hasRsrc)) {
     ++result.filesIncomplete;
+    saved(f, c, *kept, false, false);
     saver.problem(fmt::format("{}; saved as \"{}\"", what, *kept));
   } else {
     ++result.filesNotSaved;
@@ -306,7 +362,12 @@ void Saver::Walk::saveFile(Frame& f, Names& names, const HDIR& c) {
   }
 }
 
-void Saver::Walk::push(const HDIR* dir, Fd fd) {
+void Saver::Walk::saved(const Frame& f, const HDIR& c, const std::string& name, bool whole, bool symlink) {
+  if (!saver.options_.onSaved) return;
+  saver.options_.onSaved(SavedFile{c, f.fd.get(), name, f.savedPath + "/" + name, whole, symlink});
+}
+
+void Saver::Walk::push(const HDIR* dir, Fd fd, bool all, size_t linkDepth, std::string savedPath) {
   struct stat st {};
   if (::fstat(fd.get(), &st) != 0) {
     const int err = errno;
@@ -317,6 +378,10 @@ void Saver::Walk::push(const HDIR* dir, Fd fd) {
   }
   Frame f;
   f.dir = dir;
+  f.contents = &contentsOf(*dir);
+  f.all = all || f.contents != dir;
+  f.linkDepth = linkDepth + (f.contents != dir ? 1 : 0);
+  f.savedPath = std::move(savedPath);
   f.fd = std::move(fd);
   f.dev = st.st_dev;
   f.ino = st.st_ino;
@@ -343,7 +408,7 @@ void Saver::Walk::pop() {
   saver.problem(fmt::format("the folder written for {} was moved during the save; the rest of it was skipped",
                             listedPath(*parent.dir)));
   for (size_t i = parent.nextSub; i < parent.subfolders.size(); ++i)
-    folderLost(*parent.dir->childAtIndex(parent.subfolders[i].first), "their folder was moved away");
+    folderLost(*parent.contents->childAtIndex(parent.subfolders[i].first), "their folder was moved away");
 }
 
 void Saver::Walk::run(const std::string& destination) {
@@ -370,7 +435,7 @@ void Saver::Walk::run(const std::string& destination) {
     folderLost(root, "their folder could not be opened");
     return;
   }
-  push(&root, std::move(rootFd));
+  push(&root, std::move(rootFd), false, 0, made->name);
   while (!frames.empty() && !saver.aborting()) {
     Frame& f = frames.back();
     if (f.lost) {
@@ -387,14 +452,14 @@ void Saver::Walk::run(const std::string& destination) {
       continue;
     }
     const auto& [index, name] = f.subfolders[f.nextSub++];
-    const HDIR* child = f.dir->childAtIndex(index);
+    const HDIR* child = f.contents->childAtIndex(index);
     Fd childFd(::openat(f.fd.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (childFd.get() < 0) {
       failedCreate(*child, name);
       folderLost(*child, "their folder could not be opened");
       continue;
     }
-    push(child, std::move(childFd));
+    push(child, std::move(childFd), f.all, f.linkDepth, f.savedPath + "/" + name);
   }
   frames.clear();
 }

@@ -49,6 +49,10 @@ struct Saver::Walk {
   // back), and the subfolders to enter once its own children are written.
   struct Frame {
     const HDIR* dir = nullptr;
+    const HDIR* contents = nullptr;  // whose children are written: dir, or the folder a link shows
+    bool all = false;                // below a folder link: everything is saved, marked or not
+    size_t linkDepth = 0;
+    std::string savedPath;  // below the destination
     Fd fd;
     dev_t dev = 0;
     ino_t ino = 0;
@@ -65,7 +69,7 @@ struct Saver::Walk {
     size_t maxBytes = kDefaultNameMax;
   };
 
-  enum class Kind { Folder, File, FileWithSidecar };
+  enum class Kind { Folder, File, FileWithSidecar, Symlink };
   struct Created {
     std::string name;
     Fd data, sidecar;
@@ -78,10 +82,14 @@ struct Saver::Walk {
   void run(const std::string& destination);
 
  private:
-  std::optional<Created> create(int dirFd, Names& names, const HDIR& entry, Kind kind);
+  std::optional<Created> create(int dirFd, Names& names, const HDIR& entry, Kind kind,
+                                const std::string& linkTarget = {});
   std::optional<Created> failedCreate(const HDIR& entry, const std::string& name);
   void saveChildren(Frame& f);
   void saveFile(Frame& f, Names& names, const HDIR& c);
+  void saveSymlink(Frame& f, Names& names, const HDIR& c);
+  // A folder link that would lead back into a folder being written, or too deep.
+  bool linkRefused(const Frame& f, const HDIR& link) const;
   // Removes what was written of a file that cannot be kept.
   void discard(int dirFd, const std::string& name, bool sidecar);
   // Moves a file that is not whole to a name that says so; its new name, or
@@ -89,7 +97,8 @@ struct Saver::Walk {
   std::optional<std::string> keepIncomplete(int dirFd, Names& names, const std::string& name, bool sidecar);
   // A folder that could not be made or entered: its marked files are lost.
   void folderLost(const HDIR& folder, const std::string& why);
-  void push(const HDIR* dir, Fd fd);
+  void push(const HDIR* dir, Fd fd, bool all, size_t linkDepth, std::string savedPath);
+  void saved(const Frame& f, const HDIR& c, const std::string& name, bool whole, bool symlink);
   void pop();
 };
 

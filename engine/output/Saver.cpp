@@ -1,6 +1,7 @@
 #include "output/Saver.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/statvfs.h>
@@ -177,6 +178,18 @@ void Saver::reportWrite(uint64_t bytes) {
   controller_->updateTreeProgress(ProgressReport{{progress::kSavedData, total},
                                                  {progress::kBarIncrement, bytes},
                                                  {progress::kProgressStatus, kSavingStatus}});
+}
+
+bool Saver::readSmallFork(const HDIR& entry, size_t max, std::string& out) {
+  if (entry.dataSize == 0 || entry.dataSize > max) return false;
+  Fd fd(::memfd_create("ambrel-fork", MFD_CLOEXEC));
+  if (fd.get() < 0) return false;
+  ForkCopy copy;
+  if (copyFork(entry, entry.dataExt, entry.dataSize, fd.get(), copy) != Copy::Done || copy.noGeometry ||
+      copy.sectorsUnreadable != 0 || copy.written != entry.dataSize)
+    return false;
+  out.resize(static_cast<size_t>(copy.written));
+  return ::pread(fd.get(), out.data(), out.size(), 0) == static_cast<ssize_t>(out.size());
 }
 
 void Saver::readPiece(uint64_t sector, uint64_t count, uint8_t* buffer, ForkCopy& out) {

@@ -87,6 +87,11 @@ struct SaveResult {
   uint64_t unreadableSectors = 0;
   uint32_t renamed = 0;      // names made safe or numbered to avoid a collision
   uint32_t damagedCompressed = 0;  // compressed files with parts that could not be decoded
+  // Symbolic links made as links (counted in filesWritten too), and those
+  // the destination refused, written as small files holding their target.
+  uint32_t symlinksCreated = 0, symlinksAsFiles = 0;
+  // Folder links not followed: their folder was already open above them.
+  uint32_t linkLoops = 0;
   // Files saved whose content may be wrong: the scan listed them with a
   // confidence other than sure (assumed block size, reused blocks, missing extents).
   uint32_t uncertain = 0;
@@ -103,6 +108,18 @@ struct SaveResult {
   }
 };
 
+// One file the save kept, as a report hears of it: the folder it is in (open
+// while the call lasts), its name there, its path below the destination, and
+// whether it is whole or kept marked incomplete.
+struct SavedFile {
+  const HDIR& entry;
+  int dirFd;
+  const std::string& name;
+  std::string path;
+  bool whole;
+  bool symlink;
+};
+
 class Saver {
  public:
   struct Options {
@@ -110,6 +127,8 @@ class Saver {
     std::optional<bool> canSaveSlashes;
     // Ask the controller the final "Saving Completed" / "Saving Aborted" alert.
     bool finalAlert = true;
+    // Hears of every file kept (a report).
+    std::function<void(const SavedFile&)> onSaved;
   };
 
   Saver(const HDIR& root, ForkSource source, AppControllerInterface* controller);
@@ -154,6 +173,9 @@ class Saver {
                       std::string& why);
   // `count` sectors into `buffer`; a failed read is tried again sector by
   // sector, the sectors that still fail left as zeros.
+  // A small fork (at most `max` bytes) into memory; false when it is larger,
+  // unreadable in part, or cannot be copied.
+  bool readSmallFork(const HDIR& entry, size_t max, std::string& out);
   void readPiece(uint64_t sector, uint64_t count, uint8_t* buffer, ForkCopy& out);
   bool writeAll(int fd, const uint8_t* data, size_t size);
   void reportWrite(uint64_t bytes);

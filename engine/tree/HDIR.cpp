@@ -120,6 +120,16 @@ const char* confidenceText(Confidence c) {
   return "sure";
 }
 
+const char* originText(EntryOrigin o) {
+  switch (o) {
+    case EntryOrigin::Catalog: return "catalog";
+    case EntryOrigin::Journal: return "journal";
+    case EntryOrigin::FreeSpace: return "free space";
+    case EntryOrigin::Carving: return "carving";
+  }
+  return "catalog";
+}
+
 std::unique_ptr<HDIR> HDIR::mutableCopy() const {
   auto copyFields = [](const HDIR& from, HDIR& to) {
     to.btreeHDIR = from.btreeHDIR;
@@ -140,6 +150,9 @@ std::unique_ptr<HDIR> HDIR::mutableCopy() const {
     to.fileMode = from.fileMode;
     to.compressionType = from.compressionType;
     to.compressedSize = from.compressedSize;
+    to.linkKind = from.linkKind;
+    to.linkID = from.linkID;
+    to.origin = from.origin;
     to.confidence = from.confidence;
     to.selected_ = from.selected_;
     to.childrenCount_ = from.childrenCount_;

@@ -38,6 +38,14 @@ namespace ambrel {
 inline constexpr uint16_t kHDIRFolder = 1;
 inline constexpr uint16_t kHDIRFile = 2;
 
+enum class LinkKind : uint8_t { None = 0, File, Folder, Symlink };
+
+// Where an entry's record was found: the live catalog, an old copy of a
+// catalog node in the journal or in free space, or a signature search.
+enum class EntryOrigin : uint8_t { Catalog = 0, Journal, FreeSpace, Carving };
+// "catalog", "journal", "free space", "carving".
+const char* originText(EntryOrigin o);
+
 // How far a recovered file's content can be trusted. Anything but Sure is
 // shown in the listing and counted when saving.
 enum class Confidence : uint8_t {
@@ -80,6 +88,12 @@ class HDIR {
   // 0, as the file has no resource fork of its own.
   uint32_t compressionType = 0;
   uint64_t compressedSize = 0;
+  // A link: for a file hard link the ID of the file whose content it shares
+  // (resolved by the scan into its own forks), for a folder link the folder
+  // it shows (never copied: walks look it up by linkID in btreeHDIR).
+  LinkKind linkKind = LinkKind::None;
+  uint32_t linkID = 0;
+  EntryOrigin origin = EntryOrigin::Catalog;
   Confidence confidence = Confidence::Sure;
   HDIR* parent = nullptr;                       // not owned
   BTreeTableClass* btreeHDIR = nullptr;         // not owned
@@ -204,6 +218,9 @@ std::string listedPath(const HDIR& entry);
 // into the entry's children. The top's pathName is pathNameOf(top).
 template <class Entry, class Visit>
 void forEachWithPath(Entry& top, Visit visit);
+
+// The file whose attributes hold an entry's content: a hard link's own are not it.
+inline uint32_t contentID(const HDIR& e) { return e.linkKind == LinkKind::File ? e.linkID : e.fileID; }
 
 // The entry under `id` in a table, or nullptr when absent or removed since.
 inline HDIR* findDir(BTreeTableClass* table, uint32_t id) {

@@ -105,6 +105,9 @@ EntrySpec entryOf(const json& j, const std::filesystem::path& base) {
     }
   }
   e.compressed = j.value("compressed", false);
+  e.hardLinkTo = j.value("hardLinkTo", std::string());
+  e.folderLinkTo = j.value("folderLinkTo", std::string());
+  if (j.contains("symlinkTo")) e.symlinkTo = j["symlinkTo"].get<std::string>();
   return e;
 }
 

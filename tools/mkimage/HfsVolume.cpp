@@ -141,6 +141,7 @@ void VolumeBuilder::Impl::collectItems() {
   }
   for (const auto& e : spec.root) addSpecEntry(e, 0, false);
   if (spec.generate) generate(*spec.generate);
+  makeLinks();
 }
 
 void VolumeBuilder::Impl::sortRecords(std::vector<CatRec>& recs) {
@@ -196,7 +197,7 @@ size_t VolumeBuilder::Impl::writeRecord(const CatRec& r, uint8_t* p) const {
   const size_t size = it.folder ? sizeof(HFSPlusCatalogFolder_) : sizeof(F);
   std::memset(d, 0, size);
   storeBE16(d + offsetof(F, recordType), it.folder ? kHFSPlusFolderRecord : kHFSPlusFileRecord);
-  storeBE16(d + offsetof(F, flags), it.folder ? 0 : kFileThreadExists);
+  storeBE16(d + offsetof(F, flags), static_cast<uint16_t>((it.folder ? 0 : kFileThreadExists) | it.flags));
   if (it.folder) storeBE32(d + offsetof(HFSPlusCatalogFolder_, valence), it.valence);
   storeBE32(d + offsetof(F, fileID), it.cnid);
   storeBE32(d + offsetof(F, createDate), it.created);
@@ -208,11 +209,12 @@ size_t VolumeBuilder::Impl::writeRecord(const CatRec& r, uint8_t* p) const {
   storeBE32(bsd + offsetof(HFSPlusBSDInfo_, groupID), it.gid);
   bsd[offsetof(HFSPlusBSDInfo_, ownerFlags)] = it.ownerFlags;
   uint16_t mode = it.mode ? it.mode : (it.folder ? 0755 : 0644);
-  storeBE16(bsd + offsetof(HFSPlusBSDInfo_, fileMode), static_cast<uint16_t>((it.folder ? 0040000 : 0100000) | (mode & 07777)));
+  const uint16_t modeType = it.modeType ? it.modeType : (it.folder ? 0040000 : 0100000);
+  storeBE16(bsd + offsetof(HFSPlusBSDInfo_, fileMode), static_cast<uint16_t>(modeType | (mode & 07777)));
   uint8_t* info = d + offsetof(F, userInfo);
   storeBE16(info + offsetof(FileInfo_, finderFlags), it.finderFlags);
   if (!it.folder) {
-    storeBE32(bsd + offsetof(HFSPlusBSDInfo_, special), 1);  // link count
+    storeBE32(bsd + offsetof(HFSPlusBSDInfo_, special), it.special);
     std::memcpy(info + offsetof(FileInfo_, fileType), it.type, 4);
     std::memcpy(info + offsetof(FileInfo_, fileCreator), it.creator, 4);
     if (renderingOld && it.hasPrevious)

@@ -251,7 +251,8 @@ VolumeLayout VolumeBuilder::Impl::write(ImageFile& img, uint64_t startSector, ui
     if (it.folder) continue;
     if (spec.journal && (&it == &items[jibItem] || &it == &items[journalItem])) continue;
     if (it.sparse) continue;
-    writeFork(it.dataExt, it.dataSize, it.genData, it.dataSeed, it.spec && it.spec->data ? &*it.spec->data : nullptr);
+    const std::vector<uint8_t>* given = !it.ownData.empty() ? &it.ownData : it.spec && it.spec->data ? &*it.spec->data : nullptr;
+    writeFork(it.dataExt, it.dataSize, it.genData, it.dataSeed, given);
     writeFork(it.rsrcExt, it.rsrcSize, it.genRsrc, it.rsrcSeed, it.spec && it.spec->rsrc ? &*it.spec->rsrc : nullptr);
   }
   for (const auto& it : items)

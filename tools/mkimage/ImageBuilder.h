@@ -59,6 +59,15 @@ struct EntrySpec {
   std::vector<XattrSpec> xattrs;
   bool compressed = false;
 
+  // Links (live files only, no forks of their own). hardLinkTo: a hard link
+  // to the file at this path of the volume ("Docs/a.txt"); that file and
+  // every link to it become indirect records and its content an iNode file of
+  // the private metadata folder. folderLinkTo: a link to the folder at this
+  // path, which moves into the private directory folder as "dir_<ID>".
+  // symlinkTo: a symbolic link whose data fork is this target.
+  std::string hardLinkTo, folderLinkTo;
+  std::optional<std::string> symlinkTo;
+
   // Present in the journal's old catalog node copies (and old-node copies in
   // free space) but not in the live catalog; its blocks are free but still
   // hold its data. A deleted folder's whole subtree is deleted.

@@ -100,7 +100,8 @@ std::string utf16ToUtf8(const std::u16string& s) {
 std::u16string foldCase(const std::u16string& s) {
   std::u16string out(s);
   for (auto& c : out) {
-    if (c >= u'A' && c <= u'Z') c = static_cast<char16_t>(c + 0x20);
+    if (c == 0) c = 0xFFFF;  // HFS+ sorts the null character last
+    else if (c >= u'A' && c <= u'Z') c = static_cast<char16_t>(c + 0x20);
     else if (c >= 0xC0 && c <= 0xDE && c != 0xD7) c = static_cast<char16_t>(c + 0x20);
     else if (c >= 0x391 && c <= 0x3A9 && c != 0x3A2) c = static_cast<char16_t>(c + 0x20);
     else if (c >= 0x410 && c <= 0x42F) c = static_cast<char16_t>(c + 0x20);

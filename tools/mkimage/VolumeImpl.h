@@ -48,6 +48,10 @@ struct Item {
   uint32_t uid = 501, gid = 20;
   uint8_t ownerFlags = 0;
   uint8_t type[4] = {0, 0, 0, 0}, creator[4] = {0, 0, 0, 0};
+  uint32_t special = 1;     // files: link count, or the ID a link record points at
+  uint16_t modeType = 0;    // file type bits of the mode; 0: folder or regular file
+  uint16_t flags = 0;       // extra catalog record flags
+  std::vector<uint8_t> ownData;  // data fork bytes made by the builder (a link's target)
   std::vector<ExtentLayout> dataExt, rsrcExt;
   std::optional<HfsDate> accessed;
   // An earlier version of the data fork, described by the old node copies.
@@ -130,6 +134,9 @@ struct VolumeBuilder::Impl {
   void addSpecEntry(const EntrySpec& e, int32_t parentIndex, bool parentDeleted);
   void generate(const GenerateSpec& g);
   void collectItems();
+  // Turns hard link, folder link and symbolic link entries into their records.
+  void makeLinks();
+  int32_t privateFolder(const std::u16string& name, int32_t& cache);
 
   // ---- catalog records ----
   uint32_t keyParent(const CatRec& r) const { return r.thread ? items[r.item].cnid : items[r.item].parent; }

@@ -1,0 +1,180 @@
+// Hard links, folder links and symbolic links of built volumes: scanned,
+// listed through their targets and saved, checked against the builder's
+// layout and The Sleuth Kit.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include "output/OutputHelpers.h"
+#include "tree/Links.h"
+
+using namespace ambrel;
+using namespace ambrel::test;
+namespace fs = std::filesystem;
+
+namespace {
+
+mk::EntrySpec textFile(const std::string& name, const std::string& text) {
+  mk::EntrySpec e;
+  e.name = name;
+  e.data = std::vector<uint8_t>(text.begin(), text.end());
+  return e;
+}
+
+mk::EntrySpec linkSpec(const std::string& name, const std::string& hard, const std::string& folder) {
+  mk::EntrySpec e;
+  e.name = name;
+  e.hardLinkTo = hard;
+  e.folderLinkTo = folder;
+  return e;
+}
+
+mk::EntrySpec symlinkSpec(const std::string& name, const std::string& target) {
+  mk::EntrySpec e;
+  e.name = name;
+  e.symlinkTo = target;
+  return e;
+}
+
+// Two snapshots of a backup drive: the second shares the first's unchanged
+// folder through a folder link and its unchanged file through a hard link.
+mk::VolumeSpec backupVolume() {
+  mk::VolumeSpec v;
+  v.name = "Backups";
+  v.root = {folderSpec("2024-01-01", {folderSpec("Photos", {fileSpec("a.jpg", 30000, 0, 3), fileSpec("b.jpg", 9000)}),
+                                      textFile("notes.txt", "first notes\n")}),
+            folderSpec("2024-02-01", {linkSpec("Photos", "", "2024-01-01/Photos"),
+                                      linkSpec("notes.txt", "2024-01-01/notes.txt", "")}),
+            symlinkSpec("latest", "2024-02-01"), symlinkSpec("outside", "/etc/passwd")};
+  return v;
+}
+
+SaveResult saveAll(Volume& v, const fs::path& to) {
+  fs::create_directories(to);
+  markAll(v);
+  Saver::Options options;
+  options.finalAlert = false;
+  return Saver(*v.dirRoot, saveSourceOf(v), nullptr, options).saveFilesAndFolders(to.string());
+}
+
+}  // namespace
+
+TEST(Links, SnapshotsSavedWholeThroughFolderAndFileLinks) {
+  TempDir dir;
+  const BuiltVolume b = buildAndScan(dir, backupVolume());
+  Volume& v = *b.scan.volume;
+  EXPECT_EQ(v.fileLinks, 2u);    // both names of notes.txt are links now
+  EXPECT_EQ(v.folderLinks, 2u);  // so are both of Photos
+  EXPECT_EQ(v.symlinks, 2u);
+  EXPECT_EQ(v.linksUnresolved, 0u);
+
+  const SaveResult r = saveAll(v, dir / "out");
+  EXPECT_FALSE(r.anyFailure());
+  EXPECT_EQ(r.symlinksCreated, 2u);
+  const auto& vol = b.vol();
+  // The linked file's content, wherever its names are.
+  const fs::path root = dir / "out/Root";
+  const std::vector<uint8_t> notesText = {'f', 'i', 'r', 's', 't', ' ', 'n', 'o', 't', 'e', 's', '\n'};
+  EXPECT_EQ(readFile(root / "2024-01-01/notes.txt"), notesText);
+  EXPECT_EQ(readFile(root / "2024-02-01/notes.txt"), notesText);
+  // Every file of the linked folder in both snapshots, byte for byte.
+  for (const char* name : {"a.jpg", "b.jpg"}) {
+    const mk::FileLayout* f = nullptr;
+    for (const auto& e : vol.entries)
+      if (e.name == name && !e.folder) f = &e;
+    ASSERT_NE(f, nullptr) << name;
+    const auto expected = mk::generatedBytes(f->dataSeed, f->dataSize);
+    EXPECT_EQ(readFile(root / "2024-01-01/Photos" / name), expected) << name;
+    EXPECT_EQ(readFile(root / "2024-02-01/Photos" / name), expected) << name;
+    if (haveIcat()) EXPECT_EQ(icat(b.image, 0, f->cnid), expected) << name;
+  }
+  // Symbolic links are links with their own target, which nothing followed.
+  for (const auto& [name, target] : {std::pair{"latest", "2024-02-01"}, std::pair{"outside", "/etc/passwd"}}) {
+    const fs::path p = root / name;
+    ASSERT_TRUE(fs::is_symlink(p)) << name;
+    EXPECT_EQ(fs::read_symlink(p).string(), target);
+  }
+}
+
+TEST(Links, FolderLinkLoopIsListedAndSavedOnce) {
+  TempDir dir;
+  mk::VolumeSpec spec;
+  spec.root = {folderSpec("A", {textFile("x.txt", "x"), linkSpec("back", "", "A")}),
+               folderSpec("B", {linkSpec("toA", "", "A")})};
+  const BuiltVolume b = buildAndScan(dir, spec);
+  Volume& v = *b.scan.volume;
+  ASSERT_EQ(v.linksUnresolved, 0u);
+
+  std::vector<std::string> listed;
+  size_t refused = 0;
+  forEachThroughLinks(
+      *v.dirRoot, [&](const HDIR& e, const std::string& p) { return listed.push_back(p + "/" + e.fileName()), true; },
+      [&](const HDIR&, const std::string&) { ++refused; });
+  // Each place that shows A lists it once; the link back inside it is not entered.
+  EXPECT_EQ(std::count(listed.begin(), listed.end(), "/Root/B/toA/x.txt"), 1);
+  EXPECT_EQ(std::count(listed.begin(), listed.end(), "/Root/A/x.txt"), 1);
+  EXPECT_EQ(std::count(listed.begin(), listed.end(), "/Root/A/back/x.txt"), 0);
+  EXPECT_GE(refused, 3u);  // A/back, B/toA/back, and the private folder's own copy
+
+  const SaveResult r = saveAll(v, dir / "out");
+  EXPECT_GE(r.linkLoops, 3u);
+  const fs::path root = dir / "out/Root";
+  EXPECT_EQ(readFile(root / "B/toA/x.txt"), std::vector<uint8_t>{'x'});
+  EXPECT_TRUE(fs::is_directory(root / "A/back"));
+  EXPECT_TRUE(fs::is_empty(root / "A/back"));
+}
+
+TEST(Links, FileNamedLikeASavedSymlinkIsNotWrittenThroughIt) {
+  // "x/y" is saved as "x:y": the file really named "x:y" then meets the link
+  // and must take another name rather than write where the link points.
+  TempDir dir;
+  mk::VolumeSpec spec;
+  spec.root = {symlinkSpec("x/y", "../../victim"), textFile("x:y", "data")};
+  const BuiltVolume b = buildAndScan(dir, spec);
+  {
+    std::FILE* f = std::fopen((dir / "victim").c_str(), "w");
+    ASSERT_NE(f, nullptr);
+    std::fputs("keep", f);
+    std::fclose(f);
+  }
+  Saver::Options options;
+  options.finalAlert = false;
+  options.canSaveSlashes = true;
+  markAll(*b.scan.volume);
+  fs::create_directories(dir / "out");
+  const SaveResult r = Saver(*b.scan.volume->dirRoot, saveSourceOf(*b.scan.volume), nullptr, options)
+                           .saveFilesAndFolders((dir / "out").string());
+  EXPECT_EQ(r.filesWritten, 2u);
+  EXPECT_EQ(readFile(dir / "victim"), (std::vector<uint8_t>{'k', 'e', 'e', 'p'}));
+  ASSERT_TRUE(fs::is_symlink(dir / "out/Root/x:y"));
+  EXPECT_EQ(fs::read_symlink(dir / "out/Root/x:y").string(), "../../victim");
+  size_t holdingData = 0;
+  for (const auto& e : fs::directory_iterator(dir / "out/Root"))
+    if (!e.is_symlink() && e.is_regular_file() && readFile(e.path()) == std::vector<uint8_t>{'d', 'a', 't', 'a'})
+      ++holdingData;
+  EXPECT_EQ(holdingData, 1u);
+}
+
+TEST(Links, MacVolumeHardLinksAndSymlinkMatchTheSleuthKit) {
+  const auto data = sharedTestData();
+  if (data.empty()) GTEST_SKIP() << "shared test data not present";
+  if (!haveIcat() || !haveTool("xz")) GTEST_SKIP() << "icat or xz missing";
+  TempDir dir;
+  const std::string image = (dir / "small.img").string();
+  ASSERT_EQ(runCommand("xz -dc '" + (data / "hfs_images/hfsplus-rs/hfsp-small.img.xz").string() + "' > '" + image + "'"),
+            0);
+  auto scanned = scan(image, 0, fs::file_size(image) / 512, "Normal Scan");
+  Volume& v = *scanned.volume;
+  EXPECT_EQ(v.fileLinks, 2u);
+  EXPECT_EQ(v.symlinks, 1u);
+  EXPECT_EQ(v.linksUnresolved, 0u);
+  const SaveResult r = saveAll(v, dir / "out");
+  EXPECT_FALSE(r.anyFailure());
+  // fls names both links inode 29, the iNode file; the symlink is inode 24.
+  const auto inode29 = icat(image, 0, 29);
+  ASSERT_FALSE(inode29.empty());
+  EXPECT_EQ(readFile(dir / "out/Root/files/link1"), inode29);
+  EXPECT_EQ(readFile(dir / "out/Root/files/link2"), inode29);
+  const auto target = icat(image, 0, 24);
+  ASSERT_TRUE(fs::is_symlink(dir / "out/Root/files/third"));
+  EXPECT_EQ(fs::read_symlink(dir / "out/Root/files/third").string(), std::string(target.begin(), target.end()));
+}
