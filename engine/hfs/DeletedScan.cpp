@@ -122,10 +122,18 @@ void Volume::findDeletedFilesInJournal() {
   } else if (!initializeVIB()) {
     blockSize = 0;
   }
-  // A failed check leaves catNodeSize 0: nothing is then taken for a node.
   catNodeSize = 0;
-  checkCatalogAndExtentsFile();
+  const bool catalogHeader = checkCatalogAndExtentsFile();
   getJournalSizeAndStart();
+  // A damaged catalog header leaves the node size unknown, and with it every
+  // node copy in the journal. The catalog's own leaves, else the copies
+  // themselves, show how large a node is; nothing is assumed, so a volume
+  // that shows no sound leaf still finds nothing.
+  if (!catalogHeader && blockSize > 0) {
+    getCatalogExtFromVIB();
+    firstLeafNode = 0;
+    if (!inferCatalogNodeSize()) inferNodeSizeFromJournal();
+  }
   startPreventingSleep();
   collectLiveFiles();
   searchCatFragsForDeletedFiles();
@@ -353,6 +361,18 @@ RecordCheck Volume::placeDeletedFile(uint32_t parentID, const std::string& name,
 // The live catalog's files with their extents: a journal record of a live
 // file, same blocks, is that file; any other whose blocks are in use again
 // may no longer hold its bytes.
+void Volume::inferNodeSizeFromJournal() {
+  catNodeSize = 0;
+  if (journalSize < kSectorSize) return;
+  const uint64_t first = HPlusVolStart + journalStart / kSectorSize;
+  std::vector<LeafEnd> ends;
+  scanLeafEnds(first, first + journalSize / kSectorSize, 0, ends, nullptr);
+  std::vector<uint8_t> masks;
+  masks.reserve(ends.size());
+  for (const LeafEnd& e : ends) masks.push_back(e.sizes);
+  catNodeSize = nodeSizeByVote(masks);
+}
+
 void Volume::collectLiveFiles() {
   filesMet_.clear();
   if (catNodeSize <= 0 || firstLeafNode == 0) return;
