@@ -16,6 +16,7 @@
 #include "hfs/CatalogRecords.h"
 #include "hfs/Geometry.h"
 #include "hfs/Volume.h"
+#include "media/ReadAhead.h"
 
 namespace ambrel {
 
@@ -121,10 +122,18 @@ void Volume::findDeletedFilesInJournal() {
   } else if (!initializeVIB()) {
     blockSize = 0;
   }
-  // A failed check leaves catNodeSize 0: nothing is then taken for a node.
   catNodeSize = 0;
-  checkCatalogAndExtentsFile();
+  const bool catalogHeader = checkCatalogAndExtentsFile();
   getJournalSizeAndStart();
+  // A damaged catalog header leaves the node size unknown, and with it every
+  // node copy in the journal. The catalog's own leaves, else the copies
+  // themselves, show how large a node is; nothing is assumed, so a volume
+  // that shows no sound leaf still finds nothing.
+  if (!catalogHeader && blockSize > 0) {
+    getCatalogExtFromVIB();
+    firstLeafNode = 0;
+    if (!inferCatalogNodeSize()) inferNodeSizeFromJournal();
+  }
   startPreventingSleep();
   collectLiveFiles();
   searchCatFragsForDeletedFiles();
@@ -164,31 +173,28 @@ void Volume::searchCatFragsForDeletedFiles() {
     processDeletedNode(head, nodeBytes, timeText);
   };
 
-  // Each batch follows the last nodeSectors - 1 sectors of the one before, so
-  // a node copy across two batches is whole in the buffer.
+  // Each batch comes with the last nodeSectors - 1 sectors of the one before
+  // in front of it, so a node copy across two batches is whole in the buffer.
+  // The next batch is read while this one is searched.
   const uint64_t carry = nodeSectors - 1;
-  // The batch itself starts on a page: the kernel copies into it fastest.
-  constexpr size_t kPage = 4096;
-  std::vector<uint8_t> space((carry + kJournalBatchSectors) * kSectorSize + 2 * kPage);
-  const uintptr_t batchAt = (reinterpret_cast<uintptr_t>(space.data()) + carry * kSectorSize + kPage - 1) & ~(kPage - 1);
-  uint8_t* const bufStart = reinterpret_cast<uint8_t*>(batchAt) - carry * kSectorSize;
+  SectorReadAhead ahead(
+      // A bad sector reads as zeros and costs only itself.
+      [this](uint64_t sector, uint64_t count, uint8_t* into) { readSectorsSalvaging(sector, count, into); }, first,
+      total, kJournalBatchSectors, carry);
   const auto start = std::chrono::steady_clock::now();
-  for (uint64_t done = 0; done < total && !stopTreeThread;) {
-    const uint64_t count = std::min(kJournalBatchSectors, total - done);
-    if (done > 0) std::memmove(bufStart, bufStart + kJournalBatchSectors * kSectorSize, carry * kSectorSize);
-    uint8_t* batch = bufStart + carry * kSectorSize;
-    // A bad sector reads as zeros and costs only itself.
-    readSectorsSalvaging(first + done, count, batch);
-    for (uint64_t s = 0; s < count; ++s) {
-      if (!looksLikeNodeEnd(batch + s * kSectorSize) || done + s + 1 < nodeSectors) continue;
+  SectorReadAhead::Batch batch;
+  while (!stopTreeThread && ahead.next(batch)) {
+    for (uint64_t s = 0; s < batch.count; ++s) {
+      const uint8_t* sector = batch.data + s * kSectorSize;
+      if (!looksLikeNodeEnd(sector) || batch.offset + s + 1 < nodeSectors) continue;
       if (stopTreeThread) break;
-      take(batch + (static_cast<int64_t>(s) - static_cast<int64_t>(carry)) * kSectorSize);
+      take(sector - carry * kSectorSize);
     }
-    done += count;
     if (stopTreeThread) break;
+    const uint64_t done = batch.offset + batch.count;
     // Once a batch: a report costs more than searching a few sectors.
     timeText = timeRemainingText(secondsSince(start), done, total);
-    report({{progress::kProgressStatus, status}, {progress::kBarIncrement, count}, {progress::kTimeRemaining, timeText}});
+    report({{progress::kProgressStatus, status}, {progress::kBarIncrement, batch.count}, {progress::kTimeRemaining, timeText}});
   }
 
   // The buffer is circular: a copy that runs past the journal's end goes on
@@ -355,6 +361,18 @@ RecordCheck Volume::placeDeletedFile(uint32_t parentID, const std::string& name,
 // The live catalog's files with their extents: a journal record of a live
 // file, same blocks, is that file; any other whose blocks are in use again
 // may no longer hold its bytes.
+void Volume::inferNodeSizeFromJournal() {
+  catNodeSize = 0;
+  if (journalSize < kSectorSize) return;
+  const uint64_t first = HPlusVolStart + journalStart / kSectorSize;
+  std::vector<LeafEnd> ends;
+  scanLeafEnds(first, first + journalSize / kSectorSize, 0, ends, nullptr);
+  std::vector<uint8_t> masks;
+  masks.reserve(ends.size());
+  for (const LeafEnd& e : ends) masks.push_back(e.sizes);
+  catNodeSize = nodeSizeByVote(masks);
+}
+
 void Volume::collectLiveFiles() {
   filesMet_.clear();
   if (catNodeSize <= 0 || firstLeafNode == 0) return;

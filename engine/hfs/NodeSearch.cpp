@@ -36,7 +36,9 @@ uint8_t sizeBit(int32_t sectors) {
 
 void Volume::scanLeafEnds(uint64_t from, uint64_t to, int32_t knownNodeSectors, std::vector<LeafEnd>& ends,
                           const std::function<void()>& perChunk) {
-  std::vector<uint8_t> batch(kBatchSectors * kSectorSize);
+  if (to <= from) return;
+  // No larger than the range: a small volume need not pay for a full batch.
+  std::vector<uint8_t> batch(std::min<uint64_t>(kBatchSectors, to - from) * kSectorSize);
   uint8_t first[kSectorSize];
   for (uint64_t batchStart = from; batchStart < to && !stopTreeThread; batchStart += kBatchSectors) {
     const uint64_t batchCount = std::min<uint64_t>(kBatchSectors, to - batchStart);

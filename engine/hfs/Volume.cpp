@@ -226,7 +226,9 @@ bool Volume::checkCatalogAndExtentsFile() {
     if (!isHeaderNode(desc)) return false;
     std::memcpy(&hdr, sector + sizeof desc, sizeof hdr);
     convertBTHdrRec(&hdr);
-    return true;
+    // A node size that no B-tree has would make every node read wrong; the
+    // scans then find the size from the nodes themselves.
+    return hdr.nodeSize >= 512 && hdr.nodeSize <= 32768 && (hdr.nodeSize & (hdr.nodeSize - 1)) == 0;
   };
 
   // Without its header node the extents B-tree is unknown: the catalog is

@@ -124,6 +124,8 @@ class Volume : public DMedia {
   // The catalog's node size from the leaf ends inside catalogExt, for a
   // catalog whose header node is gone; false when none is found.
   bool inferCatalogNodeSize();
+  // The node size most sound leaf copies in the journal agree with; 0 when none.
+  void inferNodeSizeFromJournal();
   void processCatFrags();
   // With no volume header left: the block size the file records of the nodes
   // found agree with (blockSizeSource FileRecords), else 4 KiB (Assumed).

@@ -185,6 +185,9 @@ TEST_F(SignatureJourney, WholeDriveSignatureSearchWithinARange) {
   ASSERT_GT(percentBefore, 0.0f);
   app->rawSliderNextClicked(0, percentBefore);
   ASSERT_TRUE(runUntil([this] { return page() == Page::Tree; }));
+  // The tree page shows before the worker lets go of its hold; a second scan
+  // started meanwhile would share that hold.
+  ASSERT_TRUE(settle());
   EXPECT_TRUE(carved().empty());
   EXPECT_EQ(ui.titles[Control::ButtonTreeBackToPartitions], "Back To Drives");
   app->treeBackToPartitionsClicked();

@@ -48,6 +48,28 @@ TEST(HugeVolumeSize, ScanCoversOnlyTheDrive) {
   EXPECT_EQ(idCounts(*s.volume->dirRoot).size(), live);
 }
 
+// A catalog header whose node size is 0, not a power of two or past the
+// largest node: the size is taken from the leaves, and the standard scan
+// still lists every live entry once.
+TEST(CatalogNodeSize, ZeroOrImpossibleIsTakenFromTheLeaves) {
+  for (const uint16_t bad : {uint16_t{0}, uint16_t{1000}, uint16_t{65535}}) {
+    SCOPED_TRACE(bad);
+    BuiltDrive d(bareDrive(generatedVolume(60, 3)));
+    const auto& header = d.volume().catalog.nodes.at(0);
+    ASSERT_EQ(header.kind, 1);
+    d.patch(header.sector * 512 + 14 + 18, {uint8_t(bad >> 8), uint8_t(bad)});
+    Scanned s(d.path, 0, d.sectors(), "Normal Scan");
+    EXPECT_FALSE(s.controller.guardStopped) << "the scan did not end by itself";
+    EXPECT_EQ(s.volume->catNodeSize, static_cast<int32_t>(d.volume().catalog.nodeSize / 512));
+    ASSERT_TRUE(s.volume->dirRoot);
+    size_t live = 0;
+    for (const auto& e : d.volume().entries) live += !e.deleted;
+    const auto counts = idCounts(*s.volume->dirRoot);
+    EXPECT_EQ(counts.size(), live);
+    for (const auto& [id, n] : counts) EXPECT_EQ(n, 1) << "catalog node ID " << id;
+  }
+}
+
 mk::DriveSpec gpt() {
   mk::DriveSpec d;
   d.table = mk::TableKind::GPT;

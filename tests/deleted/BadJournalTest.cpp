@@ -67,18 +67,55 @@ TEST(BadJournal, JournalSizesOfZeroAndTwoToTheSixtyThirdStayBounded) {
   EXPECT_FALSE(huge.volume->readErrors.any());
 }
 
-TEST(BadJournal, ACatalogNodeSizeOfZeroFindsNothing) {
-  auto b = journaledVolume();
-  const auto& nodes = b->layout.catalog.nodes;
-  ASSERT_FALSE(nodes.empty());
-  ASSERT_EQ(nodes[0].kind, 1);  // the header node
-  const uint8_t zero[2] = {0, 0};
-  patchBytes(b->image, nodes[0].sector * 512 + 14 + 18, zero, sizeof zero);
-  ScanResult r = findDeleted(b->image, 0, b->layout.sizeSectors);
-  EXPECT_EQ(r.volume->catNodeSize, 0);
-  EXPECT_GT(r.volume->journalSize, 0u);
-  EXPECT_EQ(r.volume->journalNodesFound, 0u);
-  EXPECT_TRUE(onlyTheRoot(r));
+// A catalog header whose node size reads 0: the size is taken from the
+// catalog's own leaves, else from the node copies in the journal; with
+// neither, nothing is taken for a node.
+TEST(BadJournal, ACatalogNodeSizeOfZeroIsTakenFromTheLeavesOrTheJournal) {
+  auto zeroNodeSize = [](const Built& b) {
+    const auto& nodes = b.layout.catalog.nodes;
+    ASSERT_FALSE(nodes.empty());
+    ASSERT_EQ(nodes[0].kind, 1);  // the header node
+    const uint8_t zero[2] = {0, 0};
+    patchBytes(b.image, nodes[0].sector * 512 + 14 + 18, zero, sizeof zero);
+  };
+  auto zeroCatalogFork = [](const Built& b) {
+    const std::vector<uint8_t> zeros(80, 0);
+    patchBytes(b.image, b.layout.HPlusVolStart * 512 + 1024 + 272, zeros.data(), zeros.size());
+  };
+  auto foundDeleted = [](const Built& b, const ScanResult& r) {
+    const mk::FileLayout* deleted = b.layout.find("deleted.txt");
+    return deleted && entriesByFileID(*r.volume->dirRoot).count(deleted->cnid) == 1;
+  };
+  {
+    SCOPED_TRACE("from the catalog's leaves");
+    auto b = journaledVolume();
+    zeroNodeSize(*b);
+    ScanResult r = findDeleted(b->image, 0, b->layout.sizeSectors);
+    EXPECT_EQ(r.volume->catNodeSize, static_cast<int32_t>(b->layout.catalog.nodeSize / 512));
+    EXPECT_TRUE(foundDeleted(*b, r));
+  }
+  {
+    SCOPED_TRACE("from the journal's node copies");
+    auto b = journaledVolume();
+    zeroNodeSize(*b);
+    zeroCatalogFork(*b);
+    ScanResult r = findDeleted(b->image, 0, b->layout.sizeSectors);
+    EXPECT_EQ(r.volume->catNodeSize, static_cast<int32_t>(b->layout.catalog.nodeSize / 512));
+    EXPECT_TRUE(foundDeleted(*b, r));
+  }
+  {
+    SCOPED_TRACE("no sound leaf anywhere");
+    auto b = journaledVolume();
+    zeroNodeSize(*b);
+    zeroCatalogFork(*b);
+    const std::vector<uint8_t> zeros(b->layout.catalog.nodeSize, 0);
+    for (uint64_t sector : b->layout.journalNodeCopySectors) patchBytes(b->image, sector * 512, zeros.data(), zeros.size());
+    ScanResult r = findDeleted(b->image, 0, b->layout.sizeSectors);
+    EXPECT_EQ(r.volume->catNodeSize, 0);
+    EXPECT_GT(r.volume->journalSize, 0u);
+    EXPECT_EQ(r.volume->journalNodesFound, 0u);
+    EXPECT_TRUE(onlyTheRoot(r));
+  }
 }
 
 // Offset tables that go backwards or point past the node: the records they
