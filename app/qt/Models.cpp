@@ -210,6 +210,50 @@ QVariant TreeModel::headerData(int section, Qt::Orientation orientation, int rol
   return {};
 }
 
+// ---- the tree's view
+
+TreeView::TreeView(QWidget* parent) : QTreeView(parent) {
+  // Looked at once the view has laid out what changed.
+  fetch_.setSingleShot(true);
+  fetch_.setInterval(0);
+  connect(&fetch_, &QTimer::timeout, this, &TreeView::fetchInSight);
+  connect(this, &QTreeView::expanded, &fetch_, qOverload<>(&QTimer::start));
+}
+
+void TreeView::setModel(QAbstractItemModel* model) {
+  if (QAbstractItemModel* old = this->model()) disconnect(old, nullptr, &fetch_, nullptr);
+  QTreeView::setModel(model);
+  if (!model) return;
+  for (auto signal : {&QAbstractItemModel::rowsInserted, &QAbstractItemModel::rowsRemoved})
+    connect(model, signal, &fetch_, qOverload<>(&QTimer::start));
+  connect(model, &QAbstractItemModel::modelReset, &fetch_, qOverload<>(&QTimer::start));
+}
+
+void TreeView::scrollContentsBy(int dx, int dy) {
+  QTreeView::scrollContentsBy(dx, dy);
+  if (dy) fetch_.start();
+}
+
+void TreeView::resizeEvent(QResizeEvent* event) {
+  QTreeView::resizeEvent(event);
+  fetch_.start();
+}
+
+void TreeView::fetchInSight() {
+  QAbstractItemModel* m = model();
+  if (!m) return;
+  const int bottom = viewport()->rect().bottom();
+  for (QModelIndex i = indexAt(QPoint(0, 0)); i.isValid(); i = indexBelow(i)) {
+    if (visualRect(i).top() > bottom) break;
+    const QModelIndex folder = i.parent();
+    // One batch at a time: the rows inserted bring this back while more is in sight.
+    if (folder.isValid() && i.row() == m->rowCount(folder) - 1 && m->canFetchMore(folder)) {
+      m->fetchMore(folder);
+      return;
+    }
+  }
+}
+
 // ---- signatures
 
 SigModel::SigModel(AppController*& app, QObject* parent) : QAbstractItemModel(parent), app_(app) {}

@@ -1,10 +1,12 @@
 // ambrel: the desktop application.
 #include <QApplication>
 #include <QCommandLineParser>
+#include <QDir>
 #include <QFileInfo>
 #include <QLinearGradient>
 #include <QPainter>
 #include <QSplashScreen>
+#include <QStandardPaths>
 #include <QTimer>
 
 #include "MainWindow.h"
@@ -83,6 +85,10 @@ int main(int argc, char** argv) {
   qt::QtDBusSleepInhibitor sleep;
   ControllerOptions options;
   options.listDrives = [images, roots = options.roots] { return images->listWith(roots); };
+  // The last save's report, kept until the next save replaces it. In the
+  // cache rather than /tmp, as a large save's report is large too.
+  const QString cache = QStandardPaths::writableLocation(QStandardPaths::CacheLocation);
+  if (QDir().mkpath(cache)) options.recoveryReportPath = (cache + QStringLiteral("/last-recovery-report.xml")).toStdString();
   AppController app(window, dispatcher, sleep, std::move(options));
   MessageServer messages(app);
   server.setMessageServer(&messages);

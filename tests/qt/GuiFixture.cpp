@@ -63,6 +63,8 @@ GuiFixture::GuiFixture(const std::vector<std::filesystem::path>& drives) {
   options.roots.dev = (dir / "no-dev").string();
   options.roots.mountinfo = (dir / "no-mountinfo").string();
   options.listDrives = [images = images, roots = options.roots] { return images->listWith(roots); };
+  std::filesystem::create_directories(dir / "cache");
+  options.recoveryReportPath = (dir / "cache" / "last-recovery-report.xml").string();
 
   window = std::make_unique<qt::MainWindow>(images);
   window->alertHook = [this](const Alert& a) {

@@ -8,6 +8,10 @@
 #include <QTimer>
 #include <QCheckBox>
 #include <QComboBox>
+#include <QCryptographicHash>
+#include <QFile>
+#include <QMap>
+#include <QXmlStreamReader>
 #include <QDialog>
 #include <QPlainTextEdit>
 #include <QLabel>
@@ -73,6 +77,34 @@ std::string wavBytes(int seconds) {
   return w;
 }
 
+// A DFXML report's file objects: file name -> MD5 (empty if none); a parse
+// error fails the test.
+QMap<QString, QString> reportedDigests(const std::filesystem::path& path) {
+  QMap<QString, QString> out;
+  QFile file(QString::fromStdString(path.string()));
+  if (!file.open(QIODevice::ReadOnly)) {
+    qWarning("no report at %s", path.c_str());
+    return out;
+  }
+  QXmlStreamReader xml(&file);
+  QString name;
+  while (!xml.atEnd()) {
+    if (xml.readNext() != QXmlStreamReader::StartElement) continue;
+    if (xml.name() == QLatin1String("filename")) {
+      name = xml.readElementText();
+      out.insert(name, QString());
+    } else if (xml.name() == QLatin1String("hashdigest") &&
+               xml.attributes().value(QLatin1String("type")) == QLatin1String("md5")) {
+      out.insert(name, xml.readElementText());
+    }
+  }
+  if (xml.hasError()) {
+    qWarning("report does not parse: %s", qPrintable(xml.errorString()));
+    out.clear();
+  }
+  return out;
+}
+
 // From the first page to the tree of the drive's first volume, by clicks.
 void scanToTree(GuiFixture& f) {
   qt::MainWindow& w = *f.window;
@@ -107,6 +139,7 @@ void GuiTest::journeyByClicksSavesIdenticalFiles() {
   GuiFixture f({images / "drive.img"});
   qt::MainWindow& w = *f.window;
   QAbstractItemModelTester drivesTester(w.tableModel(Table::Drives));
+  QAbstractItemModelTester volumesTester(w.tableModel(Table::Volumes));
   QAbstractItemModelTester partitionsTester(w.tableModel(Table::Partitions));
   QCOMPARE(f.app->page(), Page::FirstPage);
   QCOMPARE(w.tableModel(Table::Drives)->rowCount(), 1);
@@ -184,6 +217,10 @@ void GuiTest::journeyByClicksSavesIdenticalFiles() {
   GuiFixture::clickCheckBox(w.treeView(), readme.siblingAtColumn(qt::TreeModel::Mark));
   QCOMPARE(f.app->markedFiles(), 4u);
 
+  // No report before anything was saved.
+  w.updateMenus();
+  QVERIFY(!w.saveReportAction()->isEnabled());
+
   // Save: the folder panel answers, the alerts take their default button.
   const std::filesystem::path out = f.dir / "out";
   std::filesystem::create_directories(out);
@@ -204,6 +241,20 @@ void GuiTest::journeyByClicksSavesIdenticalFiles() {
   walk(sampleEntries(), "Root");
   QVERIFY(filesUnder(out) == expected);
   QCOMPARE(textOf(w, Control::TextFieldTreeStatus), QStringLiteral("Saving Completed"));
+
+  // The save's recovery report, saved from the File menu, lists each file
+  // saved with the digest of its bytes.
+  w.updateMenus();
+  QVERIFY(w.saveReportAction()->isEnabled());
+  f.saveAnswer = (f.dir / "chosen-report").string();
+  w.saveReportAction()->trigger();
+  const auto reported = reportedDigests(f.dir / "chosen-report.xml");
+  QCOMPARE(reported.size(), expected.size());
+  for (const auto& [path, bytes] : expected) {
+    const QByteArray md5 = QCryptographicHash::hash(QByteArray(reinterpret_cast<const char*>(bytes.data()),
+                                                               qsizetype(bytes.size())), QCryptographicHash::Md5);
+    QCOMPARE(reported.value(QString::fromStdString(path)), QString::fromLatin1(md5.toHex()));
+  }
 
   // Leaving the tree asks first; "Go Back" keeps it.
   f.answers["Information"] = 1;
@@ -275,8 +326,19 @@ void GuiTest::hugeFolderIsFetchedInBatches() {
   // An entry's index, found from the entry alone (as a find's match is shown).
   HDIR* entry = qt::TreeModel::item(last);
   QCOMPARE(model->indexOf(entry), last);
-  // The tester walks every row fetched, and fetches what is left.
+  // The tester walks every row fetched, and fetches what is left; it stays
+  // to check the changes a mark of the whole folder makes.
   QAbstractItemModelTester tester(model);
+  const QModelIndex box = crowd.siblingAtColumn(qt::TreeModel::Mark);
+  QVERIFY(model->setData(box, Qt::Checked, Qt::CheckStateRole));
+  QCOMPARE(f.app->markedFiles(), uint32_t(count));
+  QCOMPARE(last.siblingAtColumn(qt::TreeModel::Mark).data(Qt::CheckStateRole).toInt(), int(Qt::Checked));
+  QVERIFY(model->setData(model->index(0, qt::TreeModel::Mark, crowd), Qt::Unchecked, Qt::CheckStateRole));
+  QCOMPARE(f.app->markedFiles(), uint32_t(count - 1));
+  QCOMPARE(box.data(Qt::CheckStateRole).toInt(), int(Qt::Checked));  // something below is still marked
+  QVERIFY(model->setData(box, Qt::Unchecked, Qt::CheckStateRole));
+  QCOMPARE(f.app->markedFiles(), 0u);
+  QCOMPARE(last.siblingAtColumn(qt::TreeModel::Mark).data(Qt::CheckStateRole).toInt(), int(Qt::Unchecked));
 }
 
 void GuiTest::soundPreviewTellsItsDuration() {
