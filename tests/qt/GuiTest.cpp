@@ -11,6 +11,7 @@
 #include <QCryptographicHash>
 #include <QFile>
 #include <QMap>
+#include <QMediaPlayer>
 #include <QXmlStreamReader>
 #include <QDialog>
 #include <QPlainTextEdit>
@@ -126,6 +127,7 @@ class GuiTest : public QObject {
   void scanForVolumesThenAdvancedScan();
   void hugeFolderIsFetchedInBatches();
   void soundPreviewTellsItsDuration();
+  void movieAndMp3PreviewsPlay();
   void signaturePageAndRawSlider();
   void instanceServerIsUserOnlyAndHandsMessagesOver();
   void dispatcherRunsPostsInOrderOnTheGuiThread();
@@ -364,6 +366,63 @@ void GuiTest::soundPreviewTellsItsDuration() {
   // Closing the window stops and drops the player.
   w.previewWindow()->close();
   QVERIFY(!w.previewWindow()->player());
+}
+
+void GuiTest::movieAndMp3PreviewsPlay() {
+  const std::filesystem::path media = std::filesystem::path(AMBREL_SOURCE_DIR) / "tests" / "qt" / "media";
+  auto fileOf = [&](const std::string& saved, const std::string& name) {
+    mk::EntrySpec e;
+    e.name = name;
+    e.data = readFile(media / saved);
+    return e;
+  };
+  TempDir images;
+  buildGptDrive(images / "media.img", "Media", {fileOf("clip.mp4", "clip.mp4"), fileOf("song.mp3", "song.mp3")});
+  GuiFixture f({images / "media.img"});
+  qt::MainWindow& w = *f.window;
+  scanToTree(f);
+  QCOMPARE(f.app->page(), Page::Tree);
+  f.answers["Information"] = 1;  // "Preview", past the advice to save the scan first
+  qt::TreeModel* model = w.treeModel();
+  qt::PreviewWindow* preview = w.previewWindow();
+  auto* status = qobject_cast<QLabel*>(w.control(Control::MovieStatus));
+  auto* duration = qobject_cast<QLabel*>(w.control(Control::MovieDuration));
+  auto open = [&](const QString& name) {
+    const QModelIndex at = childNamed(model, model->index(0, 0), name);
+    QVERIFY(at.isValid());
+    const QRect cell = w.treeView()->visualRect(at);
+    QTest::mouseClick(w.treeView()->viewport(), Qt::LeftButton, {}, cell.center());
+    QTest::mouseDClick(w.treeView()->viewport(), Qt::LeftButton, {}, cell.center());
+    QTRY_VERIFY_WITH_TIMEOUT(w.previewWindowVisible(), 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(!status->text().isEmpty(), 20000);
+  };
+
+  // The movie: its length, then its pictures once Play is clicked.
+  open(QStringLiteral("clip.mp4"));
+  QCOMPARE(status->text(), QStringLiteral("Click the Play button"));
+  QCOMPARE(duration->text(), QStringLiteral("Duration: 0:00:02"));
+  QVERIFY(preview->player()->hasVideo());
+  f.click(preview->playButton());
+  QTRY_VERIFY_WITH_TIMEOUT(preview->player()->position() > 0, 10000);
+  QVERIFY(preview->videoWidget()->isVisible());
+  QCOMPARE(preview->player()->error(), QMediaPlayer::NoError);
+  QCOMPARE(preview->playButton()->text(), QStringLiteral("Pause"));
+  f.snapshot(QStringLiteral("13-movie-preview"), preview);
+  preview->close();
+  QVERIFY(!preview->player());
+
+  // The MP3: its length, its cover from the ID3 tag, no picture area.
+  open(QStringLiteral("song.mp3"));
+  QCOMPARE(status->text(), QStringLiteral("Click the Play button"));
+  QCOMPARE(duration->text(), QStringLiteral("Duration: 0:00:02"));
+  QVERIFY(!preview->posterLabel()->pixmap().isNull());
+  const QColor cover = preview->posterLabel()->pixmap().toImage().pixelColor(10, 10);
+  QVERIFY2(cover.red() > 240 && cover.green() < 16 && cover.blue() < 16, qPrintable(cover.name()));  // the red cover
+  QVERIFY(!preview->videoWidget()->isVisible());
+  f.click(preview->playButton());
+  QTRY_VERIFY_WITH_TIMEOUT(preview->player()->position() > 0, 10000);
+  QCOMPARE(preview->player()->error(), QMediaPlayer::NoError);
+  preview->close();
 }
 
 void GuiTest::signaturePageAndRawSlider() {
