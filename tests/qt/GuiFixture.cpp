@@ -76,7 +76,7 @@ GuiFixture::GuiFixture(const std::vector<std::filesystem::path>& drives) {
     return kind == "folder" ? folderAnswer : kind == "save" ? saveAnswer : openAnswer;
   };
   window->onTerminate = [this] { terminated = true; };
-  dispatcher = std::make_unique<qt::QtDispatcher>(window.get());
+  dispatcher = std::make_unique<WatchedDispatcher>(window.get());
   app = std::make_unique<AppController>(*window, *dispatcher, sleep, std::move(options));
   window->setController(app.get());
   app->start();
