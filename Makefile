@@ -58,7 +58,7 @@ demo: build
 	./tools/demo.sh $(BUILD)
 
 $(BENCH_BUILD)/build.ninja:
-	cmake -S . -B $(BENCH_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DAMBREL_GUI=OFF -DAMBREL_BENCH=ON
+	cmake -S . -B $(BENCH_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DAMBREL_GUI=$(GUI) -DAMBREL_BENCH=ON
 
 bench: bench-deps $(BENCH_BUILD)/build.ninja
 	cmake --build $(BENCH_BUILD) -j $(JOBS)

@@ -48,6 +48,9 @@ struct ControllerOptions {
   // and how long bringing the window to the front waits before it does so again.
   std::chrono::milliseconds watchInterval{250};
   std::chrono::milliseconds frontDelay{500};
+  // Where each save writes its recovery report (every file kept, DFXML),
+  // for the front end to offer once the save is done; none when empty.
+  std::string recoveryReportPath;
 };
 
 class AppController : public AppControllerInterface {
@@ -170,6 +173,10 @@ class AppController : public AppControllerInterface {
   bool volumeNotConnected() const { return volumeNotConnected_; }
   // The last save's result (empty before the first).
   const std::optional<SaveResult>& lastSave() const { return lastSave_; }
+  // Whether the last save's recovery report is complete and can be saved.
+  bool recoveryReportReady() const { return recoveryReportReady_ && scanInfoOrSavingNotProcessing_; }
+  // "Save Recovery Report…": a copy of it where the save panel says.
+  void saveRecoveryReport();
   bool terminated() const { return terminated_.load(); }
   size_t workersRunning() const { return workers_.running(); }
 
@@ -239,7 +246,7 @@ class AppController : public AppControllerInterface {
 
   // Saving, scan info, quitting.
   void openDataPanelDidEnd(const std::string& destination);
-  void savingFinished(SaveResult result);
+  void savingFinished(SaveResult result, bool reported);
   void savePanelDidEnd(const std::string& path);
   void scanInfoSaved(const std::string& path, const std::optional<std::string>& errorTitle,
                      const std::string& errorMessage);
@@ -298,6 +305,7 @@ class AppController : public AppControllerInterface {
   std::shared_ptr<Saver> saver_;
   bool saveStopRequested_ = false;
   std::optional<SaveResult> lastSave_;
+  bool recoveryReportReady_ = false;
   bool driveNotConnected_ = false, volumeNotConnected_ = false;
   std::shared_ptr<std::atomic<bool>> scanInfoSavedSignal_;
   bool watchingSaveScanInfo_ = false;

@@ -4,10 +4,12 @@
 
 #include <cctype>
 #include <ctime>
+#include <filesystem>
 #include <thread>
 
 #include "core/ControllerInternal.h"
 #include "core/SaveFlow.h"
+#include "output/RecoveryReport.h"
 #include "scaninfo/ScanInfoFile.h"
 
 namespace ambrel {
@@ -67,12 +69,21 @@ void AppController::openDataPanelDidEnd(const std::string& destination) {
   auto volume = selectedPTVolume_;
   Saver::Options options;
   options.canSaveSlashes = info.canSaveSlashes;
+  // The report is written as the files are: its digests are of what was saved.
+  recoveryReportReady_ = false;
+  std::shared_ptr<RecoveryReport> report;
+  if (!options_.recoveryReportPath.empty()) {
+    report = std::make_shared<RecoveryReport>(options_.recoveryReportPath, *volume, "ambrel save " + destination);
+    if (report->ok()) options.onSaved = [report](const SavedFile& f) { report->add(f); };
+    else report.reset();  // the save itself does not depend on it
+  }
   saver_ = std::make_shared<Saver>(*volume->dirRoot, saveSourceOf(*volume), this, options);
   auto saver = saver_;
-  startWorker([this, volume, saver, destination] {
+  startWorker([this, volume, saver, destination, report] {
     SleepScope awake(*this);
     auto result = std::make_shared<SaveResult>(saver->saveFilesAndFolders(destination));
-    toMain([this, result] { savingFinished(std::move(*result)); }, false, false);
+    const bool reported = report && report->finish(*result);
+    toMain([this, result, reported] { savingFinished(std::move(*result), reported); }, false, false);
   });
 }
 
@@ -82,12 +93,27 @@ void AppController::abortDataSaving() {
   saver_->abort();
 }
 
-void AppController::savingFinished(SaveResult result) {
+void AppController::savingFinished(SaveResult result, bool reported) {
   lastSave_ = std::move(result);
+  recoveryReportReady_ = reported;
   saver_.reset();
   saveStopRequested_ = false;
   scanInfoOrSavingNotProcessing_ = true;
   setTreeButtons(false);
+}
+
+void AppController::saveRecoveryReport() {
+  if (!recoveryReportReady()) return;
+  FilePanel panel;
+  panel.requiredExtension = "xml";
+  panel.proposedName = "Recovery Report";
+  panel.canCreateFolders = true;
+  auto chosen = ui_.runSavePanel(panel);
+  if (!chosen) return;
+  const std::string path = hasExtension(*chosen, "xml") ? *chosen : *chosen + ".xml";
+  std::error_code ec;
+  std::filesystem::copy_file(options_.recoveryReportPath, path, std::filesystem::copy_options::overwrite_existing, ec);
+  if (ec) ask({"! Can not save", fmt::format("The recovery report could not be saved to {}: {}", path, ec.message())});
 }
 
 // ---- scan info files

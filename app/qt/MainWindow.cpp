@@ -99,6 +99,14 @@ void MainWindow::buildMenus() {
     if (app_ && app_->page() == Page::FirstPage) app_->refreshDriveList();
   });
   file->addSeparator();
+  // Every save writes its report as it goes; this keeps a copy of the last one.
+  saveReport_ = file->addAction(QStringLiteral("Save Recovery Report…"));
+  saveReport_->setEnabled(false);
+  connect(saveReport_, &QAction::triggered, this, [this] {
+    if (app_) app_->saveRecoveryReport();
+  });
+  connect(file, &QMenu::aboutToShow, this, &MainWindow::updateMenus);
+  file->addSeparator();
   QAction* quit = file->addAction(QStringLiteral("Quit"));
   quit->setShortcut(QKeySequence::Quit);
   connect(quit, &QAction::triggered, this, [this] {
@@ -108,6 +116,8 @@ void MainWindow::buildMenus() {
   connect(help->addAction(QStringLiteral("Tarnwell Ambrel Help")), &QAction::triggered, this, &MainWindow::showHelp);
   connect(help->addAction(QStringLiteral("About Tarnwell Ambrel")), &QAction::triggered, this, &MainWindow::showAbout);
 }
+
+void MainWindow::updateMenus() { saveReport_->setEnabled(app_ && app_->recoveryReportReady()); }
 
 void MainWindow::openDiskImage(const QString& path) {
   images_->add(QFileInfo(path).absoluteFilePath().toStdString());

@@ -24,6 +24,7 @@ class QCheckBox;
 class QDialog;
 class QLabel;
 class QPushButton;
+class QAction;
 
 namespace ambrel::qt {
 
@@ -74,6 +75,9 @@ class MainWindow : public QMainWindow, public UserInterface {
   QCheckBox* scanForPartitionsChoice() const { return scanChoice_; }
   QDialog* addSigDialog() const { return addSig_; }
   PreviewWindow* previewWindow() const { return preview_; }
+  QAction* saveReportAction() const { return saveReport_; }
+  // Enables the menu items that depend on what has been done (as a menu opens).
+  void updateMenus();
   // The disk image chosen in the "Open Disk Image…" panel, taken as a drive.
   void openDiskImage(const QString& path);
 
@@ -164,6 +168,7 @@ class MainWindow : public QMainWindow, public UserInterface {
   QDialog* addSig_ = nullptr;
   std::vector<QLineEdit*> addSigFields_;
   PreviewWindow* preview_ = nullptr;
+  QAction* saveReport_ = nullptr;
   bool selecting_ = false;  // a selection made for the controller, not by the user
   bool closing_ = false;
   QSize initialSize_;

@@ -296,7 +296,7 @@ QWidget* MainWindow::buildTreePage() {
   l->addLayout(find);
 
   treeModel_ = new TreeModel(app_, this);
-  treeView_ = new QTreeView;
+  treeView_ = new TreeView;
   treeView_->setModel(treeModel_);
   treeView_->setUniformRowHeights(true);  // a million rows lay out without measuring each
   treeView_->setAlternatingRowColors(true);

@@ -78,7 +78,10 @@ QModelIndex TreeModel::index(int row, int column, const QModelIndex& parent) con
   if (!app_ || row < 0 || column < 0 || column >= ColumnCount || row >= rowCount(parent)) return {};
   HDIR* child = app_->outlineChild(parent.isValid() ? item(parent) : nullptr, row);
   if (!child) return {};
-  rows_.insert(child, row);
+  // Only a folder's row is asked for often (its children's parent()); a
+  // row remembered for each of a million files costs more than the view's
+  // whole layout of them.
+  if (!child->children().empty()) rows_.insert(child, row);
   return createIndex(row, column, child);
 }
 
@@ -133,13 +136,18 @@ QModelIndex TreeModel::indexOf(const HDIR* target) {
 }
 
 void TreeModel::changedBelow(const HDIR* folder) {
-  const int n = fetched(folder);
-  if (n == 0) return;
-  const QModelIndex parent = indexFor(folder, 0);
-  emit dataChanged(index(0, 0, parent), index(n - 1, ColumnCount - 1, parent));
-  // Only what a view has fetched can be shown; the rest is read fresh when it is.
-  for (int i = 0; i < n; ++i)
-    if (const HDIR* c = app_->outlineChild(folder, i); c && fetched(c) > 0) changedBelow(c);
+  // Only what a view has fetched can be shown (the rest is read fresh when
+  // it is), and only the marks change: the folders fetched below `folder`,
+  // found from the few fetched rather than by walking a million entries.
+  for (auto it = fetched_.constBegin(); it != fetched_.constEnd(); ++it) {
+    const HDIR* f = it.key();
+    const HDIR* a = f;
+    while (a && a != folder) a = a->holder();
+    if (!a || it.value() == 0) continue;
+    const QModelIndex parent = indexFor(f, 0);
+    if (!parent.isValid()) continue;
+    emit dataChanged(index(0, Mark, parent), index(it.value() - 1, Mark, parent), {Qt::CheckStateRole});
+  }
 }
 
 void TreeModel::reloadItem(const HDIR* item, bool children) {
@@ -200,6 +208,8 @@ Qt::ItemFlags TreeModel::flags(const QModelIndex& index) const {
   if (!index.isValid()) return Qt::NoItemFlags;
   Qt::ItemFlags f = Qt::ItemIsEnabled | Qt::ItemIsSelectable;
   if (index.column() == Mark) f |= Qt::ItemIsUserCheckable;
+  // Spares the view a look for expanded state in each file's row.
+  if (app_ && !app_->outlineIsItemExpandable(item(index))) f |= Qt::ItemNeverHasChildren;
   return f;
 }
 
@@ -208,6 +218,50 @@ QVariant TreeModel::headerData(int section, Qt::Orientation orientation, int rol
   if (orientation == Qt::Horizontal && role == Qt::DisplayRole && section >= 0 && section < ColumnCount)
     return QString::fromUtf8(titles[section]);
   return {};
+}
+
+// ---- the tree's view
+
+TreeView::TreeView(QWidget* parent) : QTreeView(parent) {
+  // Looked at once the view has laid out what changed.
+  fetch_.setSingleShot(true);
+  fetch_.setInterval(0);
+  connect(&fetch_, &QTimer::timeout, this, &TreeView::fetchInSight);
+  connect(this, &QTreeView::expanded, &fetch_, qOverload<>(&QTimer::start));
+}
+
+void TreeView::setModel(QAbstractItemModel* model) {
+  if (QAbstractItemModel* old = this->model()) disconnect(old, nullptr, &fetch_, nullptr);
+  QTreeView::setModel(model);
+  if (!model) return;
+  for (auto signal : {&QAbstractItemModel::rowsInserted, &QAbstractItemModel::rowsRemoved})
+    connect(model, signal, &fetch_, qOverload<>(&QTimer::start));
+  connect(model, &QAbstractItemModel::modelReset, &fetch_, qOverload<>(&QTimer::start));
+}
+
+void TreeView::scrollContentsBy(int dx, int dy) {
+  QTreeView::scrollContentsBy(dx, dy);
+  if (dy) fetch_.start();
+}
+
+void TreeView::resizeEvent(QResizeEvent* event) {
+  QTreeView::resizeEvent(event);
+  fetch_.start();
+}
+
+void TreeView::fetchInSight() {
+  QAbstractItemModel* m = model();
+  if (!m) return;
+  const int bottom = viewport()->rect().bottom();
+  for (QModelIndex i = indexAt(QPoint(0, 0)); i.isValid(); i = indexBelow(i)) {
+    if (visualRect(i).top() > bottom) break;
+    const QModelIndex folder = i.parent();
+    // One batch at a time: the rows inserted bring this back while more is in sight.
+    if (folder.isValid() && i.row() == m->rowCount(folder) - 1 && m->canFetchMore(folder)) {
+      m->fetchMore(folder);
+      return;
+    }
+  }
 }
 
 // ---- signatures

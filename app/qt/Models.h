@@ -7,6 +7,8 @@
 #include <QHash>
 #include <QIcon>
 #include <QStringList>
+#include <QTimer>
+#include <QTreeView>
 
 #include "core/AppController.h"
 
@@ -73,6 +75,24 @@ class TreeModel : public QAbstractItemModel {
   mutable QHash<const HDIR*, int> rows_;
   QHash<const HDIR*, int> fetched_;
   mutable QHash<QString, QIcon> icons_;
+};
+
+// The recovered tree's view. QTreeView fetches more of a folder only when
+// the tree's very last row is in it; this one fetches any folder whose last
+// fetched row comes in sight, so a huge folder among others scrolls to its end.
+class TreeView : public QTreeView {
+  Q_OBJECT
+ public:
+  explicit TreeView(QWidget* parent = nullptr);
+  void setModel(QAbstractItemModel* model) override;
+
+ protected:
+  void scrollContentsBy(int dx, int dy) override;
+  void resizeEvent(QResizeEvent* event) override;
+
+ private:
+  void fetchInSight();
+  QTimer fetch_;
 };
 
 // The signature database's categories and file types, with check boxes; a

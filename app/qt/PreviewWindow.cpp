@@ -148,6 +148,8 @@ QString PreviewWindow::setMovie(const std::vector<uint8_t>& data, const QString&
       .arg(ms / 100 % 10);
 }
 
+QWidget* PreviewWindow::videoWidget() const { return video_; }
+
 void PreviewWindow::showLoading() { pages_->setCurrentIndex(3); }
 
 void PreviewWindow::showPage(int page) {

@@ -36,6 +36,8 @@ class PreviewWindow : public QWidget {
   void dropMovie();
   QMediaPlayer* player() const { return player_; }
   QPushButton* playButton() const { return play_; }
+  QLabel* posterLabel() const { return poster_; }
+  QWidget* videoWidget() const;
   QLabel* imageLabel() const { return image_; }
   QPlainTextEdit* textView() const { return text_; }
   QLabel* nameLabel() const { return name_; }

@@ -63,6 +63,8 @@ GuiFixture::GuiFixture(const std::vector<std::filesystem::path>& drives) {
   options.roots.dev = (dir / "no-dev").string();
   options.roots.mountinfo = (dir / "no-mountinfo").string();
   options.listDrives = [images = images, roots = options.roots] { return images->listWith(roots); };
+  std::filesystem::create_directories(dir / "cache");
+  options.recoveryReportPath = (dir / "cache" / "last-recovery-report.xml").string();
 
   window = std::make_unique<qt::MainWindow>(images);
   window->alertHook = [this](const Alert& a) {
@@ -74,7 +76,7 @@ GuiFixture::GuiFixture(const std::vector<std::filesystem::path>& drives) {
     return kind == "folder" ? folderAnswer : kind == "save" ? saveAnswer : openAnswer;
   };
   window->onTerminate = [this] { terminated = true; };
-  dispatcher = std::make_unique<qt::QtDispatcher>(window.get());
+  dispatcher = std::make_unique<WatchedDispatcher>(window.get());
   app = std::make_unique<AppController>(*window, *dispatcher, sleep, std::move(options));
   window->setController(app.get());
   app->start();

@@ -5,6 +5,7 @@
 #include <QPushButton>
 #include <QString>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -27,6 +28,24 @@ void buildGptDrive(const std::filesystem::path& image, const std::string& volume
 // Files under `root`, relative path -> bytes.
 std::map<std::string, std::vector<uint8_t>> filesUnder(const std::filesystem::path& root);
 
+// The application's dispatcher, with a look after each piece of work it runs:
+// a test sees a page between two of a worker's reports.
+class WatchedDispatcher : public MainThreadDispatcher {
+ public:
+  explicit WatchedDispatcher(QObject* context) : inner_(context) {}
+  void post(std::function<void()> fn) override {
+    inner_.post([this, fn = std::move(fn)] {
+      fn();
+      if (afterEach) afterEach();
+    });
+  }
+  // Set and called on the GUI thread only.
+  std::function<void()> afterEach;
+
+ private:
+  qt::QtDispatcher inner_;
+};
+
 class GuiFixture {
  public:
   // The drives are disk images opened as the "Open Disk Image…" action does.
@@ -36,7 +55,7 @@ class GuiFixture {
   TempDir dir;
   std::shared_ptr<qt::DiskImages> images = std::make_shared<qt::DiskImages>();
   std::unique_ptr<qt::MainWindow> window;
-  std::unique_ptr<qt::QtDispatcher> dispatcher;
+  std::unique_ptr<WatchedDispatcher> dispatcher;
   NoSleepInhibitor sleep;
   std::unique_ptr<AppController> app;
 

@@ -8,6 +8,11 @@
 #include <QTimer>
 #include <QCheckBox>
 #include <QComboBox>
+#include <QCryptographicHash>
+#include <QFile>
+#include <QMap>
+#include <QMediaPlayer>
+#include <QXmlStreamReader>
 #include <QDialog>
 #include <QPlainTextEdit>
 #include <QLabel>
@@ -73,6 +78,34 @@ std::string wavBytes(int seconds) {
   return w;
 }
 
+// A DFXML report's file objects: file name -> MD5 (empty if none); a parse
+// error fails the test.
+QMap<QString, QString> reportedDigests(const std::filesystem::path& path) {
+  QMap<QString, QString> out;
+  QFile file(QString::fromStdString(path.string()));
+  if (!file.open(QIODevice::ReadOnly)) {
+    qWarning("no report at %s", path.c_str());
+    return out;
+  }
+  QXmlStreamReader xml(&file);
+  QString name;
+  while (!xml.atEnd()) {
+    if (xml.readNext() != QXmlStreamReader::StartElement) continue;
+    if (xml.name() == QLatin1String("filename")) {
+      name = xml.readElementText();
+      out.insert(name, QString());
+    } else if (xml.name() == QLatin1String("hashdigest") &&
+               xml.attributes().value(QLatin1String("type")) == QLatin1String("md5")) {
+      out.insert(name, xml.readElementText());
+    }
+  }
+  if (xml.hasError()) {
+    qWarning("report does not parse: %s", qPrintable(xml.errorString()));
+    out.clear();
+  }
+  return out;
+}
+
 // From the first page to the tree of the drive's first volume, by clicks.
 void scanToTree(GuiFixture& f) {
   qt::MainWindow& w = *f.window;
@@ -93,7 +126,9 @@ class GuiTest : public QObject {
   void journeyByClicksSavesIdenticalFiles();
   void scanForVolumesThenAdvancedScan();
   void hugeFolderIsFetchedInBatches();
+  void scanProgressIsShownAsItGoes();
   void soundPreviewTellsItsDuration();
+  void movieAndMp3PreviewsPlay();
   void signaturePageAndRawSlider();
   void instanceServerIsUserOnlyAndHandsMessagesOver();
   void dispatcherRunsPostsInOrderOnTheGuiThread();
@@ -107,6 +142,7 @@ void GuiTest::journeyByClicksSavesIdenticalFiles() {
   GuiFixture f({images / "drive.img"});
   qt::MainWindow& w = *f.window;
   QAbstractItemModelTester drivesTester(w.tableModel(Table::Drives));
+  QAbstractItemModelTester volumesTester(w.tableModel(Table::Volumes));
   QAbstractItemModelTester partitionsTester(w.tableModel(Table::Partitions));
   QCOMPARE(f.app->page(), Page::FirstPage);
   QCOMPARE(w.tableModel(Table::Drives)->rowCount(), 1);
@@ -133,7 +169,6 @@ void GuiTest::journeyByClicksSavesIdenticalFiles() {
 
   f.click(f.button(QStringLiteral("Standard Scan")));
   QCOMPARE(f.app->page(), Page::TreeProg);
-  f.snapshot(QStringLiteral("05-tree-prog"));
   QTRY_COMPARE_WITH_TIMEOUT(f.app->page(), Page::Tree, kScanTimeout);
   QCOMPARE(w.currentPage()->objectName(), QStringLiteral("Tree"));
 
@@ -184,6 +219,10 @@ void GuiTest::journeyByClicksSavesIdenticalFiles() {
   GuiFixture::clickCheckBox(w.treeView(), readme.siblingAtColumn(qt::TreeModel::Mark));
   QCOMPARE(f.app->markedFiles(), 4u);
 
+  // No report before anything was saved.
+  w.updateMenus();
+  QVERIFY(!w.saveReportAction()->isEnabled());
+
   // Save: the folder panel answers, the alerts take their default button.
   const std::filesystem::path out = f.dir / "out";
   std::filesystem::create_directories(out);
@@ -204,6 +243,20 @@ void GuiTest::journeyByClicksSavesIdenticalFiles() {
   walk(sampleEntries(), "Root");
   QVERIFY(filesUnder(out) == expected);
   QCOMPARE(textOf(w, Control::TextFieldTreeStatus), QStringLiteral("Saving Completed"));
+
+  // The save's recovery report, saved from the File menu, lists each file
+  // saved with the digest of its bytes.
+  w.updateMenus();
+  QVERIFY(w.saveReportAction()->isEnabled());
+  f.saveAnswer = (f.dir / "chosen-report").string();
+  w.saveReportAction()->trigger();
+  const auto reported = reportedDigests(f.dir / "chosen-report.xml");
+  QCOMPARE(reported.size(), expected.size());
+  for (const auto& [path, bytes] : expected) {
+    const QByteArray md5 = QCryptographicHash::hash(QByteArray(reinterpret_cast<const char*>(bytes.data()),
+                                                               qsizetype(bytes.size())), QCryptographicHash::Md5);
+    QCOMPARE(reported.value(QString::fromStdString(path)), QString::fromLatin1(md5.toHex()));
+  }
 
   // Leaving the tree asks first; "Go Back" keeps it.
   f.answers["Information"] = 1;
@@ -275,8 +328,54 @@ void GuiTest::hugeFolderIsFetchedInBatches() {
   // An entry's index, found from the entry alone (as a find's match is shown).
   HDIR* entry = qt::TreeModel::item(last);
   QCOMPARE(model->indexOf(entry), last);
-  // The tester walks every row fetched, and fetches what is left.
+  // The tester walks every row fetched, and fetches what is left; it stays
+  // to check the changes a mark of the whole folder makes.
   QAbstractItemModelTester tester(model);
+  const QModelIndex box = crowd.siblingAtColumn(qt::TreeModel::Mark);
+  QVERIFY(model->setData(box, Qt::Checked, Qt::CheckStateRole));
+  QCOMPARE(f.app->markedFiles(), uint32_t(count));
+  QCOMPARE(last.siblingAtColumn(qt::TreeModel::Mark).data(Qt::CheckStateRole).toInt(), int(Qt::Checked));
+  QVERIFY(model->setData(model->index(0, qt::TreeModel::Mark, crowd), Qt::Unchecked, Qt::CheckStateRole));
+  QCOMPARE(f.app->markedFiles(), uint32_t(count - 1));
+  QCOMPARE(box.data(Qt::CheckStateRole).toInt(), int(Qt::Checked));  // something below is still marked
+  QVERIFY(model->setData(box, Qt::Unchecked, Qt::CheckStateRole));
+  QCOMPARE(f.app->markedFiles(), 0u);
+  QCOMPARE(last.siblingAtColumn(qt::TreeModel::Mark).data(Qt::CheckStateRole).toInt(), int(Qt::Unchecked));
+}
+
+void GuiTest::scanProgressIsShownAsItGoes() {
+  TempDir images;
+  mk::DriveSpec drive;
+  drive.table = mk::TableKind::GPT;
+  mk::PartitionSpec part;
+  mk::VolumeSpec vol;
+  vol.name = "Busy";
+  mk::GenerateSpec many;
+  many.files = 20000;
+  many.folders = 400;
+  many.maxSize = 2048;
+  vol.generate = many;
+  part.volume = std::move(vol);
+  drive.partitions.push_back(std::move(part));
+  mk::buildImage(drive, images / "busy.img");
+  GuiFixture f({images / "busy.img"});
+  qt::MainWindow& w = *f.window;
+  // The counts as each of the scan's reports leaves them, while the page is shown.
+  std::vector<qlonglong> entries;
+  f.dispatcher->afterEach = [&] {
+    if (f.app->page() != Page::TreeProg) return;
+    const qlonglong n = textOf(w, Control::TreeProgEntriesField).toLongLong();
+    if (n <= 0 || (!entries.empty() && entries.back() == n)) return;
+    // Midway, for the manual's picture of the page.
+    if ((entries.empty() || entries.back() < 8000) && n >= 8000) f.snapshot(QStringLiteral("05-tree-prog"));
+    entries.push_back(n);
+  };
+  scanToTree(f);
+  f.dispatcher->afterEach = nullptr;
+  QCOMPARE(f.app->page(), Page::Tree);
+  QVERIFY2(entries.size() >= 3, "the counts went from nothing to the tree with little between");
+  QVERIFY(std::is_sorted(entries.begin(), entries.end()));
+  QVERIFY(entries.back() <= 20000 + 400 + 1);
 }
 
 void GuiTest::soundPreviewTellsItsDuration() {
@@ -302,6 +401,62 @@ void GuiTest::soundPreviewTellsItsDuration() {
   // Closing the window stops and drops the player.
   w.previewWindow()->close();
   QVERIFY(!w.previewWindow()->player());
+}
+
+void GuiTest::movieAndMp3PreviewsPlay() {
+  const std::filesystem::path media = std::filesystem::path(AMBREL_SOURCE_DIR) / "tests" / "qt" / "media";
+  auto fileOf = [&](const std::string& saved, const std::string& name) {
+    mk::EntrySpec e;
+    e.name = name;
+    e.data = readFile(media / saved);
+    return e;
+  };
+  TempDir images;
+  buildGptDrive(images / "media.img", "Media", {fileOf("clip.mp4", "clip.mp4"), fileOf("song.mp3", "song.mp3")});
+  GuiFixture f({images / "media.img"});
+  qt::MainWindow& w = *f.window;
+  scanToTree(f);
+  QCOMPARE(f.app->page(), Page::Tree);
+  f.answers["Information"] = 1;  // "Preview", past the advice to save the scan first
+  qt::TreeModel* model = w.treeModel();
+  qt::PreviewWindow* preview = w.previewWindow();
+  auto* status = qobject_cast<QLabel*>(w.control(Control::MovieStatus));
+  auto* duration = qobject_cast<QLabel*>(w.control(Control::MovieDuration));
+  auto open = [&](const QString& name) {
+    const QModelIndex at = childNamed(model, model->index(0, 0), name);
+    QVERIFY(at.isValid());
+    const QRect cell = w.treeView()->visualRect(at);
+    QTest::mouseClick(w.treeView()->viewport(), Qt::LeftButton, {}, cell.center());
+    QTest::mouseDClick(w.treeView()->viewport(), Qt::LeftButton, {}, cell.center());
+    QTRY_VERIFY_WITH_TIMEOUT(w.previewWindowVisible(), 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(!status->text().isEmpty(), 20000);
+  };
+
+  // The movie: its length, then its pictures once Play is clicked.
+  open(QStringLiteral("clip.mp4"));
+  QCOMPARE(status->text(), QStringLiteral("Click the Play button"));
+  QCOMPARE(duration->text(), QStringLiteral("Duration: 0:00:02"));
+  QVERIFY(preview->player()->hasVideo());
+  f.click(preview->playButton());
+  QTRY_VERIFY_WITH_TIMEOUT(preview->player()->position() > 0, 10000);
+  QVERIFY(preview->videoWidget()->isVisible());
+  QCOMPARE(preview->player()->error(), QMediaPlayer::NoError);
+  QCOMPARE(preview->playButton()->text(), QStringLiteral("Pause"));
+  preview->close();
+  QVERIFY(!preview->player());
+
+  // The MP3: its length, its cover from the ID3 tag, no picture area.
+  open(QStringLiteral("song.mp3"));
+  QCOMPARE(status->text(), QStringLiteral("Click the Play button"));
+  QCOMPARE(duration->text(), QStringLiteral("Duration: 0:00:02"));
+  QVERIFY(!preview->posterLabel()->pixmap().isNull());
+  const QColor cover = preview->posterLabel()->pixmap().toImage().pixelColor(10, 10);
+  QVERIFY2(cover.red() > 240 && cover.green() < 16 && cover.blue() < 16, qPrintable(cover.name()));  // the red cover
+  QVERIFY(!preview->videoWidget()->isVisible());
+  f.click(preview->playButton());
+  QTRY_VERIFY_WITH_TIMEOUT(preview->player()->position() > 0, 10000);
+  QCOMPARE(preview->player()->error(), QMediaPlayer::NoError);
+  preview->close();
 }
 
 void GuiTest::signaturePageAndRawSlider() {
