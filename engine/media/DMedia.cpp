@@ -288,7 +288,7 @@ bool DMedia::readOneSector(uint64_t sector, void* buffer) {
 PartitionTableKind DMedia::partitionTableKind() {
   uint8_t sectors[2][kSectorSize] = {};
   const bool first = readOneSector(0, sectors[0]);
-  if (!readOneSector(1, sectors[1])) return PartitionTableKind::None;
+  readOneSector(1, sectors[1]);  // zeros when unreadable: sector 0 alone decides
   return partitionTableKindOf(first, sectors[0], sectors[1]);
 }
 

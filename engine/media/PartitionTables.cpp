@@ -118,7 +118,9 @@ void DMedia::readAndInterpretMBR() {
 
 void DMedia::readAndInterpretGPT() {
   GUIDPartitionTableHeader hdr{};
-  readOneSector(1, &hdr);
+  // An unreadable primary header: the backup in the drive's last sector
+  // names the backup array, which lists the same partitions.
+  if (!readOneSector(1, &hdr) && sizeInSect > 2) readOneSector(sizeInSect - 1, &hdr);
   convertGPTHeader(&hdr);
   if (hdr.signature != kGPTSignature) return;
   const uint32_t entrySize = hdr.sizeOfPartitionEntry;
