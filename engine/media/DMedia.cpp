@@ -1,4 +1,5 @@
 #include "media/DMedia.h"
+#include "media/TableKind.h"
 
 #include <fcntl.h>
 #include <linux/fs.h>

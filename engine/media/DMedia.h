@@ -30,9 +30,6 @@ const char* partitionTableKindName(PartitionTableKind kind);
 // the boot signature is GPT, the boot signature alone is MBR (even when
 // sector 1 holds a partition-map signature), else a 'PM' in sector 1.
 PartitionTableKind partitionTableKindOf(const uint8_t* sector0, const uint8_t* sector1);
-// The same when sector 0 could not be read: a GPT header in sector 1 still
-// tells GPT, so that one bad sector does not hide every volume.
-PartitionTableKind partitionTableKindOf(bool sector0Read, const uint8_t* sector0, const uint8_t* sector1);
 
 class DMedia {
  public:

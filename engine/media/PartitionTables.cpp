@@ -6,6 +6,7 @@
 
 #include "base/Text.h"
 #include "media/DMedia.h"
+#include "media/TableKind.h"
 #include "media/NodeChecks.h"
 
 namespace ambrel {

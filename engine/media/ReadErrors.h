@@ -3,7 +3,6 @@
 // read was retried piece by piece) and B-tree nodes that could not be read
 // whole. Kept so that the final message and the command line's exit status
 // can tell the truth; written by the scanning thread only.
-#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <unordered_set>
@@ -40,9 +39,7 @@ class ReadErrors {
     const uint64_t key = &counter == &nodes_ ? ~sector : sector;
     if (seen_.size() < kRemembered && !seen_.insert(key).second) return;
     ++counter;
-    // A node and its first sector are one place to the reader.
-    if (listed_.size() < kListed && std::find(listed_.begin(), listed_.end(), sector) == listed_.end())
-      listed_.push_back(sector);
+    if (listed_.size() < kListed) listed_.push_back(sector);
   }
 
   uint64_t sectors_ = 0;
