@@ -65,7 +65,7 @@ bench: bench-deps $(BENCH_BUILD)/build.ninja
 	./tools/bench.sh $(BENCH_BUILD)
 
 # Real coverage-guided fuzzing (clang's libFuzzer); `make test` only replays the seed corpora.
-FUZZ_SECONDS ?= 60
+FUZZ_SECONDS ?= 600
 fuzz: deps build/fuzz/build.ninja
 	cmake --build build/fuzz -j $(JOBS) --target fuzzers
 	./tools/fuzz.sh build/fuzz $(FUZZ_SECONDS)

@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# Runs each libFuzzer harness of a fuzz build for a while, starting from its seeds.
+# Runs each libFuzzer harness of a fuzz build for a while (the second argument,
+# else FUZZ_SECONDS, else 600 s), starting from its seeds; 0 replays the seeds.
 # A harness may keep extra libFuzzer flags (a smaller -max_len, say) in
 # tests/fuzz/<harness>.flags; they come after the defaults and win over them.
 set -euo pipefail
 BUILD=${1:-build/fuzz}
-SECONDS_EACH=${2:-60}
+SECONDS_EACH=${2:-${FUZZ_SECONDS:-600}}
 
 # The harnesses are built with -fno-sanitize-recover=all so that undefined
 # behaviour ends a run the way an ASan finding does; make sure it still does.

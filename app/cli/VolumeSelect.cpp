@@ -62,6 +62,9 @@ PlistDict chooseVolume(const VolumeChoice& choice, CliController& controller, st
   }
   PlistArray volumes;
   media.initialize(volumes);
+  if (media.readErrors.any())
+    fmt::print(stderr, "ambrel-cli: {} in the partition table; volumes listed there may be missing\n",
+               media.readErrors.summary());
   if (volumes.empty()) {
     error = fmt::format("the partition table of {} lists no HFS+ or HFSX volume (try find-volumes, or --start and --sectors)",
                         choice.path);

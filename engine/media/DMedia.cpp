@@ -1,4 +1,5 @@
 #include "media/DMedia.h"
+#include "media/TableKind.h"
 
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -83,6 +84,16 @@ PartitionTableKind partitionTableKindOf(const uint8_t* sector0, const uint8_t* s
   convertPM(&pm);
   if (pm.pmSig == kPartitionMapSignature) return PartitionTableKind::ApplePartitionMap;
   return PartitionTableKind::None;
+}
+
+PartitionTableKind partitionTableKindOf(bool sector0Read, const uint8_t* sector0, const uint8_t* sector1) {
+  if (!sector0Read) {
+    GUIDPartitionTableHeader hdr;
+    std::memcpy(&hdr, sector1, sizeof hdr);
+    convertGPTHeader(&hdr);
+    if (hdr.signature == kGPTSignature) return PartitionTableKind::GPT;
+  }
+  return partitionTableKindOf(sector0, sector1);
 }
 
 DMedia::DMedia(const PlistDict& driveDict, AppControllerInterface* controller) {
@@ -277,8 +288,9 @@ bool DMedia::readOneSector(uint64_t sector, void* buffer) {
 
 PartitionTableKind DMedia::partitionTableKind() {
   uint8_t sectors[2][kSectorSize] = {};
-  if (!readOneSector(0, sectors[0]) || !readOneSector(1, sectors[1])) return PartitionTableKind::None;
-  return partitionTableKindOf(sectors[0], sectors[1]);
+  const bool first = readOneSector(0, sectors[0]);
+  readOneSector(1, sectors[1]);  // zeros when unreadable: sector 0 alone decides
+  return partitionTableKindOf(first, sectors[0], sectors[1]);
 }
 
 bool readAppSector(AppControllerInterface* appController, uint64_t sector, const std::string& path,

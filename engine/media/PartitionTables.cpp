@@ -6,6 +6,7 @@
 
 #include "base/Text.h"
 #include "media/DMedia.h"
+#include "media/TableKind.h"
 #include "media/NodeChecks.h"
 
 namespace ambrel {
@@ -13,8 +14,6 @@ namespace ambrel {
 namespace {
 
 constexpr uint8_t kHFSSystemID = 0xAF;
-constexpr size_t kMBRSystemIDOffset = 450;
-constexpr uint8_t kProtectiveMBRSystemID = 0xEE;
 // GPT type GUID 48465300-0000-11AA-AA11-00306543ECAC after conversion.
 constexpr uint64_t kHFSPlusGUIDHigh = 0x005346480000AA11ULL;
 constexpr uint64_t kHFSPlusGUIDLow = 0xAA1100306543ECACULL;
@@ -55,21 +54,22 @@ void DMedia::initialize(PlistArray& partitionList) {
   readErrors.clear();
   uint8_t sector0[kSectorSize] = {};
   uint8_t sector1[kSectorSize] = {};
-  readOneSector(0, sector0);
+  const bool first = readOneSector(0, sector0);
   readOneSector(1, sector1);
-  PartitionMap pm;
-  std::memcpy(&pm, sector1, sizeof pm);
-  convertPM(&pm);
-  const bool bootSignature = sector0[510] == 0x55 && sector0[511] == 0xAA;
-  if (bootSignature && sector0[kMBRSystemIDOffset] == kProtectiveMBRSystemID) {
-    readAndInterpretGPT();
-    getVolumeNamesGPT();
-  } else if (bootSignature) {
-    readAndInterpretMBR();
-    getVolumeNamesGPT();  // the same naming pass serves MBR volumes
-  } else if (pm.pmSig == kPartitionMapSignature) {
-    readAndInterpretPM();
-    getVolumeNamesPM();
+  switch (partitionTableKindOf(first, sector0, sector1)) {
+    case PartitionTableKind::GPT:
+      readAndInterpretGPT();
+      getVolumeNamesGPT();
+      break;
+    case PartitionTableKind::MBR:
+      readAndInterpretMBR();
+      getVolumeNamesGPT();  // the same naming pass serves MBR volumes
+      break;
+    case PartitionTableKind::ApplePartitionMap:
+      readAndInterpretPM();
+      getVolumeNamesPM();
+      break;
+    case PartitionTableKind::None: break;
   }
   for (const auto& v : volumePMArray) partitionList.push_back(v);
 }
@@ -119,7 +119,9 @@ void DMedia::readAndInterpretMBR() {
 
 void DMedia::readAndInterpretGPT() {
   GUIDPartitionTableHeader hdr{};
-  readOneSector(1, &hdr);
+  // An unreadable primary header: the backup in the drive's last sector
+  // names the backup array, which lists the same partitions.
+  if (!readOneSector(1, &hdr) && sizeInSect > 2) readOneSector(sizeInSect - 1, &hdr);
   convertGPTHeader(&hdr);
   if (hdr.signature != kGPTSignature) return;
   const uint32_t entrySize = hdr.sizeOfPartitionEntry;

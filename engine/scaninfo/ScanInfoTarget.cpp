@@ -81,6 +81,15 @@ std::optional<ScanInfoError> checkScanInfoDestination(const std::string& path, c
                          fmt::format("The scan info file \"{}\" could not be written: {}.", path, std::strerror(errno))};
   }
 
+  // The file is written beside its target and renamed over it: a folder that
+  // cannot take a new file (read-only, not ours) is told now, not after a
+  // scan that may take hours.
+  const size_t cut = where.rfind('/');
+  const std::string folder = cut == std::string::npos ? "." : cut == 0 ? "/" : where.substr(0, cut);
+  if (::faccessat(AT_FDCWD, folder.c_str(), W_OK | X_OK, AT_EACCESS) != 0)
+    return ScanInfoError{kTitle,
+                         fmt::format("The scan info file \"{}\" could not be written: {}.", path, std::strerror(errno))};
+
   struct stat drive {};
   if (exists && !drivePath.empty() && ::stat(drivePath.c_str(), &drive) == 0) {
     bool isDrive = sameFile(target, drive);

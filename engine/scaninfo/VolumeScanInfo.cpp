@@ -60,8 +60,10 @@ std::optional<ScanInfoError> saveScanInfo(const std::string& path, Volume& volum
   info.volume = volumeArchiveOf(volume);
   if (volume.volumeScanType == 0 || volume.volumeScanType == 1) info.partitionList = partitionList;
   if (volume.volumeScanType != 2) {
+    // The drive's identity: a bad sector among them is kept as zeros (the
+    // same zeros a later look gives) and noted, never left unsaid.
     info.first5Sectors.assign(kScanInfoDriveBytes, 0);
-    volume.readSector(0, 5, info.first5Sectors.data());
+    volume.readSectorsSalvaging(0, kScanInfoDriveBytes / kSectorSize, info.first5Sectors.data());
   }
   auto error = writeScanInfo(path, info, *volume.dirRoot, controller, entriesWritten);
   if (!error) volume.scanInfoSaved = true;
@@ -96,7 +98,9 @@ int findScanInfoDrive(const Volume& volume, const std::vector<uint8_t>& first5Se
     // A DMedia reads the identity the way the volume's was read when saved.
     DMedia drive(*dict, nullptr);
     std::fill(sectors.begin(), sectors.end(), 0);
-    if (!drive.readSector(0, 5, sectors.data())) continue;
+    if (drive.readSectorsSalvaging(0, kScanInfoDriveBytes / kSectorSize, sectors.data()) ==
+        kScanInfoDriveBytes / kSectorSize)
+      continue;
     if (sectors == first5Sectors && drive.model == volume.model && drive.serial == volume.serial)
       return static_cast<int>(i);
   }
