@@ -34,6 +34,7 @@ class RowBuffer {
     if (buf_.size() >= kFlushAt) flush();
   }
   void put(char c) { buf_.push_back(c); }
+  std::string& raw() { return buf_; }
   void put(std::string_view s) { buf_.append(s); }
   template <class Int>
   void number(Int n) {
@@ -100,31 +101,73 @@ class RowBuffer {
   std::string buf_;
 };
 
-// Printable ASCII other than the escape characters passes through a TSV
-// cell or a JSON string as it is; anything else takes the full escaping.
-bool plainText(std::string_view text, bool json) {
-  for (const char ch : text) {
-    const auto c = static_cast<unsigned char>(ch);
-    if (c < 0x20 || c >= 0x7F || c == '\\' || (json && c == '"')) return false;
-  }
-  return true;
-}
-
 // TSV cells cannot hold tabs or line breaks, and a listing must not carry a
 // name's control characters to a terminal: those are escaped, and so is the
-// backslash that starts an escape. JSON strings are quoted.
-void putPath(RowBuffer& out, const std::string& pathName, const std::string& name, bool json) {
-  if (plainText(pathName, json) && plainText(name, json)) {
-    if (json) out.put('"');
-    out.put(pathName);
-    out.put('/');
-    out.put(name);
-    if (json) out.put('"');
-    return;
+// backslash that starts an escape (as escapedControls). JSON strings escape
+// as jsonQuote. Both first make the text valid UTF-8, each bad byte U+FFFD;
+// done here in one pass without a string per cell. A path's parts are
+// escaped one by one: "/" ends any UTF-8 sequence, so it comes out the same.
+void putEscaped(std::string& out, std::string_view text, bool json) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  for (size_t i = 0; i < text.size();) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (c >= 0x80) {
+      const size_t n = utf8SequenceLength(text.substr(i));
+      if (n == 0) {
+        out += "\xEF\xBF\xBD";
+        ++i;
+        continue;
+      }
+      // U+0080 to U+009F, which some terminals take as commands.
+      const auto next = static_cast<unsigned char>(text[i + 1]);
+      if (!json && c == 0xC2 && next < 0xA0) {
+        out += "\\u00";
+        out += kHex[next >> 4];
+        out += kHex[next & 15];
+      } else {
+        out.append(text.substr(i, n));
+      }
+      i += n;
+      continue;
+    }
+    ++i;
+    if (c == '\t') out += "\\t";
+    else if (c == '\n') out += "\\n";
+    else if (c == '\r') out += "\\r";
+    else if (c == '\\') out += "\\\\";
+    else if (json && c == '"') out += "\\\"";
+    else if (c < 0x20 || c == 0x7F) {
+      out += json ? "\\u00" : "\\x";
+      out += kHex[c >> 4];
+      out += kHex[c & 15];
+    } else {
+      out += static_cast<char>(c);
+    }
   }
-  const std::string path = pathName + "/" + name;
-  out.put(json ? jsonQuote(path) : escapedControls(path, true));
 }
+
+// The rows of one folder share its path: escaped once for all of them.
+class PathCells {
+ public:
+  explicit PathCells(bool json) : json_(json) {}
+  void put(RowBuffer& out, const std::string& pathName, const std::string& name) {
+    if (pathName != pathName_) {
+      pathName_ = pathName;
+      escaped_.clear();
+      putEscaped(escaped_, pathName, json_);
+    }
+    std::string& buf = out.raw();
+    if (json_) buf += '"';
+    buf += escaped_;
+    buf += '/';
+    putEscaped(buf, name, json_);
+    if (json_) buf += '"';
+  }
+
+ private:
+  bool json_;
+  std::string pathName_ = "\n", escaped_;  // no path is "\n"
+};
 
 }  // namespace
 
@@ -148,6 +191,7 @@ void writeTreeListing(const HDIR& root, ListingFormat format, std::FILE* out) {
     row.put('\n');
   }
   bool first = true;
+  PathCells paths(json);
   // A folder link lists its folder's entries below it; one that leads back is listed, not entered.
   forEachThroughLinks(root, [&](const HDIR& entry, const std::string& pathName) {
     const HDIR* e = &entry;
@@ -159,7 +203,7 @@ void writeTreeListing(const HDIR& root, ListingFormat format, std::FILE* out) {
     const char* confidence = e->fileType == kHDIRFolder ? "" : confidenceText(e->confidence);
     if (json) {
       row.put(first ? "\n{\"path\":" : ",\n{\"path\":");
-      putPath(row, pathName, e->fileName(), true);
+      paths.put(row, pathName, e->fileName());
       row.put(",\"type\":\"");
       row.put(type);
       row.put("\",\"fileID\":");
@@ -186,7 +230,7 @@ void writeTreeListing(const HDIR& root, ListingFormat format, std::FILE* out) {
       row.put(confidence);
       row.put("\"}");
     } else {
-      putPath(row, pathName, e->fileName(), false);
+      paths.put(row, pathName, e->fileName());
       row.put('\t');
       row.put(type);
       row.put('\t');
