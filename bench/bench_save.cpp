@@ -1,6 +1,7 @@
 // Saving a 4 GB set of files from an image in the page cache against `cp` of
 // the same number of bytes (the image itself) to the same folder, in one run;
-// prints the ratio of the best pass of each (the budget is at least 70 %).
+// prints the best and median pass of each and the ratio of the best ones (the
+// budget is at least 90 %).
 //
 // The image: a bare HFS+ volume from the image builder holding 64 files of
 // 64 MiB, some in several extents, with generated content. Made once in
@@ -65,14 +66,19 @@ double secondsOf(std::chrono::steady_clock::time_point start) {
 // The best of the passes: on a shared machine a pass is only ever slowed
 // down by others, so the fastest one is the closest to what the code costs.
 double best(const std::vector<double>& v) { return v.empty() ? 0 : *std::max_element(v.begin(), v.end()); }
+double median(std::vector<double> v) {
+  if (v.empty()) return 0;
+  std::sort(v.begin(), v.end());
+  return v[v.size() / 2];
+}
 
 void warm(const std::string& path) {
   std::string cmd = "cat '" + path + "' > /dev/null";
   if (std::system(cmd.c_str()) != 0) std::abort();
 }
 
-double gCpBytesPerSecond = 0;
-double gSaveBytesPerSecond = 0;
+double gCpBytesPerSecond = 0, gCpMedian = 0;
+double gSaveBytesPerSecond = 0, gSaveMedian = 0;
 
 // Each pass copies the image with cp and saves every file once, so that both
 // meet the same load on a shared machine; syncs keep one pass's writeback
@@ -122,6 +128,8 @@ void BM_SaveAgainstCp(benchmark::State& state) {
   fs::remove_all(out);
   gCpBytesPerSecond = best(cpRates);
   gSaveBytesPerSecond = best(saveRates);
+  gCpMedian = median(cpRates);
+  gSaveMedian = median(saveRates);
   state.counters["cp_GBps"] = gCpBytesPerSecond / 1e9;
   state.counters["save_GBps"] = gSaveBytesPerSecond / 1e9;
   state.counters["saved_GB"] = static_cast<double>(saved) / 1e9;
@@ -136,9 +144,11 @@ int main(int argc, char** argv) {
   benchmark::Shutdown();
   if (gCpBytesPerSecond > 0 && gSaveBytesPerSecond > 0) {
     const double ratio = gSaveBytesPerSecond / gCpBytesPerSecond;
-    std::printf("save: best %.2f GB/s, cp: best %.2f GB/s, ratio %.1f %% (budget >= 70 %%): %s\n", gSaveBytesPerSecond / 1e9,
-                gCpBytesPerSecond / 1e9, ratio * 100, ratio >= 0.7 ? "within budget" : "OVER BUDGET");
-    return ratio >= 0.7 ? 0 : 1;
+    std::printf("save: best %.2f GB/s median %.2f GB/s, cp: best %.2f GB/s median %.2f GB/s, ratio of the best %.1f %% "
+                "(budget >= 90 %%): %s\n",
+                gSaveBytesPerSecond / 1e9, gSaveMedian / 1e9, gCpBytesPerSecond / 1e9, gCpMedian / 1e9, ratio * 100,
+                ratio >= 0.9 ? "within budget" : "OVER BUDGET");
+    return ratio >= 0.9 ? 0 : 1;
   }
   return 0;
 }

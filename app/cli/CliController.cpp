@@ -8,12 +8,46 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <memory>
+#include <vector>
 
 #include "media/DMedia.h"
 #include "output/Saver.h"
 #include "tree/HDIR.h"
 
 namespace ambrel::cli {
+
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kLeakChecked = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+constexpr bool kLeakChecked = true;
+#else
+constexpr bool kLeakChecked = false;
+#endif
+#else
+constexpr bool kLeakChecked = false;
+#endif
+
+std::vector<std::shared_ptr<void>>& keptObjects() {
+  static std::vector<std::shared_ptr<void>> kept;
+  return kept;
+}
+
+}  // namespace
+
+void keepUntilExit(std::shared_ptr<void> object) { keptObjects().push_back(std::move(object)); }
+
+int finish(int status) {
+  std::fflush(stdout);
+  std::fflush(stderr);
+  if (!kLeakChecked && !keptObjects().empty()) ::_exit(status);
+  // Freed here rather than among the statics, which may be gone by then.
+  keptObjects().clear();
+  return status;
+}
 
 int CliController::alert(const std::string& title, const std::string& message, const std::vector<std::string>&) {
   std::lock_guard lock(mutex_);

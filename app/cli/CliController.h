@@ -72,6 +72,15 @@ class CliController : public AppControllerInterface {
 // not be read; else `status`.
 int readOutcome(const DMedia& media, const CliController& controller, int status, const char* consequence);
 
+// Hands `object` (a scanned volume and its tree) to the end of the process.
+// Freeing millions of entries one by one costs as much as listing them, and
+// the system takes the memory back at once: main() then ends the process
+// without destructors, after flushing, unless a leak checker is watching.
+void keepUntilExit(std::shared_ptr<void> object);
+// main()'s end: flushes the standard streams and ends the process with
+// `status`, leaving what keepUntilExit() holds to the system.
+int finish(int status);
+
 // What a save did, on stdout (counts) and stderr (the names of what failed,
 // was renamed, or may hold wrong content).
 void printSaveResult(const SaveResult& r, const std::string& destination);

@@ -45,6 +45,7 @@ int listScanInfo(const TreeOptions& opt) {
   }
   writeTreeListing(*result.opened->volume->dirRoot, opt.format == "json" ? ListingFormat::Json : ListingFormat::Tsv,
                    stdout);
+  keepUntilExit(std::move(result.opened->volume));
   return 0;
 }
 
@@ -53,11 +54,13 @@ int runTree(TreeOptions& opt) {
   CliController controller;
   std::string error;
   PlistArray volumeList;
-  auto volume = openVolume(opt.choice, controller, error, &volumeList);
-  if (!volume) {
+  auto opened = openVolume(opt.choice, controller, error, &volumeList);
+  if (!opened) {
     fmt::print(stderr, "ambrel-cli: {}\n", error);
     return 2;
   }
+  std::shared_ptr<Volume> volume = std::move(opened);
+  keepUntilExit(volume);
   // Refused before a scan that may take hours, not after it.
   if (!opt.saveScanInfoPath.empty()) {
     if (auto refusal = checkScanInfoDestination(opt.saveScanInfoPath, volume->path)) {

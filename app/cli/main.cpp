@@ -108,7 +108,7 @@ int main(int argc, char** argv) {
   // ends the command with a message and a status, never an abort.
   try {
     if (*infoCmd) return runInfo(info);
-    if (run) return run();
+    if (run) return cli::finish(run());
   } catch (const std::bad_alloc&) {
     std::fflush(stdout);
     fmt::print(stderr, "\nambrel-cli: out of memory; the command was stopped here\n");

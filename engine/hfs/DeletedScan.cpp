@@ -394,16 +394,16 @@ void Volume::collectLiveFiles() {
         privateDataFolderID_ = folder.folderID;
       HFSPlusCatalogFile_ file;
       if (!rec.ok() || rec.recordType != kHFSPlusFileRecord || !rec.file(file)) continue;
-      FileVersion v;
+      std::vector<Extent> data, rsrc;
       for (const auto& e : file.dataFork.extents.extDesc) {
         if (e.startBlock == 0) break;
-        v.data.push_back({e.startBlock, e.blockCount});
+        data.push_back({e.startBlock, e.blockCount});
       }
       for (const auto& e : file.resourceFork.extents.extDesc) {
         if (e.startBlock == 0) break;
-        v.rsrc.push_back({e.startBlock, e.blockCount});
+        rsrc.push_back({e.startBlock, e.blockCount});
       }
-      filesMet_[file.fileID].push_back(std::move(v));
+      filesMet_.add(file.fileID, data, rsrc);
     }
     number = d.fLink;
   }
@@ -417,10 +417,11 @@ void Volume::flagReusedDeletedFiles() {
   for (HDIR* f : deletedScanFiles_) {
     if (stopTreeThread) break;
     if (!f || f->confidence != Confidence::Sure) continue;
-    bool live = false;
-    if (auto it = filesMet_.find(f->fileID); it != filesMet_.end())
-      for (const FileVersion& v : it->second)
-        live |= v.data == firstEight(f->dataExt) && v.rsrc == firstEight(f->rscExt);
+    const auto data = firstEight(f->dataExt), rsrc = firstEight(f->rscExt);
+    const bool live = filesMet_.anyOf(f->fileID, [&](FileVersions::Extents d, FileVersions::Extents r) {
+      return std::equal(d.begin(), d.end(), data.begin(), data.end()) &&
+             std::equal(r.begin(), r.end(), rsrc.begin(), rsrc.end());
+    });
     if (!live && (blocksInUse(f->dataExt) || blocksInUse(f->rscExt))) f->confidence = Confidence::BlocksReused;
   }
   deletedScanFiles_.clear();

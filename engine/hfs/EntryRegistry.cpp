@@ -12,29 +12,28 @@ namespace ambrel {
 
 namespace {
 
-bool startsWith(const std::vector<Extent>& whole, const std::vector<Extent>& part) {
+bool startsWith(FileVersions::Extents whole, const std::vector<Extent>& part) {
   return part.size() <= whole.size() && std::equal(part.begin(), part.end(), whole.begin());
 }
+
+bool same(FileVersions::Extents a, const std::vector<Extent>& b) { return std::equal(a.begin(), a.end(), b.begin(), b.end()); }
 
 }  // namespace
 
 bool Volume::fileMetBefore(const HDIR& e, bool incomplete) {
-  auto& versions = filesMet_[e.fileID];
-  for (const FileVersion& v : versions) {
-    if (v.data == e.dataExt && v.rsrc == e.rscExt) return true;
+  const bool met = filesMet_.anyOf(e.fileID, [&](FileVersions::Extents data, FileVersions::Extents rsrc) {
+    if (same(data, e.dataExt) && same(rsrc, e.rscExt)) return true;
     // A copy that lacks the overflow extents of a file met whole.
-    if (incomplete && startsWith(v.data, e.dataExt) && startsWith(v.rsrc, e.rscExt)) return true;
-  }
-  versions.push_back({e.dataExt, e.rscExt});
-  return false;
+    return incomplete && startsWith(data, e.dataExt) && startsWith(rsrc, e.rscExt);
+  });
+  if (!met) filesMet_.add(e.fileID, e.dataExt, e.rscExt);
+  return met;
 }
 
 bool Volume::otherVersionMet(const HDIR& e) const {
-  auto it = filesMet_.find(e.fileID);
-  if (it == filesMet_.end()) return false;
-  for (const FileVersion& v : it->second)
-    if (v.data != e.dataExt || v.rsrc != e.rscExt) return true;
-  return false;
+  return filesMet_.anyOf(e.fileID, [&](FileVersions::Extents data, FileVersions::Extents rsrc) {
+    return !same(data, e.dataExt) || !same(rsrc, e.rscExt);
+  });
 }
 
 void Volume::noteFolderThread(uint32_t folderID, uint32_t parentID, std::string name, bool live) {
@@ -74,17 +73,17 @@ void Volume::flagReusedBlocks() {
   // Every run of blocks of every file met, with the version it belongs to.
   struct Run {
     uint64_t start, end;
-    const FileVersion* owner;
+    uint32_t owner;  // version index in filesMet_
   };
   std::vector<Run> runs;
   uint64_t longest = 0;
-  for (const auto& [id, versions] : filesMet_)
-    for (const FileVersion& v : versions)
-      for (const auto* list : {&v.data, &v.rsrc})
-        for (const Extent& e : *list) {
-          runs.push_back({e.startBlock, uint64_t{e.startBlock} + e.blockCount, &v});
-          longest = std::max<uint64_t>(longest, e.blockCount);
-        }
+  filesMet_.forEach([&](uint32_t version, FileVersions::Extents data, FileVersions::Extents rsrc) {
+    for (const FileVersions::Extents list : {data, rsrc})
+      for (const Extent& e : list) {
+        runs.push_back({e.startBlock, uint64_t{e.startBlock} + e.blockCount, version});
+        longest = std::max<uint64_t>(longest, e.blockCount);
+      }
+  });
   std::sort(runs.begin(), runs.end(), [](const Run& a, const Run& b) { return a.start < b.start; });
   auto overlapsAnother = [&](const HDIR& f) {
     for (const auto* list : {&f.dataExt, &f.rscExt})
@@ -93,7 +92,8 @@ void Volume::flagReusedBlocks() {
         auto it = std::lower_bound(runs.begin(), runs.end(), s > longest ? s - longest : 0,
                                    [](const Run& r, uint64_t v) { return r.start < v; });
         for (; it != runs.end() && it->start < end; ++it)
-          if (it->end > s && !(it->owner->data == f.dataExt && it->owner->rsrc == f.rscExt)) return true;
+          if (it->end > s && !(same(filesMet_.data(it->owner), f.dataExt) && same(filesMet_.rsrc(it->owner), f.rscExt)))
+            return true;
       }
     return false;
   };

@@ -17,6 +17,7 @@
 
 #include "hfs/AttributesTree.h"
 #include "hfs/CatalogRecords.h"
+#include "hfs/FileVersions.h"
 #include "media/DMedia.h"
 #include "tree/HDIR.h"
 
@@ -316,10 +317,7 @@ class Volume : public DMedia {
 
   // One file as the scans met it: where its forks lie. Same ID, same blocks:
   // the same file, listed once.
-  struct FileVersion {
-    std::vector<Extent> data, rsrc;
-  };
-  std::unordered_map<uint32_t, std::vector<FileVersion>> filesMet_;
+  FileVersions filesMet_;
   std::unordered_set<uint32_t> foldersMet_;
   struct FolderThread {
     uint32_t parentID = 0;

@@ -1,9 +1,14 @@
 #include "tree/HDIR.h"
 
 #include <algorithm>
+#include <bit>
+#include <functional>
+#include <string_view>
 #include <utility>
 
 namespace ambrel {
+
+HDIR::HDIR() = default;
 
 HDIR::~HDIR() {
   // Flatten instead of recursing: a deep chain would exhaust the stack.
@@ -99,15 +104,44 @@ int64_t HDIR::countChildrenSelectedInArray(const ChildArray& array) {
   return count;
 }
 
+// A folder's children by name, the first added of each name: open
+// addressing over the children themselves, 16 bytes a child where a hash
+// map's node and bucket cost over 50 and an allocation each.
+struct HDIR::NameIndex {
+  std::vector<HDIR*> slots;  // nullptr: empty
+  size_t count = 0;
+
+  HDIR*& slotFor(std::string_view name) {
+    const size_t mask = slots.size() - 1;
+    size_t i = std::hash<std::string_view>{}(name) & mask;
+    while (slots[i] && slots[i]->fileName_ != name) i = (i + 1) & mask;
+    return slots[i];
+  }
+  void add(HDIR* child) {
+    if ((count + 1) * 2 > slots.size()) {
+      std::vector<HDIR*> old(std::max<size_t>(16, slots.size() * 2), nullptr);
+      old.swap(slots);
+      for (HDIR* c : old)
+        if (c) slotFor(c->fileName_) = c;
+    }
+    HDIR*& slot = slotFor(child->fileName_);
+    if (!slot) {
+      slot = child;
+      ++count;
+    }
+  }
+};
+
+void HDIR::dropNameIndex() { nameIndex_.reset(); }
+
 HDIR* HDIR::firstChildNamed(std::string_view name) {
   if (children_.empty()) return nullptr;
   if (!nameIndex_) {
-    nameIndex_ = std::make_unique<std::unordered_map<std::string_view, HDIR*>>();
-    nameIndex_->reserve(children_.size());
-    for (const auto& c : children_) nameIndex_->emplace(c->fileName_, c.get());
+    nameIndex_ = std::make_unique<NameIndex>();
+    nameIndex_->slots.assign(std::max<size_t>(16, std::bit_ceil(children_.size() * 2)), nullptr);
+    for (const auto& c : children_) nameIndex_->add(c.get());
   }
-  auto it = nameIndex_->find(name);
-  return it == nameIndex_->end() ? nullptr : it->second;
+  return nameIndex_->slotFor(name);
 }
 
 const char* confidenceText(Confidence c) {
@@ -189,7 +223,7 @@ HDIR* HDIR::append(std::unique_ptr<HDIR> child) {
   HDIR* added = child.get();
   added->holder_ = this;
   children_.push_back(std::move(child));
-  if (nameIndex_) nameIndex_->emplace(added->fileName_, added);
+  if (nameIndex_) nameIndex_->add(added);
   propagateSelected(this, added->contribution());
   return added;
 }

@@ -61,7 +61,7 @@ class HDIR {
  public:
   using ChildArray = std::vector<std::unique_ptr<HDIR>>;
 
-  HDIR() = default;
+  HDIR();
   ~HDIR();
   HDIR(const HDIR&) = delete;
   HDIR& operator=(const HDIR&) = delete;
@@ -71,10 +71,10 @@ class HDIR {
   uint32_t modDate = 0;
   uint32_t parentID = 0;
   uint32_t fileID = 0;
+  uint32_t fileCount = 0;  // here and linkID below: no padding, 248 bytes an entry
   uint64_t fileSize = 0;
   uint64_t dataSize = 0;
   uint64_t rscSize = 0;
-  uint32_t fileCount = 0;
   std::vector<Extent> dataExt;
   std::vector<Extent> rscExt;
   int32_t blockSize = 0;
@@ -87,12 +87,12 @@ class HDIR {
   // resource fork, rscExt over compressedSize bytes (even types); rscSize is
   // 0, as the file has no resource fork of its own.
   uint32_t compressionType = 0;
+  uint32_t linkID = 0;  // see linkKind
   uint64_t compressedSize = 0;
   // A link: for a file hard link the ID of the file whose content it shares
   // (resolved by the scan into its own forks), for a folder link the folder
   // it shows (never copied: walks look it up by linkID in btreeHDIR).
   LinkKind linkKind = LinkKind::None;
-  uint32_t linkID = 0;
   EntryOrigin origin = EntryOrigin::Catalog;
   Confidence confidence = Confidence::Sure;
   HDIR* parent = nullptr;                       // not owned
@@ -190,7 +190,7 @@ class HDIR {
   // Adds d to `from`'s count and carries the change of each contribution up.
   static void propagateSelected(HDIR* from, int64_t d);
   HDIR* append(std::unique_ptr<HDIR> child);
-  void dropNameIndex() { nameIndex_.reset(); }
+  void dropNameIndex();
   // Clears the table items that point into the subtree of `top` (held by `holder`).
   static void forgetSubtreeInTables(const HDIR& top, const HDIR* holder);
 
@@ -200,7 +200,8 @@ class HDIR {
   ChildArray children_;
   HDIR* holder_ = nullptr;
   int64_t selectedBelow_ = 0;
-  std::unique_ptr<std::unordered_map<std::string_view, HDIR*>> nameIndex_;
+  struct NameIndex;
+  std::unique_ptr<NameIndex> nameIndex_;
 };
 
 // How a folder's name appears inside the paths below it: "/" cannot separate

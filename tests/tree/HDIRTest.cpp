@@ -164,6 +164,22 @@ TEST(HDIR, FirstChildNamedFollowsAddsRenamesAndRemovals) {
   EXPECT_EQ(dir.firstChildNamed("b"), b);
 }
 
+// The index is built on first use and then kept up by every add, growing
+// many times over: each name must still lead to the first child of that name.
+TEST(HDIR, FirstChildNamedKeepsTheFirstOfEachNameAsTheFolderGrows) {
+  HDIR dir;
+  std::vector<HDIR*> first(1000, nullptr);
+  first[0] = dir.addChild(entry(kHDIRFile, 0, "n0"));
+  EXPECT_EQ(dir.firstChildNamed("n0"), first[0]);
+  for (uint32_t i = 1; i < 3000; ++i) {
+    HDIR* added = dir.addChild(entry(kHDIRFile, i, "n" + std::to_string(i % 1000)));
+    if (!first[i % 1000]) first[i % 1000] = added;
+  }
+  for (uint32_t k = 0; k < 1000; ++k) ASSERT_EQ(dir.firstChildNamed("n" + std::to_string(k)), first[k]) << k;
+  EXPECT_EQ(dir.firstChildNamed("n1000"), nullptr);
+  EXPECT_EQ(dir.firstChildNamed(""), nullptr);
+}
+
 TEST(HDIR, DeepChainIsDestroyedWithoutRecursion) {
   auto top = std::make_unique<HDIR>();
   HDIR* at = top.get();
