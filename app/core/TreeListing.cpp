@@ -44,7 +44,7 @@ std::string hfsDateText(uint32_t hfsSeconds) {
   return buf;
 }
 
-void writeTreeListing(const HDIR& root, ListingFormat format, std::FILE* out) {
+void writeTreeListing(const HDIR& root, ListingFormat format, std::FILE* out, const FilteredTree* filter) {
   const bool json = format == ListingFormat::Json;
   if (json) {
     fmt::print(out, "[");
@@ -55,6 +55,7 @@ void writeTreeListing(const HDIR& root, ListingFormat format, std::FILE* out) {
   bool first = true;
   // A folder link lists its folder's entries below it; one that leads back is listed, not entered.
   forEachThroughLinks(root, [&](const HDIR& entry, const std::string& pathName) {
+    if (filter && !filter->keeps(entry)) return false;
     const HDIR* e = &entry;
     const std::string path = pathName + "/" + e->fileName();
     const char* type = e->linkKind == LinkKind::Symlink  ? "symlink"

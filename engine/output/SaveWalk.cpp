@@ -170,6 +170,12 @@ void Saver::Walk::saveChildren(Frame& f) {
     if (saver.aborting()) return;
     const HDIR& c = *children[i];
     if (!f.all && c.selected() != 1) continue;
+    if (saver.options_.filter && !saver.options_.filter->keeps(c)) continue;
+    if (savedAtLinks.count(&c)) {
+      // A private folder left out whole counts its entries.
+      saver.result_.savedAtLinks += f.dir == &saver.root_ ? static_cast<uint32_t>(c.children().size()) : 1;
+      continue;
+    }
     if (c.fileType == kHDIRFolder) {
       auto made = create(f.fd.get(), names, c, Kind::Folder);
       if (!made) {
@@ -414,6 +420,7 @@ void Saver::Walk::pop() {
 void Saver::Walk::run(const std::string& destination) {
   const HDIR& root = saver.root_;
   if (root.selected() != 1) return;
+  savedAtLinks = linkedPrivateEntries(root);
   Fd dest(::open(destination.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (dest.get() < 0) {
     ++saver.result_.failedCreates;

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -77,6 +78,8 @@ struct Saver::Walk {
 
   Saver& saver;
   bool canSaveSlashes = true;
+  // Private-folder entries saved at their links instead.
+  std::unordered_set<const HDIR*> savedAtLinks;
   std::vector<Frame> frames;
 
   void run(const std::string& destination);

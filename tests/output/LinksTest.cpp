@@ -116,7 +116,8 @@ TEST(Links, FolderLinkLoopIsListedAndSavedOnce) {
   EXPECT_GE(refused, 3u);  // A/back, B/toA/back, and the private folder's own copy
 
   const SaveResult r = saveAll(v, dir / "out");
-  EXPECT_GE(r.linkLoops, 3u);
+  // A/back and B/toA/back; A's one copy in the private folder is saved at its links only.
+  EXPECT_EQ(r.linkLoops, 2u);
   const fs::path root = dir / "out/Root";
   EXPECT_EQ(readFile(root / "B/toA/x.txt"), std::vector<uint8_t>{'x'});
   EXPECT_TRUE(fs::is_directory(root / "A/back"));
@@ -177,4 +178,48 @@ TEST(Links, MacVolumeHardLinksAndSymlinkMatchTheSleuthKit) {
   const auto target = icat(image, 0, 24);
   ASSERT_TRUE(fs::is_symlink(dir / "out/Root/files/third"));
   EXPECT_EQ(fs::read_symlink(dir / "out/Root/files/third").string(), std::string(target.begin(), target.end()));
+}
+
+TEST(Links, PrivateFoldersAreSavedOnlyWhereNoLinkReachesTheirEntries) {
+  TempDir dir;
+  const BuiltVolume b = buildAndScan(dir, backupVolume());
+  Volume& v = *b.scan.volume;
+  ASSERT_EQ(v.linksUnresolved, 0u);
+  const std::set<std::string> everySnapshot = {"2024-01-01", "2024-02-01", "latest", "outside"};
+  auto topLevel = [](const fs::path& root) {
+    std::set<std::string> names;
+    for (const auto& e : fs::directory_iterator(root)) names.insert(e.path().filename().string());
+    return names;
+  };
+  // Listed as the volume holds them.
+  std::set<std::string> listedTop;
+  for (const auto& c : v.dirRoot->children()) listedTop.insert(c->fileName());
+  EXPECT_TRUE(listedTop.count(kPrivateDataName));
+  EXPECT_TRUE(listedTop.count(kPrivateDirectoryName));
+
+  // The notes' iNode and Photos' dir_N are saved at their links, not again as clutter.
+  const SaveResult r = saveAll(v, dir / "out");
+  EXPECT_FALSE(r.anyFailure());
+  EXPECT_EQ(r.savedAtLinks, 2u);
+  EXPECT_EQ(topLevel(dir / "out/Root"), everySnapshot);
+
+  // With both names of the notes lost, its iNode is the only copy left: saved there.
+  const HDIR* inode = nullptr;
+  for (const auto& c : v.dirRoot->children())
+    if (c->fileName() == kPrivateDataName && !c->children().empty()) inode = c->childAtIndex(0);
+  ASSERT_NE(inode, nullptr);
+  for (const auto& snapshot : v.dirRoot->children())
+    snapshot->removeChildrenIf([](const HDIR& e) { return e.fileName() == "notes.txt"; });
+  const SaveResult lost = saveAll(v, dir / "lost");
+  EXPECT_EQ(lost.savedAtLinks, 1u);
+  const auto saved = filesUnder(dir / "lost/Root");
+  const std::vector<uint8_t> notesText = {'f', 'i', 'r', 's', 't', ' ', 'n', 'o', 't', 'e', 's', '\n'};
+  size_t copies = 0;
+  for (const auto& [path, bytes] : saved)
+    if (path.size() > inode->fileName().size() && path.substr(path.size() - inode->fileName().size()) == inode->fileName()) {
+      EXPECT_EQ(bytes, notesText) << path;
+      ++copies;
+    }
+  EXPECT_EQ(copies, 1u);
+  EXPECT_EQ(topLevel(dir / "lost/Root").size(), everySnapshot.size() + 1);
 }
