@@ -330,7 +330,7 @@ void Saver::Walk::saveFile(Frame& f, Names& names, const HDIR& c) {
   const bool cutShort = !aborted && ((!compressed && data.written < c.dataSize) || rsrc.written < c.rscSize);
   if (!aborted && unreadable == 0 && !noGeometry && !badCompressed && !cutShort) {
     ++result.filesWritten;
-    saved(f, c, made->name, true, false);
+    saved(f, c, made->name, true, false, hasRsrc);
     if (c.confidence != Confidence::Sure) {
       ++result.uncertain;
       if (result.uncertainFiles.size() < kMaxListedProblems)
@@ -359,7 +359,7 @@ void Saver::Walk::saveFile(Frame& f, Names& names, const HDIR& c) {
   }
   if (auto kept = keepIncomplete(dir, names, made->name, hasRsrc)) {
     ++result.filesIncomplete;
-    saved(f, c, *kept, false, false);
+    saved(f, c, *kept, false, false, hasRsrc);
     saver.problem(fmt::format("{}; saved as \"{}\"", what, *kept));
   } else {
     ++result.filesNotSaved;
@@ -368,9 +368,10 @@ void Saver::Walk::saveFile(Frame& f, Names& names, const HDIR& c) {
   }
 }
 
-void Saver::Walk::saved(const Frame& f, const HDIR& c, const std::string& name, bool whole, bool symlink) {
+void Saver::Walk::saved(const Frame& f, const HDIR& c, const std::string& name, bool whole, bool symlink,
+                        bool sidecar) {
   if (!saver.options_.onSaved) return;
-  saver.options_.onSaved(SavedFile{c, f.fd.get(), name, f.savedPath + "/" + name, whole, symlink});
+  saver.options_.onSaved(SavedFile{c, f.fd.get(), name, f.savedPath + "/" + name, whole, symlink, sidecar});
 }
 
 void Saver::Walk::push(const HDIR* dir, Fd fd, bool all, size_t linkDepth, std::string savedPath) {

@@ -101,7 +101,7 @@ struct Saver::Walk {
   // A folder that could not be made or entered: its marked files are lost.
   void folderLost(const HDIR& folder, const std::string& why);
   void push(const HDIR* dir, Fd fd, bool all, size_t linkDepth, std::string savedPath);
-  void saved(const Frame& f, const HDIR& c, const std::string& name, bool whole, bool symlink);
+  void saved(const Frame& f, const HDIR& c, const std::string& name, bool whole, bool symlink, bool sidecar = false);
   void pop();
 };
 

@@ -123,6 +123,8 @@ struct SavedFile {
   std::string path;
   bool whole;
   bool symlink;
+  // Its resource fork was written beside it, as "._" + name (AppleDouble).
+  bool sidecar = false;
 };
 
 class Saver {
