@@ -85,9 +85,10 @@ std::optional<uint64_t> parseSizeText(const std::string& text) {
     if (n > UINT64_MAX / unit) return std::nullopt;
     return n * unit;
   }
+  // Fractions only for sizes a signed rounding can hold (8 EB and more are no file's size).
   const long double v = std::stold(t) * static_cast<long double>(unit);
-  if (!(v < 1.8e19L)) return std::nullopt;
-  return static_cast<uint64_t>(std::llround(static_cast<double>(v)));
+  if (!(v < 9.0e18L)) return std::nullopt;
+  return static_cast<uint64_t>(std::llroundl(v));
 }
 
 std::vector<std::string> parseExtensionList(const std::string& text) {

@@ -61,7 +61,7 @@ TEST(EntryFilter, SizesAndExtensionListsAreReadOrRefused) {
   EXPECT_EQ(parseSizeText(" 1.5mb "), 1500000u);
   EXPECT_EQ(parseSizeText("2GB"), 2000000000u);
   EXPECT_EQ(parseSizeText("3TB"), 3000000000000u);
-  for (const char* bad : {"", "MB", "10XB", "-5", "1.2.3", "ten", "1e3", "99999999999999999999", "20000000TB"})
+  for (const char* bad : {"", "MB", "10XB", "-5", "1.2.3", "ten", "1e3", "99999999999999999999", "20000000TB", "9999999.5TB"})
     EXPECT_FALSE(parseSizeText(bad)) << bad;
   EXPECT_EQ(parseExtensionList("jpg,.PDF, png,,"), (std::vector<std::string>{"jpg", "pdf", "png"}));
   EXPECT_TRUE(parseExtensionList(" , ").empty());
