@@ -81,8 +81,13 @@ bool selectSignatures(const TypeChoice& choice, int scanType, SignatureDatabase&
 }
 
 int saveFoundTree(Volume& volume, CliController& controller, const std::string& out, int status,
-                  const char* consequence) {
+                  const char* consequence, const FilteredTree* filter) {
   CheckController(volume.dirRoot.get(), true).run();
+  if (filter) unmarkFilteredOut(*volume.dirRoot, *filter);
+  if (filter && filter->filter().active() && volume.dirRoot->childrenSelected() == 0) {
+    fmt::print(stderr, "ambrel-cli: no file passes the size and name filters\n");
+    return 1;
+  }
   const DestinationCheck check = checkSaveDestination(*volume.dirRoot, out);
   if (check.refusal) {
     fmt::print(stderr, "ambrel-cli: {}: {} ({} needed, {} free in {})\n", check.refusal->title, check.refusal->message,
@@ -97,6 +102,7 @@ int saveFoundTree(Volume& volume, CliController& controller, const std::string& 
   }
   Saver::Options options;
   options.finalAlert = false;
+  options.filter = filter;
   Saver saver(*volume.dirRoot, saveSourceOf(volume), &controller, options);
   const SaveResult r = saver.saveFilesAndFolders(out);
   printSaveResult(r, out);

@@ -7,6 +7,7 @@
 #include "carving/SignatureDatabase.h"
 #include "cli/CliController.h"
 #include "hfs/Volume.h"
+#include "tree/EntryFilter.h"
 
 namespace ambrel::cli {
 
@@ -24,7 +25,8 @@ bool selectSignatures(const TypeChoice& choice, int scanType, SignatureDatabase&
 
 // Saves the whole found tree under `out` with the saver, printing its
 // summary; the command's exit status from `status` and the save's failures.
+// With a filter, only what it keeps.
 int saveFoundTree(Volume& volume, CliController& controller, const std::string& out, int status,
-                  const char* consequence);
+                  const char* consequence, const FilteredTree* filter = nullptr);
 
 }  // namespace ambrel::cli

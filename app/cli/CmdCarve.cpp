@@ -11,6 +11,7 @@
 #include "carving/SignatureSearch.h"
 #include "cli/CarveShared.h"
 #include "cli/CliController.h"
+#include "cli/FilterOptions.h"
 #include "cli/TerminalText.h"
 #include "cli/VolumeSelect.h"
 #include "core/TreeListing.h"
@@ -28,6 +29,7 @@ struct CarveOptions {
   std::string range = "0%-100%";
   std::string format = "tsv";
   std::string out;
+  FilterChoice filter;
 };
 
 std::atomic<Volume*> gCarving{nullptr};
@@ -59,6 +61,12 @@ int runCarve(CarveOptions& opt) {
   float startPos = 0, endPos = 100;
   if (!parseRange(opt.range, startPos, endPos)) {
     fmt::print(stderr, "ambrel-cli: --range takes START%-END%, both from 0 to 100 (for example 0%-100%)\n");
+    return 2;
+  }
+  std::string filterError;
+  const auto filter = filterFromChoice(opt.filter, "--min-file-size", "--max-file-size", filterError);
+  if (!filter) {
+    fmt::print(stderr, "ambrel-cli: {}\n", filterError);
     return 2;
   }
   if (opt.all == !opt.types.empty()) {
@@ -121,8 +129,10 @@ int runCarve(CarveOptions& opt) {
     fmt::print(stderr, "ambrel-cli: {} files lie beyond sector 4294967295 and could not be listed\n", stats.notListed);
 
   int status = stats.stopped ? kExitStopped : kExitDone;
+  const FilteredTree filtered(*volume->dirRoot, *filter);
   if (opt.out.empty()) {
-    writeTreeListing(*volume->dirRoot, opt.format == "json" ? ListingFormat::Json : ListingFormat::Tsv, stdout);
+    writeTreeListing(*volume->dirRoot, opt.format == "json" ? ListingFormat::Json : ListingFormat::Tsv, stdout,
+                     &filtered);
     if (stats.stopped) fmt::print(stderr, "ambrel-cli: search stopped; the listing holds what was found so far\n");
     return readOutcome(*volume, controller, status, "files there may have been missed");
   }
@@ -130,7 +140,7 @@ int runCarve(CarveOptions& opt) {
     fmt::print(stderr, "ambrel-cli: nothing to save\n");
     return stats.stopped ? 130 : 1;
   }
-  return saveFoundTree(*volume, controller, opt.out, status, "files there may have been missed");
+  return saveFoundTree(*volume, controller, opt.out, status, "files there may have been missed", &filtered);
 }
 
 }  // namespace
@@ -144,11 +154,14 @@ void registerCarveCommands(CLI::App& app, std::function<int()>& run) {
   whole->excludes("--volume")->excludes("--start")->excludes("--sectors");
   cmd->add_option("--types", opt.types, "File types to look for, by extension (jpg,png,...)");
   cmd->add_flag("--all", opt.all, "Look for every file type of the signature database");
-  cmd->add_option("--max-size", opt.maxSize, "Size given to a file whose length is not known: 20MB, 2GB (at most 10 GB)")
+  cmd->add_option("--max-size", opt.maxSize,
+                  "Size given to a file whose length is not known: 20MB, 2GB (at most 10 GB); to leave out files "
+                  "by size, see --min-file-size and --max-file-size")
       ->capture_default_str();
   cmd->add_option("--range", opt.range, "Part of the area to search, in percent: START%-END%")->capture_default_str();
   cmd->add_option("--format", opt.format, "Listing format")->check(CLI::IsMember({"tsv", "json"}));
   cmd->add_option("--out", opt.out, "Save the carved files under this folder (made when missing) instead of listing them");
+  addFilterOptions(*cmd, opt.filter, "--min-file-size", "--max-file-size");
   cmd->callback([&run] { run = [] { return runCarve(opt); }; });
 }
 

@@ -10,6 +10,7 @@
 #include <functional>
 
 #include "cli/CliController.h"
+#include "cli/FilterOptions.h"
 #include "cli/TerminalText.h"
 #include "cli/VolumeSelect.h"
 #include "core/SaveFlow.h"
@@ -32,6 +33,7 @@ struct RecoverOptions {
   std::vector<std::string> patterns;
   std::string drivePath;
   std::string report;
+  FilterChoice filter;
 };
 
 std::atomic<Saver*> gSaving{nullptr};
@@ -117,6 +119,12 @@ std::unique_ptr<Volume> volumeFromScanInfo(const std::string& path, const std::s
 }
 
 int runRecover(RecoverOptions& opt) {
+  std::string filterError;
+  const auto filter = filterFromChoice(opt.filter, "--min-size", "--max-size", filterError);
+  if (!filter) {
+    fmt::print(stderr, "ambrel-cli: {}\n", filterError);
+    return 2;
+  }
   CliController controller;
   std::unique_ptr<Volume> volume;
   if (isScanInfoPath(opt.choice.path)) {
@@ -147,6 +155,12 @@ int runRecover(RecoverOptions& opt) {
     fmt::print(stderr, "ambrel-cli: no recovered entry matches the --select patterns\n");
     return 1;
   }
+  const FilteredTree filtered(*volume->dirRoot, *filter);
+  unmarkFilteredOut(*volume->dirRoot, filtered);
+  if (filter->active() && volume->dirRoot->childrenSelected() == 0) {
+    fmt::print(stderr, "ambrel-cli: no file passes the size and name filters\n");
+    return 1;
+  }
   const MarkedCount marked = countMarkedDataAndFiles(*volume->dirRoot);
   fmt::print(stderr, "Marked: {}\n", markedDataText(marked));
 
@@ -166,6 +180,7 @@ int runRecover(RecoverOptions& opt) {
 
   std::unique_ptr<RecoveryReport> report;
   Saver::Options options;
+  options.filter = &filtered;
   if (!opt.report.empty()) {
     report = std::make_unique<RecoveryReport>(opt.report, *volume, "ambrel-cli recover " + opt.choice.path);
     if (!report->ok()) {
@@ -218,6 +233,7 @@ void registerRecoverCommands(CLI::App& app, std::function<int()>& run) {
   cmd->add_option("--report", opt.report,
                   "Also write a DFXML report of every file saved (sizes, dates, byte runs on the drive, MD5, "
                   "SHA-1, where it was found) and of what the scan met");
+  addFilterOptions(*cmd, opt.filter, "--min-size", "--max-size");
   cmd->callback([&run] { run = [] { return runRecover(opt); }; });
 }
 

@@ -5,6 +5,7 @@
 #include <functional>
 
 #include "cli/CliController.h"
+#include "cli/FilterOptions.h"
 #include "cli/TerminalText.h"
 #include "cli/VolumeSelect.h"
 #include "core/TreeListing.h"
@@ -19,6 +20,7 @@ struct TreeOptions {
   bool advanced = false;
   std::string format = "tsv";
   std::string saveScanInfoPath;
+  FilterChoice filter;
 };
 
 // Files whose confidence is other than sure.
@@ -34,8 +36,13 @@ size_t uncertainFiles(const HDIR& root) {
   return n;
 }
 
+void writeListing(const HDIR& root, const TreeOptions& opt, const EntryFilter& filter) {
+  const FilteredTree filtered(root, filter);
+  writeTreeListing(root, opt.format == "json" ? ListingFormat::Json : ListingFormat::Tsv, stdout, &filtered);
+}
+
 // A tree kept in a scan info file, listed as the scan that made it listed it.
-int listScanInfo(const TreeOptions& opt) {
+int listScanInfo(const TreeOptions& opt, const EntryFilter& filter) {
   CliController controller;
   auto result = openScanInfo(opt.choice.path, &controller);
   fmt::print(stderr, "\n");
@@ -43,14 +50,19 @@ int listScanInfo(const TreeOptions& opt) {
     fmt::print(stderr, "ambrel-cli: {}: {}\n", result.error.title, terminalText(result.error.message));
     return 1;
   }
-  writeTreeListing(*result.opened->volume->dirRoot, opt.format == "json" ? ListingFormat::Json : ListingFormat::Tsv,
-                   stdout);
+  writeListing(*result.opened->volume->dirRoot, opt, filter);
   keepUntilExit(std::move(result.opened->volume));
   return 0;
 }
 
 int runTree(TreeOptions& opt) {
-  if (isScanInfoPath(opt.choice.path)) return listScanInfo(opt);
+  std::string filterError;
+  const auto filter = filterFromChoice(opt.filter, "--min-size", "--max-size", filterError);
+  if (!filter) {
+    fmt::print(stderr, "ambrel-cli: {}\n", filterError);
+    return 2;
+  }
+  if (isScanInfoPath(opt.choice.path)) return listScanInfo(opt, *filter);
   CliController controller;
   std::string error;
   PlistArray volumeList;
@@ -74,7 +86,7 @@ int runTree(TreeOptions& opt) {
     fmt::print(stderr, "ambrel-cli: no usable volume structures found; try --advanced\n");
     return readOutcome(*volume, controller, kExitFailed, "that may be why");
   }
-  writeTreeListing(*volume->dirRoot, opt.format == "json" ? ListingFormat::Json : ListingFormat::Tsv, stdout);
+  writeListing(*volume->dirRoot, opt, *filter);
   if (const size_t uncertain = uncertainFiles(*volume->dirRoot))
     fmt::print(stderr, "ambrel-cli: {} files listed whose content may not be right (see the confidence column)\n",
                uncertain);
@@ -102,6 +114,7 @@ void registerTreeCommands(CLI::App& app, std::function<int()>& run) {
   cmd->add_flag("--advanced", opt.advanced, "Advanced scan: also search the volume for catalog nodes");
   cmd->add_option("--format", opt.format, "Listing format")->check(CLI::IsMember({"tsv", "json"}));
   cmd->add_option("--save-scan-info", opt.saveScanInfoPath, "After the scan, keep its result in this scan info file (.asi)");
+  addFilterOptions(*cmd, opt.filter, "--min-size", "--max-size");
   cmd->callback([&run] { run = [] { return runTree(opt); }; });
 }
 

@@ -178,7 +178,7 @@ std::string hfsDateText(uint32_t hfsSeconds) {
   return std::string(buf, sizeof buf);
 }
 
-void writeTreeListing(const HDIR& root, ListingFormat format, std::FILE* out) {
+void writeTreeListing(const HDIR& root, ListingFormat format, std::FILE* out, const FilteredTree* filter) {
   const bool json = format == ListingFormat::Json;
   RowBuffer row(out);
   if (json) {
@@ -194,6 +194,7 @@ void writeTreeListing(const HDIR& root, ListingFormat format, std::FILE* out) {
   PathCells paths(json);
   // A folder link lists its folder's entries below it; one that leads back is listed, not entered.
   forEachThroughLinks(root, [&](const HDIR& entry, const std::string& pathName) {
+    if (filter && !filter->keeps(entry)) return false;
     const HDIR* e = &entry;
     const char* type = e->linkKind == LinkKind::Symlink  ? "symlink"
                        : e->linkKind == LinkKind::Folder ? (e->isFolder() ? "folderlink" : "file")

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <string>
 
+#include "tree/EntryFilter.h"
 #include "tree/HDIR.h"
 
 namespace ambrel {
@@ -17,6 +18,7 @@ std::string hfsDateText(uint32_t hfsSeconds);
 // Writes the columns path, type (folder, file, folderlink, symlink), fileID, parentID, fileSize, dataSize,
 // rscSize, fileCount, created, modified, dataExtents, rscExtents, confidence
 // (files: "sure", or why their content may be wrong; folders: empty).
-void writeTreeListing(const HDIR& root, ListingFormat format, std::FILE* out);
+// With a filter, only the entries it keeps.
+void writeTreeListing(const HDIR& root, ListingFormat format, std::FILE* out, const FilteredTree* filter = nullptr);
 
 }  // namespace ambrel

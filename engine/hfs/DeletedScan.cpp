@@ -334,6 +334,15 @@ RecordCheck Volume::placeDeletedFile(uint32_t parentID, const std::string& name,
   entry->fileSize = entry->dataSize + entry->rscSize;
   entry->blockSize = blockSize;
   entry->fileMode = byteSwapped(file.permissions.fileMode);
+  // A symbolic link is saved as one, its target never followed; a hard
+  // link keeps the ID of the file it shared (its own forks are empty). A
+  // folder link's record is left a plain entry: the folder it showed is not
+  // part of this tree.
+  noteLink(*entry, file);
+  if (entry->linkKind == LinkKind::Folder) {
+    entry->linkKind = LinkKind::None;
+    entry->linkID = 0;
+  }
   if (data == ForkExtents::Incomplete || rsrc == ForkExtents::Incomplete) noteMissingExtents(*entry);
   if (!entry->dataExt.empty()) btreeFirstFileBlock.insert(entry->dataExt.front().startBlock, 0);
   entry->addToFileCount(1);

@@ -14,8 +14,6 @@ namespace ambrel {
 
 namespace {
 
-const std::string kPrivateDataName("\0\0\0\0HFS+ Private Data", 21);
-
 bool codeIs(const uint8_t code[4], const char* text) { return std::memcmp(code, text, 4) == 0; }
 
 constexpr uint16_t kModeTypeMask = 0170000;

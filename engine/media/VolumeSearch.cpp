@@ -341,6 +341,23 @@ void DMedia::initializeForVolumeThoroughScan(const VolumeScanRequest& request) {
   };
   std::vector<Reading> unconfirmed;
   constexpr size_t kMaxUnconfirmed = 4096;
+  // Where the listed volumes lie, by creation date: a reading of the same
+  // date that overlaps none of them is another volume (a cloned partition),
+  // not a copy of a header of one of them.
+  struct Listed {
+    uint32_t createDate;
+    uint64_t start, end;
+  };
+  std::vector<Listed> listed;
+  auto note = [&](const VolumeInformationBlock& h, uint64_t start) {
+    listed.push_back({h.createDate, start, start + uint64_t{h.blockSize / kSectorSize} * h.totalBlocks});
+  };
+  auto overlapsListed = [&](const Reading& r) {
+    const uint64_t end = r.start + uint64_t{r.header.blockSize / kSectorSize} * r.header.totalBlocks;
+    for (const Listed& l : listed)
+      if (l.createDate == r.header.createDate && r.start < l.end && l.start < end) return true;
+    return false;
+  };
   auto consider = [&](const VolumeInformationBlock& h, uint64_t start, uint64_t alternateSector) {
     if (alreadyListed(start)) return;
     const int agreement = readingAgreement(h, start, alternateSector != 0);
@@ -348,6 +365,7 @@ void DMedia::initializeForVolumeThoroughScan(const VolumeScanRequest& request) {
       vib = h;
       verifyAt(start, alternateSector);
       btreeForVIBCreateDate.insert(h.createDate, 0);
+      note(h, start);
     } else if (unconfirmed.size() < kMaxUnconfirmed) {
       unconfirmed.push_back({h, start, alternateSector, agreement, unconfirmed.size()});
     }
@@ -379,16 +397,21 @@ void DMedia::initializeForVolumeThoroughScan(const VolumeScanRequest& request) {
   // For each creation date no confirmed reading accounted for, the best of
   // the others: the one the disk agrees with most, an alternate header's
   // before a copy read as a primary one, the first met before later ones.
+  // A date already accounted for is listed again only for a reading the disk
+  // agrees with somewhat and that lies clear of every volume of that date.
   std::stable_sort(unconfirmed.begin(), unconfirmed.end(), [](const Reading& a, const Reading& b) {
     if (a.agreement != b.agreement) return a.agreement > b.agreement;
     return (a.alternateSector != 0) > (b.alternateSector != 0);
   });
   for (const Reading& r : unconfirmed) {
     if (abortVolumeScan.load()) break;
-    if (btreeForVIBCreateDate.retrieveKeyField(r.header.createDate) || alreadyListed(r.start)) continue;
+    if (alreadyListed(r.start)) continue;
+    if (btreeForVIBCreateDate.retrieveKeyField(r.header.createDate) && (r.agreement == 0 || overlapsListed(r)))
+      continue;
     btreeForVIBCreateDate.insert(r.header.createDate, 0);
     vib = r.header;
     verifyAt(r.start, r.alternateSector);
+    note(r.header, r.start);
   }
   if (request.volumes)
     for (const auto& v : volumeScanArray) request.volumes->push_back(v);

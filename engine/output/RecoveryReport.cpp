@@ -63,6 +63,7 @@ std::string hex(const unsigned char* p, unsigned n) {
 
 struct Digests {
   std::string md5, sha1;
+  uint64_t size = 0;
 };
 
 // MD5 and SHA-1 of a saved file, read again through its folder without
@@ -80,6 +81,7 @@ bool digestsOf(int dirFd, const std::string& name, Digests& out) {
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) ok = false;
     if (n <= 0) break;
+    out.size += static_cast<uint64_t>(n);
     ok = EVP_DigestUpdate(md5.get(), buf.data(), static_cast<size_t>(n)) == 1 &&
          EVP_DigestUpdate(sha1.get(), buf.data(), static_cast<size_t>(n)) == 1;
   }
@@ -169,6 +171,30 @@ void RecoveryReport::add(const SavedFile& f) {
   }
   Digests d;
   if (!f.symlink && digestsOf(f.dirFd, f.name, d))
+    fmt::print(out_, "      <hashdigest type=\"md5\">{}</hashdigest>\n      <hashdigest type=\"sha1\">{}</hashdigest>\n",
+               d.md5, d.sha1);
+  fmt::print(out_, "    </fileobject>\n");
+  if (f.sidecar) addSidecar(f);
+}
+
+void RecoveryReport::addSidecar(const SavedFile& f) {
+  const HDIR& e = f.entry;
+  const std::string name = "._" + f.name;
+  const size_t slash = f.path.rfind('/');
+  const std::string path = (slash == std::string::npos ? std::string() : f.path.substr(0, slash + 1)) + name;
+  Digests d;
+  const bool hashed = digestsOf(f.dirFd, name, d);
+  ++files_;
+  fmt::print(out_, "    <fileobject>\n      <filename>{}</filename>\n", xmlText(path));
+  fmt::print(out_, "      <ambrel:sidecar_of>{}</ambrel:sidecar_of>\n", xmlText(f.path));
+  fmt::print(out_, "      <name_type>r</name_type>\n      <inode>{}</inode>\n", e.fileID);
+  // What lies on disk: the AppleDouble header, then the resource fork.
+  if (hashed) fmt::print(out_, "      <filesize>{}</filesize>\n", d.size);
+  fmt::print(out_, "      <ambrel:resource_size>{}</ambrel:resource_size>\n", e.rscSize);
+  fmt::print(out_, "      <ambrel:origin>{}</ambrel:origin>\n", originText(e.origin));
+  fmt::print(out_, "      <ambrel:saved>{}</ambrel:saved>\n", f.whole ? "whole" : "incomplete");
+  byteRuns(e, e.rscExt, e.rscSize, "resource");
+  if (hashed)
     fmt::print(out_, "      <hashdigest type=\"md5\">{}</hashdigest>\n      <hashdigest type=\"sha1\">{}</hashdigest>\n",
                d.md5, d.sha1);
   fmt::print(out_, "    </fileobject>\n");

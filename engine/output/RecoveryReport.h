@@ -34,6 +34,8 @@ class RecoveryReport {
   uint64_t filesListed() const { return files_; }
 
  private:
+  // The "._name" file beside a saved file: its own object, hashed on its own.
+  void addSidecar(const SavedFile& file);
   void byteRuns(const HDIR& entry, const std::vector<Extent>& extents, uint64_t size, const char* facet);
 
   std::FILE* out_ = nullptr;

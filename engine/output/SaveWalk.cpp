@@ -170,6 +170,12 @@ void Saver::Walk::saveChildren(Frame& f) {
     if (saver.aborting()) return;
     const HDIR& c = *children[i];
     if (!f.all && c.selected() != 1) continue;
+    if (saver.options_.filter && !saver.options_.filter->keeps(c)) continue;
+    if (savedAtLinks.count(&c)) {
+      // A private folder left out whole counts its entries.
+      saver.result_.savedAtLinks += f.dir == &saver.root_ ? static_cast<uint32_t>(c.children().size()) : 1;
+      continue;
+    }
     if (c.fileType == kHDIRFolder) {
       auto made = create(f.fd.get(), names, c, Kind::Folder);
       if (!made) {
@@ -324,7 +330,7 @@ void Saver::Walk::saveFile(Frame& f, Names& names, const HDIR& c) {
   const bool cutShort = !aborted && ((!compressed && data.written < c.dataSize) || rsrc.written < c.rscSize);
   if (!aborted && unreadable == 0 && !noGeometry && !badCompressed && !cutShort) {
     ++result.filesWritten;
-    saved(f, c, made->name, true, false);
+    saved(f, c, made->name, true, false, hasRsrc);
     if (c.confidence != Confidence::Sure) {
       ++result.uncertain;
       if (result.uncertainFiles.size() < kMaxListedProblems)
@@ -353,7 +359,7 @@ void Saver::Walk::saveFile(Frame& f, Names& names, const HDIR& c) {
   }
   if (auto kept = keepIncomplete(dir, names, made->name, hasRsrc)) {
     ++result.filesIncomplete;
-    saved(f, c, *kept, false, false);
+    saved(f, c, *kept, false, false, hasRsrc);
     saver.problem(fmt::format("{}; saved as \"{}\"", what, *kept));
   } else {
     ++result.filesNotSaved;
@@ -362,9 +368,10 @@ void Saver::Walk::saveFile(Frame& f, Names& names, const HDIR& c) {
   }
 }
 
-void Saver::Walk::saved(const Frame& f, const HDIR& c, const std::string& name, bool whole, bool symlink) {
+void Saver::Walk::saved(const Frame& f, const HDIR& c, const std::string& name, bool whole, bool symlink,
+                        bool sidecar) {
   if (!saver.options_.onSaved) return;
-  saver.options_.onSaved(SavedFile{c, f.fd.get(), name, f.savedPath + "/" + name, whole, symlink});
+  saver.options_.onSaved(SavedFile{c, f.fd.get(), name, f.savedPath + "/" + name, whole, symlink, sidecar});
 }
 
 void Saver::Walk::push(const HDIR* dir, Fd fd, bool all, size_t linkDepth, std::string savedPath) {
@@ -414,6 +421,7 @@ void Saver::Walk::pop() {
 void Saver::Walk::run(const std::string& destination) {
   const HDIR& root = saver.root_;
   if (root.selected() != 1) return;
+  savedAtLinks = linkedPrivateEntries(root);
   Fd dest(::open(destination.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (dest.get() < 0) {
     ++saver.result_.failedCreates;

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -77,6 +78,8 @@ struct Saver::Walk {
 
   Saver& saver;
   bool canSaveSlashes = true;
+  // Private-folder entries saved at their links instead.
+  std::unordered_set<const HDIR*> savedAtLinks;
   std::vector<Frame> frames;
 
   void run(const std::string& destination);
@@ -98,7 +101,7 @@ struct Saver::Walk {
   // A folder that could not be made or entered: its marked files are lost.
   void folderLost(const HDIR& folder, const std::string& why);
   void push(const HDIR* dir, Fd fd, bool all, size_t linkDepth, std::string savedPath);
-  void saved(const Frame& f, const HDIR& c, const std::string& name, bool whole, bool symlink);
+  void saved(const Frame& f, const HDIR& c, const std::string& name, bool whole, bool symlink, bool sidecar = false);
   void pop();
 };
 

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "base/AppControllerInterface.h"
+#include "tree/EntryFilter.h"
 #include "tree/HDIR.h"
 
 namespace ambrel {
@@ -92,6 +93,10 @@ struct SaveResult {
   uint32_t symlinksCreated = 0, symlinksAsFiles = 0;
   // Folder links not followed: their folder was already open above them.
   uint32_t linkLoops = 0;
+  // Entries of the private metadata folders (a hard-linked file's or a
+  // linked folder's one copy) not saved there: their content is saved at
+  // each of their links.
+  uint32_t savedAtLinks = 0;
   // Files saved whose content may be wrong: the scan listed them with a
   // confidence other than sure (assumed block size, reused blocks, missing extents).
   uint32_t uncertain = 0;
@@ -118,6 +123,8 @@ struct SavedFile {
   std::string path;
   bool whole;
   bool symlink;
+  // Its resource fork was written beside it, as "._" + name (AppleDouble).
+  bool sidecar = false;
 };
 
 class Saver {
@@ -129,6 +136,8 @@ class Saver {
     bool finalAlert = true;
     // Hears of every file kept (a report).
     std::function<void(const SavedFile&)> onSaved;
+    // Entries it does not keep are not saved, below folder links too (not owned).
+    const FilteredTree* filter = nullptr;
   };
 
   Saver(const HDIR& root, ForkSource source, AppControllerInterface* controller);

@@ -101,6 +101,7 @@ void VolumeArchive::encodeWithCoder(KeyedArchiver& coder) const {
   }
   coder.encodeInt64("HPlusVolStart", static_cast<int64_t>(HPlusVolStart));
   coder.encodeInt("blockSize", blockSize);
+  if (!linkEntries.empty()) coder.encodeObject("linkEntries", PlistValue(linkEntries));
 }
 
 std::optional<VolumeArchive> VolumeArchive::decode(const ArchivedObject& o, std::string& error) {
@@ -132,6 +133,8 @@ std::optional<VolumeArchive> VolumeArchive::decode(const ArchivedObject& o, std:
   if (!ok) return std::nullopt;
   v.HPlusVolStart = static_cast<uint64_t>(o.decodeInt64("HPlusVolStart").value_or(0));
   v.blockSize = static_cast<int32_t>(o.decodeInt64("blockSize").value_or(0));
+  if (o.containsKey("linkEntries"))
+    if (auto links = o.decodeObject("linkEntries").value(); links && links->data()) v.linkEntries = *links->data();
   return v;
 }
 

@@ -34,6 +34,11 @@ struct VolumeArchive : KeyedEncodable {
   uint64_t sizeInSect = 0;
   uint64_t HPlusVolStart = 0;
   int32_t blockSize = 0;
+  // What the entry records cannot hold: which entries are links, 9 bytes
+  // each (entry's place in the file's pre-order and link ID big-endian
+  // around the kind). Absent from files with no links and from files
+  // written before links were kept, which read back with none.
+  PlistData linkEntries;
 
   ClassChain classChain() const override { return {"Volume", "DMedia", "NSObject"}; }
   void encodeWithCoder(KeyedArchiver& coder) const override;

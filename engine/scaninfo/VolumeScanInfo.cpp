@@ -2,7 +2,81 @@
 
 #include <cstring>
 
+#include "base/Endian.h"
+
 namespace ambrel {
+
+namespace {
+
+constexpr size_t kLinkEntryBytes = 9;
+
+// Every entry in the order the file holds them: the root, then each
+// entry's children after it, depth first.
+template <class Entry, class Visit>
+void forEachInFileOrder(Entry& root, Visit visit) {
+  std::vector<Entry*> stack{&root};
+  while (!stack.empty()) {
+    Entry* e = stack.back();
+    stack.pop_back();
+    visit(*e);
+    for (size_t i = e->children().size(); i-- > 0;) stack.push_back(e->children()[i].get());
+  }
+}
+
+PlistData linkEntriesOf(const HDIR& root) {
+  PlistData out;
+  uint32_t index = 0;
+  forEachInFileOrder(root, [&](const HDIR& e) {
+    if (e.linkKind != LinkKind::None) {
+      uint8_t b[kLinkEntryBytes];
+      storeBE32(b, index);
+      b[4] = static_cast<uint8_t>(e.linkKind);
+      storeBE32(b + 5, e.linkID);
+      out.insert(out.end(), b, b + kLinkEntryBytes);
+    }
+    ++index;
+  });
+  return out;
+}
+
+// Marks the entries the file names as links. A record that does not fit its
+// entry (out of order, past the tree, a kind the entry cannot have) is
+// passed over: that entry stays what its record says.
+void applyLinkEntries(Volume& v, const PlistData& links) {
+  if (links.empty() || !v.dirRoot) return;
+  std::vector<HDIR*> entries;
+  forEachInFileOrder(*v.dirRoot, [&](HDIR& e) { entries.push_back(&e); });
+  bool folderLinks = false;
+  int64_t last = -1;
+  for (size_t at = 0; at + kLinkEntryBytes <= links.size(); at += kLinkEntryBytes) {
+    const uint32_t index = loadBE32(&links[at]);
+    const uint8_t kind = links[at + 4];
+    const uint32_t linkID = loadBE32(&links[at + 5]);
+    if (int64_t{index} <= last || index >= entries.size()) continue;
+    last = index;
+    HDIR& e = *entries[index];
+    if (kind == static_cast<uint8_t>(LinkKind::Folder) && e.isFolder() && e.children().empty() && linkID != e.fileID) {
+      e.linkKind = LinkKind::Folder;
+      e.linkID = linkID;
+      e.btreeHDIR = v.btree.get();
+      folderLinks = true;
+      ++v.folderLinks;
+    } else if (kind == static_cast<uint8_t>(LinkKind::File) && e.fileType == kHDIRFile) {
+      e.linkKind = LinkKind::File;
+      e.linkID = linkID;
+      ++v.fileLinks;
+    } else if (kind == static_cast<uint8_t>(LinkKind::Symlink) && e.fileType == kHDIRFile) {
+      e.linkKind = LinkKind::Symlink;
+      ++v.symlinks;
+    }
+  }
+  // Folder links find their folders by ID, as in a scanned tree.
+  if (folderLinks && v.btree)
+    for (HDIR* e : entries)
+      if (e->isFolder() && e->linkKind == LinkKind::None) v.btree->insert(e->fileID, e);
+}
+
+}  // namespace
 
 VolumeArchive volumeArchiveOf(const Volume& v) {
   VolumeArchive a;
@@ -14,6 +88,7 @@ VolumeArchive volumeArchiveOf(const Volume& v) {
   a.sizeInSect = v.sizeInSect;
   a.HPlusVolStart = v.HPlusVolStart;
   a.blockSize = v.blockSize;
+  if (v.dirRoot) a.linkEntries = linkEntriesOf(*v.dirRoot);
   if (v.volumeScanType != 2) {
     a.startSector = v.startSector;
     a.scanMode = v.scanMode;
@@ -80,6 +155,7 @@ OpenScanInfoResult openScanInfo(const std::string& path, AppControllerInterface*
   OpenedScanInfo opened;
   opened.volume = volumeFromArchive(read.contents->info.volume, controller);
   opened.volume->dirRoot = std::move(read.contents->root);
+  applyLinkEntries(*opened.volume, read.contents->info.volume.linkEntries);
   opened.volume->openedScanInfo = true;
   opened.volume->scanInfoSaved = true;
   opened.partitionList = std::move(read.contents->info.partitionList);

@@ -1,8 +1,12 @@
 #include "tree/Links.h"
 
+#include <deque>
 #include <vector>
 
 namespace ambrel {
+
+const std::string kPrivateDataName("\0\0\0\0HFS+ Private Data", 21);
+const std::string kPrivateDirectoryName(".HFS+ Private Directory Data\r");
 
 const HDIR* linkedFolder(const HDIR& entry) {
   if (entry.linkKind != LinkKind::Folder) return nullptr;
@@ -54,6 +58,50 @@ void forEachThroughLinks(const HDIR& top, const std::function<bool(const HDIR&, 
     path.resize(f.pathLength);
     enter(child);
   }
+}
+
+std::unordered_set<const HDIR*> linkedPrivateEntries(const HDIR& root) {
+  std::unordered_set<const HDIR*> out;
+  std::vector<const HDIR*> privates;
+  for (const auto& c : root.children())
+    if (c->isFolder() && c->linkKind == LinkKind::None &&
+        (c->fileName() == kPrivateDataName || c->fileName() == kPrivateDirectoryName))
+      privates.push_back(c.get());
+  if (privates.empty()) return out;
+  auto isPrivate = [&](const HDIR* e) {
+    for (const HDIR* p : privates)
+      if (p == e) return true;
+    return false;
+  };
+  // Every folder reachable from the root without entering the private
+  // folders, through folder links, each once; and every file a resolved
+  // hard link on the way shares.
+  std::unordered_set<uint32_t> linkedFiles;
+  std::unordered_set<const HDIR*> reached{&root};
+  std::deque<const HDIR*> queue{&root};
+  while (!queue.empty()) {
+    const HDIR* d = queue.front();
+    queue.pop_front();
+    for (const auto& c : d->children()) {
+      if (d == &root && isPrivate(c.get())) continue;
+      if (c->linkKind == LinkKind::File && c->fileID == c->linkID) linkedFiles.insert(c->linkID);
+      const HDIR* next = c->isFolder() ? &contentsOf(*c) : nullptr;
+      if (next && reached.insert(next).second) queue.push_back(next);
+    }
+  }
+  for (const HDIR* p : privates) {
+    size_t skipped = 0;
+    for (const auto& c : p->children()) {
+      const bool linked = c->linkKind == LinkKind::None &&
+                          (c->isFolder() ? reached.count(c.get()) != 0 : linkedFiles.count(c->fileID) != 0);
+      if (linked) {
+        out.insert(c.get());
+        ++skipped;
+      }
+    }
+    if (skipped > 0 && skipped == p->children().size()) out.insert(p);
+  }
+  return out;
 }
 
 }  // namespace ambrel

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <functional>
 #include <string>
+#include <unordered_set>
 
 #include "tree/HDIR.h"
 
@@ -26,5 +27,17 @@ const HDIR& contentsOf(const HDIR& entry);
 // pathName) hears of it.
 void forEachThroughLinks(const HDIR& top, const std::function<bool(const HDIR&, const std::string&)>& visit,
                          const std::function<void(const HDIR&, const std::string&)>& refused);
+
+// The two private metadata folders at the root of a volume: hard-linked
+// files' content (iNodeN) and linked folders (dir_N) live there.
+extern const std::string kPrivateDataName;
+extern const std::string kPrivateDirectoryName;
+
+// The entries directly inside the private folders of `root` (and a private
+// folder itself when all its entries are among them) whose content a link
+// outside those folders reaches: saving them again there would only repeat
+// what is saved at each link. Entries no such link reaches (their links were
+// lost) are not among them.
+std::unordered_set<const HDIR*> linkedPrivateEntries(const HDIR& root);
 
 }  // namespace ambrel

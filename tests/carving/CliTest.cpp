@@ -112,6 +112,44 @@ TEST(CarveCli, SavedFilesHoldThePlantedBytes) {
   EXPECT_EQ(test::readFile(dir / "out/Root/Images/bmp/File1.bmp"), bmpFile());
 }
 
+TEST(CarveCli, SizeAndExtensionFiltersNarrowTheListingAndTheSave) {
+  // The planted files are 5055 (jpg), 60 (png), 35 (gif) and 102 (bmp) bytes;
+  // --max-size keeps its meaning, the size of a file whose length is unknown.
+  TempDir dir;
+  const auto image = plantedDrive(dir);
+  Cli cli;
+  int status = -1;
+  const std::string out = cli.run("carve '" + image.string() +
+                                      "' --whole-drive --all --max-size 1MB --min-file-size 50 --max-file-size 0.2KB "
+                                      "2>/dev/null",
+                                  &status);
+  EXPECT_EQ(status, 0) << out;
+  std::vector<std::string> paths;
+  std::istringstream lines(out);
+  std::string line;
+  std::getline(lines, line);
+  while (std::getline(lines, line)) paths.push_back(line.substr(0, line.find('\t')));
+  EXPECT_EQ(paths, (std::vector<std::string>{"/Root", "/Root/Images", "/Root/Images/png", "/Root/Images/png/File1.png",
+                                             "/Root/Images/bmp", "/Root/Images/bmp/File1.bmp"}))
+      << out;
+
+  const auto to = dir / "out";
+  const std::string saved = cli.run("carve '" + image.string() + "' --whole-drive --all --ext JPG --out '" +
+                                        to.string() + "'",
+                                    &status);
+  EXPECT_EQ(status, 0) << saved;
+  EXPECT_EQ(test::readFile(to / "Root/Images/jpg/File1.jpg"), jpegFile());
+  const auto entries = std::distance(std::filesystem::recursive_directory_iterator(to),
+                                     std::filesystem::recursive_directory_iterator());
+  EXPECT_EQ(entries, 4) << saved;  // Root, Images, jpg, File1.jpg
+
+  const std::string none = cli.run("carve '" + image.string() + "' --whole-drive --all --ext doc --out '" +
+                                       (dir / "none").string() + "'",
+                                   &status);
+  EXPECT_EQ(status, 1) << none;
+  EXPECT_NE(none.find("no file passes the size and name filters"), std::string::npos) << none;
+}
+
 TEST(CarveCli, ADestinationWithoutRoomIsRefusedBeforeAnythingIsWritten) {
   // Ten JPEG files of two pages each onto a tmpfs of ten pages: the save used
   // to start, run out of space half-way and leave what it could. It is

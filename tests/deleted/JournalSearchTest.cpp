@@ -9,6 +9,8 @@
 #include <set>
 
 #include "deleted/DeletedHelpers.h"
+#include "output/Saver.h"
+#include "tree/CheckController.h"
 
 using namespace ambrel;
 using namespace ambrel::test;
@@ -252,4 +254,45 @@ TEST(DeletedFiles, AVolumeInAPartitionIsSearchedAsAVolumeDevice) {
     ASSERT_TRUE(want.has_value());
     EXPECT_TRUE(dataOf(image, *r.volume, *byID.find(e.cnid)->second) == *want) << e.path;
   }
+}
+
+TEST(DeletedFiles, ADeletedSymbolicLinkIsFoundAsALinkNotAFileHoldingItsTarget) {
+  mk::VolumeSpec spec = volumeWithDeletions();
+  mk::EntrySpec link;
+  link.name = "gone-link";
+  link.symlinkTo = "../Keep/kept.txt";
+  link.deleted = true;
+  spec.root.push_back(link);
+  auto b = buildVolume(spec);
+  const mk::FileLayout* built = b->layout.find("gone-link");
+  ASSERT_NE(built, nullptr);
+  ScanResult r = findDeleted(b->image, 0, b->layout.sizeSectors);
+  ASSERT_NE(r.volume->dirRoot, nullptr);
+  const auto byID = entriesByFileID(*r.volume->dirRoot);
+  ASSERT_EQ(byID.count(built->cnid), 1u);
+  const HDIR& h = *byID.find(built->cnid)->second;
+  EXPECT_EQ(h.fileName(), "gone-link");
+  EXPECT_EQ(h.linkKind, LinkKind::Symlink);
+  EXPECT_EQ(h.dataSize, link.symlinkTo->size());
+  // The deleted files beside it are still plain files.
+  for (const auto& e : b->layout.entries)
+    if (e.deleted && !e.folder && e.cnid != built->cnid && byID.count(e.cnid))
+      EXPECT_EQ(byID.find(e.cnid)->second->linkKind, LinkKind::None) << e.path;
+
+  // Saved as a link to its target, which is not followed.
+  TempDir dir;
+  CheckController(r.volume->dirRoot.get(), true).run();
+  Saver::Options options;
+  options.finalAlert = false;
+  const SaveResult saved =
+      Saver(*r.volume->dirRoot, saveSourceOf(*r.volume), nullptr, options).saveFilesAndFolders(dir.path().string());
+  EXPECT_EQ(saved.symlinksCreated, 1u);
+  size_t links = 0;
+  for (const auto& e : std::filesystem::recursive_directory_iterator(dir.path()))
+    if (e.is_symlink()) {
+      ++links;
+      EXPECT_EQ(e.path().filename(), "gone-link");
+      EXPECT_EQ(std::filesystem::read_symlink(e.path()).string(), *link.symlinkTo);
+    }
+  EXPECT_EQ(links, 1u);
 }

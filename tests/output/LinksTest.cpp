@@ -5,6 +5,9 @@
 #include <sys/stat.h>
 
 #include "output/OutputHelpers.h"
+#include "core/TreeListing.h"
+#include "scaninfo/ScanInfoFile.h"
+#include "scaninfo/VolumeScanInfo.h"
 #include "tree/Links.h"
 
 using namespace ambrel;
@@ -46,6 +49,34 @@ mk::VolumeSpec backupVolume() {
                                       linkSpec("notes.txt", "2024-01-01/notes.txt", "")}),
             symlinkSpec("latest", "2024-02-01"), symlinkSpec("outside", "/etc/passwd")};
   return v;
+}
+
+std::string listingOf(const HDIR& root) {
+  char* buf = nullptr;
+  size_t len = 0;
+  std::FILE* f = ::open_memstream(&buf, &len);
+  writeTreeListing(root, ListingFormat::Tsv, f);
+  std::fclose(f);
+  std::string out(buf, len);
+  std::free(buf);
+  return out;
+}
+
+std::string readText(const fs::path& p) {
+  const auto bytes = readFile(p);
+  return std::string(bytes.begin(), bytes.end());
+}
+
+// Every path below `root` with what it is: "d", "l -> target", or a hash of the file's bytes.
+std::map<std::string, std::string> savedShape(const fs::path& root) {
+  std::map<std::string, std::string> out;
+  for (const auto& e : fs::recursive_directory_iterator(root)) {
+    const std::string rel = e.path().lexically_relative(root).string();
+    if (e.is_symlink()) out[rel] = "l -> " + fs::read_symlink(e.path()).string();
+    else if (e.is_directory()) out[rel] = "d";
+    else out[rel] = std::to_string(std::hash<std::string>{}(readText(e.path())));
+  }
+  return out;
 }
 
 SaveResult saveAll(Volume& v, const fs::path& to) {
@@ -116,7 +147,8 @@ TEST(Links, FolderLinkLoopIsListedAndSavedOnce) {
   EXPECT_GE(refused, 3u);  // A/back, B/toA/back, and the private folder's own copy
 
   const SaveResult r = saveAll(v, dir / "out");
-  EXPECT_GE(r.linkLoops, 3u);
+  // A/back and B/toA/back; A's one copy in the private folder is saved at its links only.
+  EXPECT_EQ(r.linkLoops, 2u);
   const fs::path root = dir / "out/Root";
   EXPECT_EQ(readFile(root / "B/toA/x.txt"), std::vector<uint8_t>{'x'});
   EXPECT_TRUE(fs::is_directory(root / "A/back"));
@@ -177,4 +209,99 @@ TEST(Links, MacVolumeHardLinksAndSymlinkMatchTheSleuthKit) {
   const auto target = icat(image, 0, 24);
   ASSERT_TRUE(fs::is_symlink(dir / "out/Root/files/third"));
   EXPECT_EQ(fs::read_symlink(dir / "out/Root/files/third").string(), std::string(target.begin(), target.end()));
+}
+
+TEST(Links, PrivateFoldersAreSavedOnlyWhereNoLinkReachesTheirEntries) {
+  TempDir dir;
+  const BuiltVolume b = buildAndScan(dir, backupVolume());
+  Volume& v = *b.scan.volume;
+  ASSERT_EQ(v.linksUnresolved, 0u);
+  const std::set<std::string> everySnapshot = {"2024-01-01", "2024-02-01", "latest", "outside"};
+  auto topLevel = [](const fs::path& root) {
+    std::set<std::string> names;
+    for (const auto& e : fs::directory_iterator(root)) names.insert(e.path().filename().string());
+    return names;
+  };
+  // Listed as the volume holds them.
+  std::set<std::string> listedTop;
+  for (const auto& c : v.dirRoot->children()) listedTop.insert(c->fileName());
+  EXPECT_TRUE(listedTop.count(kPrivateDataName));
+  EXPECT_TRUE(listedTop.count(kPrivateDirectoryName));
+
+  // The notes' iNode and Photos' dir_N are saved at their links, not again as clutter.
+  const SaveResult r = saveAll(v, dir / "out");
+  EXPECT_FALSE(r.anyFailure());
+  EXPECT_EQ(r.savedAtLinks, 2u);
+  EXPECT_EQ(topLevel(dir / "out/Root"), everySnapshot);
+
+  // With both names of the notes lost, its iNode is the only copy left: saved there.
+  const HDIR* inode = nullptr;
+  for (const auto& c : v.dirRoot->children())
+    if (c->fileName() == kPrivateDataName && !c->children().empty()) inode = c->childAtIndex(0);
+  ASSERT_NE(inode, nullptr);
+  for (const auto& snapshot : v.dirRoot->children())
+    snapshot->removeChildrenIf([](const HDIR& e) { return e.fileName() == "notes.txt"; });
+  const SaveResult lost = saveAll(v, dir / "lost");
+  EXPECT_EQ(lost.savedAtLinks, 1u);
+  const auto saved = filesUnder(dir / "lost/Root");
+  const std::vector<uint8_t> notesText = {'f', 'i', 'r', 's', 't', ' ', 'n', 'o', 't', 'e', 's', '\n'};
+  size_t copies = 0;
+  for (const auto& [path, bytes] : saved)
+    if (path.size() > inode->fileName().size() && path.substr(path.size() - inode->fileName().size()) == inode->fileName()) {
+      EXPECT_EQ(bytes, notesText) << path;
+      ++copies;
+    }
+  EXPECT_EQ(copies, 1u);
+  EXPECT_EQ(topLevel(dir / "lost/Root").size(), everySnapshot.size() + 1);
+}
+
+TEST(Links, AScanInfoFileKeepsWhatEachLinkIs) {
+  TempDir dir;
+  const BuiltVolume b = buildAndScan(dir, backupVolume());
+  Volume& live = *b.scan.volume;
+  const uint64_t sectors = fs::file_size(b.image) / 512;
+  const std::string asi = (dir / "scan.asi").string();
+  ASSERT_FALSE(saveScanInfo(asi, live, PlistArray{volumeDict(b.image, 0, sectors)}, nullptr));
+  auto opened = openScanInfo(asi, nullptr);
+  ASSERT_TRUE(opened.opened) << opened.error.message;
+  Volume& reopened = *opened.opened->volume;
+  EXPECT_EQ(reopened.fileLinks, live.fileLinks);
+  EXPECT_EQ(reopened.folderLinks, live.folderLinks);
+  EXPECT_EQ(reopened.symlinks, live.symlinks);
+  // Listed as the scan listed it: symlinks, folder links and their folders' entries.
+  EXPECT_EQ(listingOf(*reopened.dirRoot), listingOf(*live.dirRoot));
+  EXPECT_NE(listingOf(*reopened.dirRoot).find("/Root/2024-02-01/Photos/a.jpg\tfile"), std::string::npos);
+
+  // And saved as the live tree saves.
+  std::string out;
+  ASSERT_EQ(runCommand(std::string(std::getenv("AMBREL_CLI") ? std::getenv("AMBREL_CLI") : "ambrel-cli") +
+                           " recover '" + asi + "' --out '" + (dir / "fromfile").string() + "' 2>&1",
+                       &out),
+            0)
+      << out;
+  saveAll(live, dir / "live");
+  const auto fromFile = savedShape(dir / "fromfile/Root");
+  EXPECT_EQ(fromFile, savedShape(dir / "live/Root"));
+  EXPECT_EQ(fromFile.count("latest") ? fromFile.at("latest") : "", "l -> 2024-02-01");
+  EXPECT_EQ(fromFile.count("2024-02-01/Photos") ? fromFile.at("2024-02-01/Photos") : "", "d");
+  EXPECT_EQ(fromFile.count("2024-02-01/Photos/a.jpg"), 1u);
+
+  // A file written before links were kept (no linkEntries key) still opens,
+  // with every link a plain entry.
+  ScanInfo info;
+  info.volume = volumeArchiveOf(live);
+  ASSERT_FALSE(info.volume.linkEntries.empty());
+  info.volume.linkEntries.clear();
+  info.partitionList = PlistArray{volumeDict(b.image, 0, sectors)};
+  info.first5Sectors.assign(kScanInfoDriveBytes, 0);
+  live.readSector(0, 5, info.first5Sectors.data());
+  const std::string older = (dir / "older.asi").string();
+  ASSERT_FALSE(writeScanInfo(older, info, *live.dirRoot, nullptr));
+  auto old = openScanInfo(older, nullptr);
+  ASSERT_TRUE(old.opened) << old.error.message;
+  EXPECT_EQ(old.opened->volume->symlinks + old.opened->volume->fileLinks + old.opened->volume->folderLinks, 0u);
+  const std::string oldListing = listingOf(*old.opened->volume->dirRoot);
+  EXPECT_EQ(oldListing.find("\tsymlink\t"), std::string::npos);
+  EXPECT_EQ(oldListing.find("\tfolderlink\t"), std::string::npos);
+  EXPECT_NE(oldListing.find("/Root/latest\tfile\t"), std::string::npos);
 }

@@ -109,6 +109,33 @@ TEST(CliReport, EverySavedFileWithItsRunsHashesAndOrigin) {
     if (haveIcat())
       EXPECT_EQ(readFile(dir / "saved/Root" / path), icat(b.image, 0, f->cnid));
   }
+  // The resource fork's "._" file has an object of its own, hashed from what is on disk.
+  {
+    const auto* f = b.vol().find("Docs/both.txt");
+    ASSERT_NE(f, nullptr);
+    auto it = r.files.find("Root/Docs/._both.txt");
+    ASSERT_NE(it, r.files.end());
+    const Row& row = it->second;
+    EXPECT_EQ(row.size, std::to_string(fs::file_size(dir / "saved/Root/Docs/._both.txt")));
+    EXPECT_GT(std::stoull(row.size), f->rsrcSize);
+    EXPECT_EQ(row.origin, "catalog");
+    EXPECT_EQ(row.hashes, "ok");
+    EXPECT_EQ(row.same, "same");
+    uint64_t runBytes = 0;
+    std::istringstream runs(row.runs);
+    for (std::string run; std::getline(runs, run, ',');) runBytes += std::stoull(run.substr(run.find('+') + 1));
+    EXPECT_EQ(runBytes, f->rsrcSize);
+    if (haveIcat()) {
+      const auto bytes = readFile(dir / "saved/Root/Docs/._both.txt");
+      const auto rsrc = icat(b.image, 0, f->cnid, true);
+      ASSERT_EQ(rsrc.size(), f->rsrcSize);
+      EXPECT_TRUE(std::equal(rsrc.begin(), rsrc.end(), bytes.end() - static_cast<long>(rsrc.size())));
+    }
+  }
+  // Only the file with a resource fork has one.
+  size_t sidecars = 0;
+  for (const auto& [path, row] : r.files) sidecars += fs::path(path).filename().string().rfind("._", 0) == 0;
+  EXPECT_EQ(sidecars, 1u);
   // The deleted file is known only from the journal's old catalog nodes.
   const auto* g = b.vol().find("gone.bin");
   ASSERT_NE(g, nullptr);

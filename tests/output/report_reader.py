@@ -7,7 +7,9 @@ One line per file object, tab-separated: filename, name_type, filesize,
 origin, saved, data byte runs as offset+len joined by ",", hashes (ok,
 missing, or wrong), and whether the bytes at the data runs of the image
 equal the saved file (same, differs, or "-" for a symlink or compressed
-file). Then "log" lines with the scan log's counts.
+file). A "._name" sidecar's object gives its resource runs instead, and
+"same" when its bytes after the AppleDouble header are those at the runs.
+Then "log" lines with the scan log's counts.
 """
 import hashlib
 import os
@@ -29,9 +31,10 @@ def main():
         for fo in root.iter("{%s}fileobject" % NS["d"]):
             name = text(fo, "d:filename")
             kind = text(fo, "d:name_type")
+            sidecar = fo.find("a:sidecar_of", NS) is not None
             runs = []
             for br in fo.findall("d:byte_runs", NS):
-                if br.get("facet") != "data":
+                if br.get("facet") != ("resource" if sidecar else "data"):
                     continue
                 for r in br.findall("d:byte_run", NS):
                     runs.append((int(r.get("file_offset")), int(r.get("img_offset")), int(r.get("len"))))
@@ -60,7 +63,11 @@ def main():
                         img.seek(img_offset)
                         pieces.append(img.read(length))
                         expected_offset += length
-                    same = "same" if b"".join(pieces) == data else "differs"
+                    fork = b"".join(pieces)
+                    if sidecar:
+                        same = "same" if len(data) > len(fork) and data.endswith(fork) else "differs"
+                    else:
+                        same = "same" if fork == data else "differs"
             run_text = ",".join("%d+%d" % (o, n) for _, o, n in runs)
             print("\t".join([name, kind, text(fo, "d:filesize"), text(fo, "a:origin"), text(fo, "a:saved"), run_text,
                              hashes, same]))

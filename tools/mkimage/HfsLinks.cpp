@@ -49,8 +49,10 @@ void VolumeBuilder::Impl::makeLinks() {
     if (!e) continue;
     const int kinds = !e->hardLinkTo.empty() + !e->folderLinkTo.empty() + e->symlinkTo.has_value();
     if (kinds == 0) continue;
-    if (kinds > 1 || items[i].folder || items[i].deleted || e->dataLength() || e->rsrcLength() || e->compressed)
-      throw BuildError("a link is one live entry with no forks of its own: " + e->name);
+    // A deleted symbolic link is a record in old catalog nodes like any deleted file.
+    if (kinds > 1 || items[i].folder || (items[i].deleted && !e->symlinkTo) || e->dataLength() || e->rsrcLength() ||
+        e->compressed)
+      throw BuildError("a link is one live entry (or a deleted symbolic link) with no forks of its own: " + e->name);
     Item& it = items[i];
     if (e->symlinkTo) {
       if (e->symlinkTo->empty()) throw BuildError("a symbolic link needs a target: " + e->name);
