@@ -16,7 +16,6 @@
 #include "hfs/CatalogRecords.h"
 #include "hfs/Geometry.h"
 #include "hfs/Volume.h"
-#include "media/ReadAhead.h"
 
 namespace ambrel {
 
@@ -34,14 +33,31 @@ struct NodeDigestHash {
   size_t operator()(const NodeDigest& d) const { return static_cast<size_t>(d.low); }
 };
 
-// The widest vector unit the processor has: the digest must not cost more
-// than the read it follows.
-XXH128_hash_t nodeDigest(const uint8_t* node, size_t bytes) {
+XXH128_hash_t digestOf(const uint8_t* bytes, size_t n) {
+  // The widest vector unit the processor has: the digest must not cost more
+  // than the read it follows.
 #if defined(__x86_64__)
-  return XXH3_128bits_dispatch(node, bytes);
+  return XXH3_128bits_dispatch(bytes, n);
 #else
-  return XXH3_128bits(node, bytes);
+  return XXH3_128bits(bytes, n);
 #endif
+}
+
+// What a leaf copy's records are made of: the descriptor and records up to
+// the free space, and the offset table at the node's end. The free space
+// between them is whatever was there before and may differ between two
+// copies of the same node; digesting only the rest also costs less.
+NodeDigest nodeDigest(const uint8_t* node, size_t bytes) {
+  const size_t records = loadBE16(node + 10);
+  const size_t table = 2 * (records + 1);
+  const size_t freeStart = table <= bytes ? loadBE16(node + bytes - table) : 0;
+  if (table > bytes || freeStart < 14 || freeStart > bytes - table) {
+    const XXH128_hash_t h = digestOf(node, bytes);
+    return {h.low64, h.high64};
+  }
+  const XXH128_hash_t used = digestOf(node, freeStart);
+  const XXH128_hash_t offsets = digestOf(node + bytes - table, table);
+  return {used.low64 ^ (offsets.low64 * 0x9E3779B97F4A7C15ull), used.high64 ^ offsets.high64};
 }
 
 double secondsSince(std::chrono::steady_clock::time_point start) {
@@ -168,33 +184,35 @@ void Volume::searchCatFragsForDeletedFiles() {
   auto take = [&](const uint8_t* head) {
     if (!leafDescriptor(head)) return;
     ++journalNodesFound;
-    const XXH128_hash_t h = nodeDigest(head, nodeBytes);
-    if (!seen.insert(NodeDigest{h.low64, h.high64}).second) return;
+    if (!seen.insert(nodeDigest(head, nodeBytes)).second) return;
     processDeletedNode(head, nodeBytes, timeText);
   };
 
-  // Each batch comes with the last nodeSectors - 1 sectors of the one before
-  // in front of it, so a node copy across two batches is whole in the buffer.
-  // The next batch is read while this one is searched.
+  // Each batch follows the last nodeSectors - 1 sectors of the one before, so
+  // a node copy across two batches is whole in the buffer.
   const uint64_t carry = nodeSectors - 1;
-  SectorReadAhead ahead(
-      // A bad sector reads as zeros and costs only itself.
-      [this](uint64_t sector, uint64_t count, uint8_t* into) { readSectorsSalvaging(sector, count, into); }, first,
-      total, kJournalBatchSectors, carry);
+  // The batch itself starts on a page: the kernel copies into it fastest.
+  constexpr size_t kPage = 4096;
+  std::vector<uint8_t> space((carry + kJournalBatchSectors) * kSectorSize + 2 * kPage);
+  const uintptr_t batchAt = (reinterpret_cast<uintptr_t>(space.data()) + carry * kSectorSize + kPage - 1) & ~(kPage - 1);
+  uint8_t* const bufStart = reinterpret_cast<uint8_t*>(batchAt) - carry * kSectorSize;
   const auto start = std::chrono::steady_clock::now();
-  SectorReadAhead::Batch batch;
-  while (!stopTreeThread && ahead.next(batch)) {
-    for (uint64_t s = 0; s < batch.count; ++s) {
-      const uint8_t* sector = batch.data + s * kSectorSize;
-      if (!looksLikeNodeEnd(sector) || batch.offset + s + 1 < nodeSectors) continue;
+  for (uint64_t done = 0; done < total && !stopTreeThread;) {
+    const uint64_t count = std::min(kJournalBatchSectors, total - done);
+    if (done > 0) std::memmove(bufStart, bufStart + kJournalBatchSectors * kSectorSize, carry * kSectorSize);
+    uint8_t* batch = bufStart + carry * kSectorSize;
+    // A bad sector reads as zeros and costs only itself.
+    readSectorsSalvaging(first + done, count, batch);
+    for (uint64_t s = 0; s < count; ++s) {
+      if (!looksLikeNodeEnd(batch + s * kSectorSize) || done + s + 1 < nodeSectors) continue;
       if (stopTreeThread) break;
-      take(sector - carry * kSectorSize);
+      take(batch + (static_cast<int64_t>(s) - static_cast<int64_t>(carry)) * kSectorSize);
     }
+    done += count;
     if (stopTreeThread) break;
-    const uint64_t done = batch.offset + batch.count;
     // Once a batch: a report costs more than searching a few sectors.
     timeText = timeRemainingText(secondsSince(start), done, total);
-    report({{progress::kProgressStatus, status}, {progress::kBarIncrement, batch.count}, {progress::kTimeRemaining, timeText}});
+    report({{progress::kProgressStatus, status}, {progress::kBarIncrement, count}, {progress::kTimeRemaining, timeText}});
   }
 
   // The buffer is circular: a copy that runs past the journal's end goes on
