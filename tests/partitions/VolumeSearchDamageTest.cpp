@@ -21,10 +21,13 @@ struct Found {
   std::string validity, name;
 };
 
-std::vector<Found> thoroughSearch(const std::string& image) {
+std::vector<Found> volumeSearch(const std::string& image, bool quick) {
   OpenedDrive drive{std::filesystem::path(image)};
   PlistArray volumes, rows;
-  drive.media->initializeForVolumeThoroughScan({&drive.controller, &volumes, &rows});
+  if (quick)
+    drive.media->initializeForVolumeQuickScan({&drive.controller, &volumes, &rows});
+  else
+    drive.media->initializeForVolumeThoroughScan({&drive.controller, &volumes, &rows});
   std::vector<Found> out;
   for (const auto& row : rows) {
     const std::string found = row.dict()->string("Found Column");
@@ -37,6 +40,8 @@ std::vector<Found> thoroughSearch(const std::string& image) {
   }
   return out;
 }
+
+std::vector<Found> thoroughSearch(const std::string& image) { return volumeSearch(image, false); }
 
 void zeroSectors(const std::string& image, uint64_t first, uint64_t count) {
   const int fd = ::open(image.c_str(), O_WRONLY | O_CLOEXEC);
@@ -161,19 +166,23 @@ TEST(VolumeSearchDamage, AClonedVolumeIsListedTwiceAndEachVolumeOnce) {
   ASSERT_TRUE(sectorsOf(image, first.startSector, first.sizeSectors) ==
               sectorsOf(image, second.startSector, second.sizeSectors));
 
-  // Each volume's primary and alternate header both lead to its start: listed once each.
-  auto found = thoroughSearch(image);
-  ASSERT_EQ(found.size(), 2u);
-  EXPECT_EQ(found[0].start, first.startSector);
-  EXPECT_EQ(found[1].start, second.startSector);
-  for (const auto& f : found) {
-    EXPECT_EQ(f.validity, "Valid");
-    EXPECT_EQ(f.name, "Cloned");
+  // Each volume's primary and alternate header both lead to its start: listed
+  // once each, by the quick search as by the thorough one.
+  for (const bool quick : {false, true}) {
+    SCOPED_TRACE(quick ? "quick search" : "thorough search");
+    const auto found = volumeSearch(image, quick);
+    ASSERT_EQ(found.size(), 2u);
+    EXPECT_EQ(found[0].start, first.startSector);
+    EXPECT_EQ(found[1].start, second.startSector);
+    for (const auto& f : found) {
+      EXPECT_EQ(f.validity, "Valid");
+      EXPECT_EQ(f.name, "Cloned");
+    }
   }
 
   // The clone found from its alternate header alone, and the original from both.
   zeroSectors(image, second.startSector + 2, 1);
-  found = thoroughSearch(image);
+  auto found = thoroughSearch(image);
   ASSERT_EQ(found.size(), 2u);
   EXPECT_EQ(found[0].start, first.startSector);
   EXPECT_EQ(found[1].start, second.startSector);
