@@ -11,6 +11,7 @@
 #include "carving/SignatureSearch.h"
 #include "cli/CarveShared.h"
 #include "cli/CliController.h"
+#include "cli/FilterOptions.h"
 #include "cli/VolumeSelect.h"
 #include "core/TreeListing.h"
 
@@ -24,6 +25,7 @@ struct DeletedOptions {
   bool carveAll = false;
   std::string format = "tsv";
   std::string out;
+  FilterChoice filter;
 };
 
 std::atomic<Volume*> gSearching{nullptr};
@@ -33,6 +35,12 @@ extern "C" void stopDeletedSearch(int) {
 }
 
 int runDeleted(DeletedOptions& opt) {
+  std::string filterError;
+  const auto filter = filterFromChoice(opt.filter, "--min-size", "--max-size", filterError);
+  if (!filter) {
+    fmt::print(stderr, "ambrel-cli: {}\n", filterError);
+    return kExitCannotStart;
+  }
   const bool carve = opt.carveAll || !opt.carveTypes.empty();
   SignatureDatabase db;
   std::vector<const Sig*> sigs;
@@ -71,8 +79,10 @@ int runDeleted(DeletedOptions& opt) {
                volume->journalSize, volume->journalStart, volume->journalNodesFound, volume->fileCount,
                sizeText(volume->dataSize));
   const int status = stopped ? kExitStopped : kExitDone;
+  const FilteredTree filtered(*volume->dirRoot, *filter);
   if (opt.out.empty()) {
-    writeTreeListing(*volume->dirRoot, opt.format == "json" ? ListingFormat::Json : ListingFormat::Tsv, stdout);
+    writeTreeListing(*volume->dirRoot, opt.format == "json" ? ListingFormat::Json : ListingFormat::Tsv, stdout,
+                     &filtered);
     if (stopped) fmt::print(stderr, "ambrel-cli: search stopped; the listing holds what was found so far\n");
     return readOutcome(*volume, controller, status, "files there may have been missed");
   }
@@ -80,7 +90,7 @@ int runDeleted(DeletedOptions& opt) {
     fmt::print(stderr, "ambrel-cli: nothing to save\n");
     return stopped ? kExitStopped : kExitFailed;
   }
-  return saveFoundTree(*volume, controller, opt.out, status, "files there may have been missed");
+  return saveFoundTree(*volume, controller, opt.out, status, "files there may have been missed", &filtered);
 }
 
 }  // namespace
@@ -95,6 +105,7 @@ void registerDeletedCommands(CLI::App& app, std::function<int()>& run) {
   types->excludes(all);
   cmd->add_option("--format", opt.format, "Listing format")->check(CLI::IsMember({"tsv", "json"}));
   cmd->add_option("--out", opt.out, "Save what was found under this folder (made when missing) instead of listing it");
+  addFilterOptions(*cmd, opt.filter, "--min-size", "--max-size");
   cmd->callback([&run] { run = [] { return runDeleted(opt); }; });
 }
 

@@ -1,5 +1,5 @@
 #pragma once
-// The size and name filters the tree, recover and carve commands share.
+// The size and name filters the tree, recover, carve and deleted commands share.
 #include <CLI/CLI.hpp>
 
 #include <optional>
