@@ -64,8 +64,22 @@ int compareAttributeKeys(uint32_t fileA, std::u16string_view nameA, uint32_t sta
   return 0;
 }
 
+namespace {
+// Record `index` given the node's offset table, checked once for all its
+// records: a hostile node of thousands of records must not cost its table
+// once per record.
+std::optional<AttributeRecord> recordAt(std::span<const uint8_t> node, uint32_t nodeSize,
+                                        const std::vector<uint16_t>& offsets, size_t index);
+}  // namespace
+
 std::optional<AttributeRecord> attributeRecordAt(std::span<const uint8_t> node, uint32_t nodeSize, size_t index) {
-  const auto offsets = recordOffsetsOf(node, nodeSize);
+  return recordAt(node, nodeSize, recordOffsetsOf(node, nodeSize), index);
+}
+
+namespace {
+
+std::optional<AttributeRecord> recordAt(std::span<const uint8_t> node, uint32_t nodeSize,
+                                        const std::vector<uint16_t>& offsets, size_t index) {
   if (index >= offsets.size()) return std::nullopt;
   const size_t end = recordEnd(offsets, index, nodeSize);
   const auto key = keyAt(node, offsets[index], end);
@@ -99,6 +113,8 @@ std::optional<AttributeRecord> attributeRecordAt(std::span<const uint8_t> node, 
       return std::nullopt;
   }
 }
+
+}  // namespace
 
 std::optional<AttributesTree::Header> AttributesTree::headerOf(std::span<const uint8_t> headerNode) {
   const auto rec = headerRecordIfGood(headerNode);
@@ -165,8 +181,9 @@ void AttributesTree::buildLeafIndex() {
   while (current != 0 && visited.size() < kMaxLeafWalk && visited.insert(current).second && read(current, node)) {
     const auto desc = nodeDescriptorOf(node);
     if (!desc || desc->kind != kBTLeafNode) break;
-    for (size_t i = 0; i < desc->numRecords; ++i) {
-      const auto rec = attributeRecordAt(node, header_.nodeSize, i);
+    const auto offsets = recordOffsetsOf(node, header_.nodeSize);
+    for (size_t i = 0; i < offsets.size(); ++i) {
+      const auto rec = recordAt(node, header_.nodeSize, offsets, i);
       if (!rec) continue;
       auto& nodes = leavesOfFile_[rec->fileID];
       if (nodes.empty() || nodes.back() != current) nodes.push_back(current);
@@ -180,8 +197,9 @@ std::optional<AttributeRecord> AttributesTree::find(uint32_t fileID, std::u16str
   auto inNode = [&]() -> std::optional<AttributeRecord> {
     const auto desc = nodeDescriptorOf(node);
     if (!desc || desc->kind != kBTLeafNode) return std::nullopt;
-    for (size_t i = 0; i < desc->numRecords; ++i) {
-      auto rec = attributeRecordAt(node, header_.nodeSize, i);
+    const auto offsets = recordOffsetsOf(node, header_.nodeSize);
+    for (size_t i = 0; i < offsets.size(); ++i) {
+      auto rec = recordAt(node, header_.nodeSize, offsets, i);
       if (rec && compareAttributeKeys(fileID, name, startBlock, rec->fileID, rec->name, rec->startBlock) == 0)
         return rec;
     }
@@ -225,9 +243,9 @@ std::vector<AttributeRecord> AttributesTree::recordsOf(uint32_t fileID, std::vec
   for (uint32_t leaf : leaves) {
     nodes.emplace_back();
     if (!read(leaf, nodes.back())) continue;
-    const auto desc = nodeDescriptorOf(nodes.back());
-    for (size_t i = 0; desc && i < desc->numRecords; ++i) {
-      auto rec = attributeRecordAt(nodes.back(), header_.nodeSize, i);
+    const auto offsets = recordOffsetsOf(nodes.back(), header_.nodeSize);
+    for (size_t i = 0; i < offsets.size(); ++i) {
+      auto rec = recordAt(nodes.back(), header_.nodeSize, offsets, i);
       if (rec && rec->fileID == fileID) out.push_back(std::move(*rec));
     }
   }
