@@ -50,7 +50,7 @@ TEST(ScanInfoDestination, FullIsToldAndLeavesNoFileBehind) {
   std::string out;
   if (!d.runOnTmpfs("size=16k",
                     "\"$CLI\" tree " + d.drivePath() + " --save-scan-info " + shellQuoted(asi) +
-                        " >/dev/null 2>err; echo status=$?; cat err; echo files:; ls -A '" + d.mnt.string() + "'",
+                        " 2>&1 >/dev/null; echo status=$?; echo files:; ls -A '" + d.mnt.string() + "'",
                     status, out))
     GTEST_SKIP() << "no private tmpfs mount here: " << out;
   EXPECT_NE(out.find("status=1\n"), std::string::npos) << out;
