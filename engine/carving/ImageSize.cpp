@@ -12,9 +12,12 @@ namespace ambrel {
 namespace {
 
 uint32_t toPoints(uint32_t pixels, double dpi) {
-  // Resolutions that round to 72 dpi (2835 pixels a metre) are 72 dpi.
-  if (dpi <= 0 || std::lround(dpi) == 72) return pixels;
-  return static_cast<uint32_t>(std::floor(pixels * 72.0 / dpi));
+  // Resolutions that round to 72 dpi (2835 pixels a metre) are 72 dpi, and
+  // so is none at all.
+  if (!(dpi > 0) || !std::isfinite(dpi) || std::lround(dpi) == 72) return pixels;
+  // A pixel or so a metre makes a picture wider than any page: kept in range.
+  const double points = std::floor(pixels * 72.0 / dpi);
+  return points >= 4294967295.0 ? UINT32_MAX : static_cast<uint32_t>(points);
 }
 
 std::optional<ImageSize> pngSize(std::span<const uint8_t> b) {

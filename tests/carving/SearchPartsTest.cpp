@@ -45,6 +45,23 @@ TEST(SearchParts, FillDataReadsWholeUnitsAndStopsAtAFailedRead) {
   EXPECT_EQ(out.size(), 8u * 512);
 }
 
+// A bitmap of 2^31-1 pixels at one pixel a metre once overflowed the points.
+TEST(SearchParts, AHugeBitmapAtOnePixelAMetreHasItsPointsInRange) {
+  std::vector<uint8_t> bmp(54, 0);
+  bmp[0] = 'B';
+  bmp[1] = 'M';
+  storeLE32(&bmp[14], 40);
+  storeLE32(&bmp[18], 0x7FFFFFFF);
+  storeLE32(&bmp[22], 10);
+  storeLE32(&bmp[38], 1);
+  storeLE32(&bmp[42], 3);
+  const auto s = readImageSize(bmp);
+  ASSERT_TRUE(s);
+  EXPECT_EQ(s->widthPixels, 0x7FFFFFFFu);
+  EXPECT_EQ(s->widthPoints(), UINT32_MAX);
+  EXPECT_EQ(s->heightPoints(), 9448u);  // 10 pixels at 0.0762 dpi
+}
+
 TEST(SearchParts, PictureSizesFromTheirHeaders) {
   // PNG with pHYs of 144 dpi (5669 pixels a metre): half its pixels in points.
   const auto png = pilImage(
