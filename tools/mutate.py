@@ -154,14 +154,20 @@ def metadata_regions(data, start):
     return [r for r in regions if r[2] >= SECTOR]
 
 
-def mutate(data, regions, rng):
-    """A mutant of `data` and a line saying what was done."""
-    m = bytearray(data)
+def mutate(original, regions, rng):
+    """The patches ((offset, bytes), ...) that make a mutant of the image file
+    `original`, and a line saying what they do."""
+    def read(at, n):
+        with open(original, "rb") as f:
+            f.seek(at)
+            return f.read(n)
+
     name, off, ln = rng.choice(regions)
     kind = rng.choices(["flip", "zero", "dup", "value"], weights=[5, 2, 2, 2])[0]
+    patches = []
     if kind == "flip":
         n = rng.choice([1, 1, 2, 4, 8, 32])
-        where = []
+        flipped = {}
         # Most of a node's meaning is in its first bytes and its offset table.
         for _ in range(n):
             if rng.random() < 0.5:
@@ -169,18 +175,18 @@ def mutate(data, regions, rng):
                 at = sec + rng.choice([rng.randrange(64), SECTOR - 1 - rng.randrange(64)])
             else:
                 at = off + rng.randrange(ln)
-            m[at] ^= 1 << rng.randrange(8)
-            where.append(at)
-        what = f"flip {n} bits in {name} at {where[:4]}"
+            flipped[at] = flipped.get(at, read(at, 1)[0]) ^ (1 << rng.randrange(8))
+        patches = [(at, bytes([v])) for at, v in flipped.items()]
+        what = f"flip {n} bits in {name} at {sorted(flipped)[:4]}"
     elif kind == "zero":
         sec = off + rng.randrange(ln // SECTOR) * SECTOR
-        m[sec:sec + SECTOR] = bytes(SECTOR)
+        patches = [(sec, bytes(SECTOR))]
         what = f"zero sector {sec // SECTOR} of {name}"
     elif kind == "dup":
         _, off2, ln2 = rng.choice(regions)
         a = off + rng.randrange(ln // SECTOR) * SECTOR
         b = off2 + rng.randrange(ln2 // SECTOR) * SECTOR
-        m[b:b + SECTOR] = data[a:a + SECTOR]
+        patches = [(b, read(a, SECTOR))]
         what = f"copy sector {a // SECTOR} of {name} over sector {b // SECTOR}"
     else:
         # A count, link or size field at a 2- or 4-byte boundary, set to an edge value.
@@ -188,9 +194,14 @@ def mutate(data, regions, rng):
         sec = off + rng.randrange(ln // SECTOR) * SECTOR
         at = sec + rng.randrange(0, 128, width)
         value = rng.choice([0, 1, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF, 0xFFFF, 0x8000, rng.getrandbits(32)])
-        m[at:at + width] = (value & ((1 << (8 * width)) - 1)).to_bytes(width, "big")
+        patches = [(at, (value & ((1 << (8 * width)) - 1)).to_bytes(width, "big"))]
         what = f"set {width} bytes of {name} at {at} to {value:#x}"
-    return bytes(m), what
+    return patches, what
+
+
+def file_digest(path):
+    with open(path, "rb") as f:
+        return hashlib.file_digest(f, "sha256").digest()
 
 
 def files_under(root):
@@ -238,6 +249,8 @@ def main():
     ap.add_argument("--images", default="all", help="all, small, or comma-separated names under hfs_images/")
     ap.add_argument("--seconds", type=int, default=60, help="time limit of one command")
     ap.add_argument("--mem-mb", type=int, default=2048, help="memory limit of one command (RSS)")
+    ap.add_argument("--keep-rss-mb", type=int, default=0,
+                    help="also keep (not as failures) the mutants whose command peaks above this RSS")
     ap.add_argument("--seed", type=int, default=1)
     ap.add_argument("--keep", default="build/mutate-findings", help="where findings are kept")
     ap.add_argument("--summary", help="also write the figures to this JSON file")
@@ -253,6 +266,7 @@ def main():
     stats = {"mutants": 0, "runs": 0, "crashes": 0, "hangs": 0, "max_rss_kb": 0, "max_seconds": 0.0,
              "escapes": 0, "image_changed": 0, "per_image": {}}
     findings = []
+    kept = 0
     deadline = time.monotonic() + a.minutes * 60 if a.minutes else None
     try:
         originals = []
@@ -262,27 +276,33 @@ def main():
             unpack(src, kind, dest)
             starts, data = volume_starts(dest)
             regions = [r for s in starts for r in metadata_regions(data, s)]
+            # Not kept: every command is forked from this process, and its
+            # peak RSS starts from what this process holds.
+            del data
             if not regions:
                 print(f"mutate: {rel}: no HFS+ volume found; skipped")
                 continue
-            originals.append((rel, data, regions))
+            originals.append((rel, dest, regions))
             stats["per_image"][rel] = {"mutants": 0, "crashes": 0, "hangs": 0}
         round_no = 0
         while True:
-            for rel, data, regions in originals:
+            for rel, original, regions in originals:
                 for _ in range(a.mutants):
                     if deadline and time.monotonic() > deadline:
                         raise StopIteration
-                    mutant, what = mutate(data, regions, rng)
+                    patches, what = mutate(original, regions, rng)
                     stats["mutants"] += 1
                     stats["per_image"][rel]["mutants"] += 1
                     case = os.path.join(work, "case")
                     shutil.rmtree(case, ignore_errors=True)
                     os.makedirs(case)
                     img = os.path.join(case, "drive.img")
-                    with open(img, "wb") as f:
-                        f.write(mutant)
-                    digest = hashlib.sha256(mutant).digest()
+                    shutil.copyfile(original, img)
+                    with open(img, "r+b") as f:
+                        for at, b in patches:
+                            f.seek(at)
+                            f.write(b)
+                    digest = file_digest(img)
                     for cmd in COMMANDS:
                         out = os.path.join(case, "out")
                         args = [x.replace("{img}", img).replace("{out}", out) for x in cmd]
@@ -303,9 +323,11 @@ def main():
                             if new:
                                 problem = "escape"
                                 stats["escapes"] += 1
-                            elif hashlib.sha256(open(img, "rb").read()).digest() != digest:
+                            elif file_digest(img) != digest:
                                 problem = "image changed"
                                 stats["image_changed"] += 1
+                            elif a.keep_rss_mb and rss > a.keep_rss_mb * 1024:
+                                problem = f"memory ({rss // 1024} MB)"
                         shutil.rmtree(out, ignore_errors=True)
                         if not problem:
                             continue
@@ -313,14 +335,19 @@ def main():
                         if key:
                             stats[key] += 1
                             stats["per_image"][rel][key] += 1
-                        n = len(findings) + 1
+                        kept += 1
+                        n = kept
                         os.makedirs(a.keep, exist_ok=True)
                         keep = os.path.join(a.keep, f"{n:03}-{os.path.basename(rel)}")
                         shutil.copyfile(img, keep + ".img")
                         with open(keep + ".txt", "w") as f:
                             f.write(f"{problem}: status {status}, {secs:.1f} s\nmutation: {what}\n"
                                     f"command: ambrel-cli {' '.join(cmd)}\n\n{err[-20000:]}")
-                        findings.append(f"{problem}: {rel}: {what}: {' '.join(cmd)} (status {status}) -> {keep}.txt")
+                        line = f"{problem}: {rel}: {what}: {' '.join(cmd)} (status {status}) -> {keep}.txt"
+                        if problem.startswith("memory"):
+                            print(line, flush=True)
+                            continue
+                        findings.append(line)
                         print(findings[-1], flush=True)
                         break
             round_no += 1
