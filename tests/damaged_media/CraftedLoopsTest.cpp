@@ -30,7 +30,7 @@ std::vector<uint8_t> beBytes(uint64_t v, int bytes) {
   return out;
 }
 
-// A journaled volume of 300 files on 512-byte catalog nodes (an index three
+// A journaled volume of 300 files on 1 KiB catalog nodes (an index three
 // levels deep), a file of 20 fragments (two extents-overflow records), a
 // deleted file the journal remembers and room in free space; behind it, in
 // an MBR, three logical partitions chained by extended boot records.
@@ -38,7 +38,7 @@ mk::DriveSpec loopingDrive() {
   mk::VolumeSpec v = generatedVolume(300, 6);
   v.name = "Loops";
   v.journal = true;
-  v.nodeSize = 512;
+  v.nodeSize = 1024;
   mk::EntrySpec frag;
   frag.name = "frag.bin";
   frag.dataSize = 24 * 4096;
