@@ -123,7 +123,9 @@ TEST(CraftedNames, CaseOnlyTwinsBothReachACaseInsensitiveDestination) {
   // In a mount namespace of its own; the saved tree is copied out before
   // the file system goes away.
   const std::string script = fmt::format(
-      "set -e; L=$(losetup -f --show '{0}') || exit 99; trap 'losetup -d $L' EXIT\n"
+      "set -e; L=$(losetup -f --show '{0}') || exit 99\n"
+      // The FUSE daemon may still hold the device for a moment after umount.
+      "trap 'i=0; until losetup -d $L 2>/dev/null || [ $i -ge 100 ]; do sleep 0.1; i=$((i+1)); done' EXIT\n"
       "unshare -m sh -c \"mount.exfat-fuse -o noatime $L '{1}' >/dev/null 2>&1 || exit 99\n"
       "  '{2}' recover '{3}' --out '{1}/out' >/dev/null 2>&1; echo status=\\$? >&2\n"
       "  cp -r '{1}/out' '{4}'; umount '{1}'\"",
