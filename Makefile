@@ -11,12 +11,12 @@ DEB_PACKAGES := cmake ninja-build g++ pkg-config python3 \
   libplist-dev libudev-dev libsystemd-dev libfmt-dev libcli11-dev \
   libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev \
   xorriso sleuthkit gdisk fdisk p7zip-full xz-utils unzip nlohmann-json3-dev zlib1g-dev libxxhash-dev libssl-dev \
-  imagemagick python3-pil ffmpeg sox lame qpdf zip dbus-daemon xvfb xauth \
+  imagemagick python3-pil ffmpeg sox lame qpdf zip dbus-daemon xvfb xauth exfatprogs exfat-fuse \
   gstreamer1.0-plugins-good gstreamer1.0-libav
 # Only the benchmarks compare against these.
 BENCH_PACKAGES := testdisk
 
-.PHONY: all deps bench-deps build test demo bench fuzz fuzz-seeds clean
+.PHONY: all deps bench-deps build test demo bench fuzz fuzz-seeds mutate clean
 
 all: build
 
@@ -69,6 +69,15 @@ FUZZ_SECONDS ?= 600
 fuzz: deps build/fuzz/build.ninja
 	cmake --build build/fuzz -j $(JOBS) --target fuzzers
 	./tools/fuzz.sh build/fuzz $(FUZZ_SECONDS)
+
+# Mutants of the shared real images (bit flips, zeroed and copied sectors in
+# their metadata) through tree, tree --advanced, deleted and recover of the
+# sanitizer build, for MUTATE_MINUTES; findings are kept in $(TEST_BUILD)/mutate-findings.
+MUTATE_MINUTES ?= 25
+mutate: deps $(TEST_BUILD)/build.ninja
+	cmake --build $(TEST_BUILD) -j $(JOBS) --target ambrel-cli
+	nice python3 tools/mutate.py --cli $(TEST_BUILD)/app/cli/ambrel-cli --minutes $(MUTATE_MINUTES) \
+	  --keep $(TEST_BUILD)/mutate-findings --summary $(TEST_BUILD)/mutate-summary.json
 
 clean:
 	rm -rf build

@@ -29,6 +29,20 @@ struct BuiltDrive {
   explicit BuiltDrive(const mk::DriveSpec& spec) : path((dir / "drive.img").string()) {
     layout = mk::buildImage(spec, path);
   }
+  // A copy of another drive, to damage on its own.
+  struct CopyOf {
+    const BuiltDrive& from;
+  };
+  explicit BuiltDrive(CopyOf c) : path((dir / "drive.img").string()), layout(c.from.layout) {
+    std::filesystem::copy_file(c.from.path, path);
+  }
+  std::vector<uint8_t> read(uint64_t byteOffset, size_t size) const {
+    std::vector<uint8_t> out(size);
+    std::ifstream f(path, std::ios::binary);
+    f.seekg(static_cast<std::streamoff>(byteOffset));
+    f.read(reinterpret_cast<char*>(out.data()), static_cast<std::streamsize>(size));
+    return out;
+  }
   // The volume of a bare drive, or of the first partition.
   const mk::VolumeLayout& volume() const {
     return layout.volume ? *layout.volume : *layout.partitions.at(0).volume;

@@ -1,8 +1,10 @@
 // Destinations that fail: full, read-only, not ours to write. Saving and
 // writing a scan info file must say why, and leave nothing behind that could
 // pass for a good file.
+#include <fmt/format.h>
 #include <sys/stat.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <set>
 
@@ -23,9 +25,11 @@ std::set<std::string> filesUnder(const fs::path& root) {
 }
 
 struct Destination {
-  BuiltDrive drive{bareDrive(generatedVolume(400, 12))};
+  BuiltDrive drive;
   fs::path mnt = drive.dir / "mnt";
-  Destination() { fs::create_directory(mnt); }
+  explicit Destination(const mk::DriveSpec& spec = bareDrive(generatedVolume(400, 12))) : drive(spec) {
+    fs::create_directory(mnt);
+  }
 
   // A shell script run with a private tmpfs (mounted with `options`) at mnt,
   // $CLI naming the command line; its output and status. False when this
@@ -67,6 +71,75 @@ TEST(ScanInfoDestination, FullIsToldAndLeavesNoFileBehind) {
                            status, out));
   EXPECT_EQ(status, 0) << out;
   EXPECT_NE(out.find("400"), std::string::npos) << out;
+}
+
+// Eight files of 64 KiB in one folder.
+mk::DriveSpec eightFiles() {
+  mk::VolumeSpec v;
+  v.name = "Eight";
+  mk::EntrySpec docs;
+  docs.name = "Docs";
+  docs.folder = true;
+  for (int i = 0; i < 8; ++i) {
+    mk::EntrySpec f;
+    f.name = "f" + std::to_string(i);
+    f.dataSize = 64 * 1024;
+    docs.children.push_back(f);
+  }
+  v.root = {docs};
+  return bareDrive(v);
+}
+
+// The destination has room for the save when it is checked, and fills up
+// once the save has begun: the recovery report, a FIFO, holds the save back
+// until something else has taken all but 160 KiB of a 1 MiB file system.
+TEST(SaveDestination, FillingUpPartWayKeepsWhatWasSavedAndNamesWhatWasNot) {
+  if (cliPath().empty()) GTEST_SKIP() << "AMBREL_CLI not set";
+  Destination d(eightFiles());
+  const fs::path fifo = d.drive.dir / "report.xml", out = d.mnt / "out";
+  ASSERT_EQ(runCommand("mkfifo '" + fifo.string() + "'"), 0);
+  int status = 0;
+  std::string text;
+  const std::string script =
+      "\"$CLI\" recover " + d.drivePath() + " --out '" + out.string() + "' --report '" + fifo.string() +
+      "' >'" + (d.drive.dir / "stdout").string() + "' 2>&1 &\n"
+      "i=0; while [ ! -d '" + out.string() + "' ] && [ $i -lt 600 ]; do sleep 0.1; i=$((i+1)); done\n"
+      "head -c $((1024 * 1024 - 160 * 1024)) /dev/zero >'" + (d.mnt / "filler").string() + "'\n"
+      "cat '" + fifo.string() + "' >/dev/null\n"
+      "wait $!; echo status=$?; cat '" + (d.drive.dir / "stdout").string() + "'; cp -r '" + out.string() + "' '" +
+      (d.drive.dir / "saved").string() + "'";
+  if (!d.runOnTmpfs("size=1m", script, status, text)) GTEST_SKIP() << "no private tmpfs mount here: " << text;
+  // Saving failed, and the message says why.
+  EXPECT_NE(text.find("status=1\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("No space left on device"), std::string::npos) << text;
+
+  // Each file is whole under its own name, or not there at all (nor under
+  // a name that could pass for it), and then named in the message.
+  const fs::path docs = d.drive.dir / "saved" / "Root" / "Docs";
+  int whole = 0, named = 0;
+  for (int i = 0; i < 8; ++i) {
+    const std::string name = "f" + std::to_string(i);
+    const auto* e = d.drive.volume().find("Docs/" + name);
+    ASSERT_NE(e, nullptr);
+    if (fs::exists(docs / name)) {
+      EXPECT_TRUE(readFile(docs / name) == mk::generatedBytes(e->dataSeed, e->dataSize)) << name << " is cut";
+      ++whole;
+    } else {
+      named += text.find("/Root/Docs/" + name) != std::string::npos;
+    }
+  }
+  for (const auto& f : fs::directory_iterator(docs))
+    EXPECT_EQ(f.path().filename().string().size(), 2u) << f.path() << " left behind";
+  // The room left held two files; the first that did not fit and every
+  // later one are named and counted.
+  EXPECT_EQ(whole, 2) << text;
+  EXPECT_EQ(named, 8 - whole) << text;
+  EXPECT_NE(text.find(fmt::format("Saved {}: {} files", out.string(), whole)), std::string::npos) << text;
+  const auto failures = text.find("Failures: ");
+  ASSERT_NE(failures, std::string::npos) << text;
+  int creates = -1, writes = -1;
+  ASSERT_EQ(std::sscanf(text.c_str() + failures, "Failures: %d creates, %d writes", &creates, &writes), 2) << text;
+  EXPECT_EQ(creates + writes, 8 - whole) << text;
 }
 
 TEST(ScanInfoDestination, ReadOnlyIsToldBeforeTheScan) {
