@@ -30,7 +30,7 @@ std::string trimmed(const std::string& s) {
 bool EntryFilter::passes(const HDIR& file) const {
   if (minSize && file.fileSize < *minSize) return false;
   if (maxSize && file.fileSize > *maxSize) return false;
-  const std::string& name = file.fileName();
+  const std::string name(file.fileName());
   if (!names.empty()) {
     const int flags = matchCase ? 0 : FNM_CASEFOLD;
     bool any = false;

@@ -40,7 +40,7 @@ inline std::unique_ptr<Built> buildVolume(const mk::VolumeSpec& v) {
 // `size` bytes of a fork through `extents` (blocks of `blockSectors` sectors
 // from `volStart`); what lies past the image reads as zeros.
 inline std::vector<uint8_t> forkBytes(const std::string& image, uint64_t volStart, int32_t blockSectors,
-                                      const std::vector<Extent>& extents, uint64_t size) {
+                                      std::span<const Extent> extents, uint64_t size) {
   std::vector<uint8_t> out;
   const int fd = ::open(image.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0 || blockSectors <= 0) {
