@@ -97,7 +97,7 @@ inline std::multimap<uint32_t, const HDIR*> entriesByFileID(const HDIR& root) {
   return out;
 }
 
-inline bool sameExtentList(const std::vector<Extent>& got, const std::vector<mk::ExtentLayout>& want) {
+inline bool sameExtentList(std::span<const Extent> got, const std::vector<mk::ExtentLayout>& want) {
   if (got.size() != want.size()) return false;
   for (size_t i = 0; i < got.size(); ++i)
     if (got[i].startBlock != want[i].startBlock || got[i].blockCount != want[i].blockCount) return false;
