@@ -153,6 +153,7 @@ int main() {
   struct Size {
     uint32_t files, folders;
   };
+  double smallerMB = 0, smallerEntries = 0;
   for (const Size size : {Size{97000, 2980}, Size{990000, 9980}}) {
     const std::string image = volumeOf(size.files, size.folders);
     warm(image);
@@ -171,6 +172,12 @@ int main() {
     fmt::print("  peak memory of a standard scan and listing: {:.0f} MB = {:.0f} bytes per entry{}\n", t[0].peakMB,
                bytesPerEntry, size.files < 500000 ? "" : memoryOk ? " (budget <= 250 MB): within budget"
                                                                   : " (budget <= 250 MB): OVER BUDGET");
+    // What each entry past the smaller volume adds: flat when memory grows linearly.
+    if (smallerEntries > 0)
+      fmt::print("  from {:.0f} to {} entries: {:.0f} bytes per added entry\n", smallerEntries, entries,
+                 (t[0].peakMB - smallerMB) * 1048576.0 / (static_cast<double>(entries) - smallerEntries));
+    smallerMB = t[0].peakMB;
+    smallerEntries = static_cast<double>(entries);
     ok = ok && memoryOk;
   }
   fs::remove(benchDir() / "cli_tree_out");

@@ -24,7 +24,7 @@ std::unique_ptr<Volume> makeVolume() {
   root->fileType = kHDIRFolder;
   root->fileID = kRootFolderID;
   root->setFileName("Root");
-  root->btreeHDIR = v->btree.get();
+  root->setBtreeHDIR(v->btree.get());
   v->dirRoot = std::move(root);
   v->btree->insert(kRootFolderID, v->dirRoot.get());
   return v;
@@ -38,7 +38,7 @@ HDIR* place(Volume& v, HDIR* parent, uint16_t type, uint32_t id, const std::stri
   e->fileSize = size;
   e->setFileName(v.suggestedRepeatFileName(name, parent));
   e->parent = parent;
-  e->btreeHDIR = v.btree.get();
+  e->setBtreeHDIR(v.btree.get());
   for (HDIR* a = parent; a; a = a->parent) {
     a->addToChildrenCount(1);
     a->addToFileSize(size);

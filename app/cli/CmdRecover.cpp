@@ -53,7 +53,8 @@ size_t markMatching(HDIR& root, const std::vector<std::string>& patterns) {
   }
   size_t matched = 0;
   forEachWithPath(root, [&](HDIR& e, const std::string& pathName) {
-    const std::string path = pathName + "/" + e.fileName();
+    std::string path = pathName + "/";
+    path += e.fileName();
     for (const auto& p : patterns) {
       if (::fnmatch(p.c_str(), path.c_str(), 0) == 0) {
         CheckController(&e, true).run();

@@ -79,7 +79,7 @@ int runScanInfo(const ScanInfoOptions& opt) {
     out.set("entries", c.entryCount);
     out.set("folders", folders);
     out.set("files", files);
-    out.set("root", c.root->fileName());
+    out.set("root", std::string(c.root->fileName()));
     fmt::print("{}\n", PlistValue(out).toJson());
     return 0;
   }
@@ -106,7 +106,7 @@ int runScanInfo(const ScanInfoOptions& opt) {
   fmt::print("Drive sectors: {}\n", c.info.first5Sectors.empty() ? std::string("none (a volume device)")
                                                                    : fmt::format("{} bytes", c.info.first5Sectors.size()));
   fmt::print("Tree:     {} entries ({} folders, {} files), root \"{}\"\n", c.entryCount, folders, files,
-             terminalText(c.root->fileName()));
+             terminalText(std::string(c.root->fileName())));
   return 0;
 }
 

@@ -46,9 +46,9 @@ void AppController::previewSmall() {
   p.entry = entry;
   p.volume = selectedPTVolume_;
   p.data.clear();
-  ui_.showPreviewWindow(entry->fileName(), fileExtension(entry->fileName()));
-  ui_.setText(Control::PreviewFileName, entry->fileName());
-  p.supportedFileType = previewKindFor(entry->fileName(), ui_.imageFileTypes(), ui_.movieFileTypes());
+  ui_.showPreviewWindow(std::string(entry->fileName()), fileExtension(std::string(entry->fileName())));
+  ui_.setText(Control::PreviewFileName, std::string(entry->fileName()));
+  p.supportedFileType = previewKindFor(std::string(entry->fileName()), ui_.imageFileTypes(), ui_.movieFileTypes());
   if (p.supportedFileType == PreviewKind::Text) {
     previewText();
     return;
@@ -108,9 +108,9 @@ void AppController::previewMovie() {
   PreviewState& p = *preview_;
   if (!p.entry) return;
   ui_.showPreviewPage(PreviewPage::Movie);
-  ui_.setText(Control::MovieName, p.entry->fileName());
+  ui_.setText(Control::MovieName, std::string(p.entry->fileName()));
   ui_.setText(Control::MovieSizeLoaded, loadedPercentText(p.data.size(), p.entry->dataSize));
-  const MovieInfo movie = ui_.showPreviewMovie(p.data, "abc." + fileExtension(p.entry->fileName()));
+  const MovieInfo movie = ui_.showPreviewMovie(p.data, "abc." + fileExtension(std::string(p.entry->fileName())));
   if (movie.playable) {
     ui_.setText(Control::MovieStatus, "Click the Play button");
     ui_.setText(Control::MovieDuration, "Duration: " + movie.duration.substr(0, movie.duration.find('.')));

@@ -22,7 +22,7 @@ void makeBareRoot(Volume& volume) {
   root->fileID = kRootFolderID;
   root->parentID = kRootParentID;
   root->setFileName("Root");
-  root->btreeHDIR = volume.btree.get();
+  root->setBtreeHDIR(volume.btree.get());
   volume.btree->insert(kRootFolderID, root.get());
   volume.dirRoot = std::move(root);
 }

@@ -24,7 +24,7 @@ constexpr size_t kReloadEachUpTo = 1000;
 unsigned char foldAscii(unsigned char c) { return c >= 'A' && c <= 'Z' ? static_cast<unsigned char>(c + 32) : c; }
 
 // Case-insensitive containment (ASCII letters fold; other bytes must match).
-bool containsFolded(const std::string& haystack, const std::string& foldedNeedle) {
+bool containsFolded(std::string_view haystack, const std::string& foldedNeedle) {
   if (foldedNeedle.empty()) return true;
   const size_t n = foldedNeedle.size();
   if (haystack.size() < n) return false;
@@ -174,7 +174,7 @@ bool AppController::outlineIsItemExpandable(const HDIR* item) const {
 
 std::string AppController::outlineObjectValue(const HDIR* item, const std::string& column) const {
   if (!item) return {};
-  if (column == "Files") return item->fileName();
+  if (column == "Files") return std::string(item->fileName());
   if (column == "Size") return sizeTextOrZero(item->fileSize);
   if (column == "Files Count") return std::to_string(item->fileCount);
   if (column == "Modification Date") return outlineDateText(item->modDate);
@@ -186,9 +186,9 @@ std::string AppController::outlineObjectValue(const HDIR* item, const std::strin
 std::string AppController::outlineToolTip(const HDIR* item, const std::string& column) const {
   if (!item) return {};
   if (column != "Files") return outlineObjectValue(item, column);
-  if (item->fileType != kHDIRFile) return item->fileName();
+  if (item->fileType != kHDIRFile) return std::string(item->fileName());
   const bool showing = preview_->entry == item && ui_.previewWindowVisible();
-  return item->fileName() + (showing ? "\nPreview showing" : "\nDouble click for preview");
+  return std::string(item->fileName()) + (showing ? "\nPreview showing" : "\nDouble click for preview");
 }
 
 void AppController::outlineViewSelectionDidChange(HDIR* item) {

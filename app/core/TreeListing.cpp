@@ -49,7 +49,7 @@ class RowBuffer {
     hfsDateChars(hfsSeconds, tmp);
     buf_.append(tmp, sizeof tmp);
   }
-  void extents(const std::vector<Extent>& extents) {
+  void extents(std::span<const Extent> extents) {
     for (size_t i = 0; i < extents.size(); ++i) {
       if (i) put(',');
       number(extents[i].startBlock);
@@ -150,7 +150,7 @@ void putEscaped(std::string& out, std::string_view text, bool json) {
 class PathCells {
  public:
   explicit PathCells(bool json) : json_(json) {}
-  void put(RowBuffer& out, const std::string& pathName, const std::string& name) {
+  void put(RowBuffer& out, const std::string& pathName, std::string_view name) {
     if (pathName != pathName_) {
       pathName_ = pathName;
       escaped_.clear();

@@ -164,7 +164,7 @@ QIcon TreeModel::iconFor(const HDIR* entry) const {
     if (it != icons_.constEnd()) return *it;
     return icons_[QString()] = QIcon::fromTheme(QStringLiteral("folder"));
   }
-  const QString name = qs(entry->fileName());
+  const QString name = qs(std::string(entry->fileName()));
   const int dot = name.lastIndexOf(QLatin1Char('.'));
   const QString ext = dot > 0 ? name.mid(dot + 1).toLower() : QStringLiteral("-");
   auto it = icons_.constFind(ext);

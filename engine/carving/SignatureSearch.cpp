@@ -213,7 +213,7 @@ void SignatureSearch::prepareRoot() {
     root->fileID = kRootFolderID;
     root->parentID = kRootParentID;
     root->setFileName("Root");
-    root->btreeHDIR = volume_.btree.get();
+    root->setBtreeHDIR(volume_.btree.get());
     volume_.btree->insert(kRootFolderID, root.get());
     volume_.dirRoot = std::move(root);
   }

@@ -45,8 +45,8 @@ void Volume::makeRoot() {
   root->fileID = kRootFolderID;
   root->parentID = kRootParentID;
   root->setFileName("Root");
-  root->btreeHDIR = btree.get();
-  root->btreeHDIRAdvScan = btreeAdvScan;
+  root->setBtreeHDIR(btree.get());
+  root->setBtreeHDIRAdvScan(btreeAdvScan);
   btree->insert(kRootFolderID, root.get());
   dirRoot = std::move(root);
 }
@@ -238,7 +238,7 @@ void Volume::reportEntryProgress() {
 }
 
 Volume::ForkExtents Volume::collectForkExtents(const HFSPlusForkData_& fork, uint32_t fileID, uint8_t forkType,
-                                       std::vector<Extent>& out, bool lookUpOverflow) {
+                                       ExtentList& out, bool lookUpOverflow) {
   uint64_t sum = 0;
   size_t used = 0;
   for (const auto& d : fork.extents.extDesc) {
@@ -295,8 +295,8 @@ void Volume::processLeafRecord(const std::vector<uint8_t>& node, uint32_t numRec
     maxFileID = std::max(maxFileID, folder.folderID);
     ++folderCount;
     ++entryCount;
-    entry->btreeHDIR = btree.get();
-    entry->btreeHDIRAdvScan = btreeAdvScan;
+    entry->setBtreeHDIR(btree.get());
+    entry->setBtreeHDIRAdvScan(btreeAdvScan);
     if (parent) {
       entry->setFileName(suggestedRepeatFileName(rec.name, parent));
       entry->parent = parent;
@@ -313,8 +313,11 @@ void Volume::processLeafRecord(const std::vector<uint8_t>& node, uint32_t numRec
   HFSPlusCatalogFile_ file;
   if (!rec.file(file)) return;
   if (tolerant && !plausibleFileRecord(file)) return;
+  // Only the advanced scan asks where live files lie (for the catalog nodes
+  // it finds inside them): a standard scan keeps no 8 bytes a file for it.
+  const bool noteBlocks = treeScanMode == 1;
   if (!plausibleForks(file)) {
-    noteUnlistedLiveFile(rec.parentID, rec.name, file);
+    if (noteBlocks) noteUnlistedLiveFile(rec.parentID, rec.name, file);
     return;
   }
   entry->fileID = file.fileID;
@@ -323,7 +326,7 @@ void Volume::processLeafRecord(const std::vector<uint8_t>& node, uint32_t numRec
   const bool consistent = data != ForkExtents::Wrong && rsrc != ForkExtents::Wrong;
   // The same file met again (a chain that leads back, a second scan): listed once.
   if (consistent && fileMetBefore(*entry)) return;
-  if (consistent) noteLiveFileBlocks(rec.parentID, rec.name, entry->dataExt, entry->rscExt);
+  if (consistent && noteBlocks) noteLiveFileBlocks(rec.parentID, rec.name, entry->dataExt, entry->rscExt);
   entry->fileType = kHDIRFile;
   entry->createDate = file.createDate;
   entry->modDate = file.contentModDate;

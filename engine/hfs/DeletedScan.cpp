@@ -309,8 +309,8 @@ void Volume::placeDeletedFolder(uint32_t parentID, const std::string& name, cons
   deletedScanIDs_.insert(folder.folderID);
   auto entry = std::make_unique<HDIR>();
   entry->parentID = parentID;
-  entry->btreeHDIR = btree.get();
-  entry->btreeHDIRAdvScan = btreeAdvScan;
+  entry->setBtreeHDIR(btree.get());
+  entry->setBtreeHDIRAdvScan(btreeAdvScan);
   entry->fileType = kHDIRFolder;
   entry->origin = EntryOrigin::Journal;
   entry->createDate = folder.createDate;
@@ -339,8 +339,8 @@ RecordCheck Volume::placeDeletedFile(uint32_t parentID, const std::string& name,
   if (parent && parent->fileType != kHDIRFolder) parent = nullptr;
   deletedScanIDs_.insert(file.fileID);
   entry->parentID = parentID;
-  entry->btreeHDIR = btree.get();
-  entry->btreeHDIRAdvScan = btreeAdvScan;
+  entry->setBtreeHDIR(btree.get());
+  entry->setBtreeHDIRAdvScan(btreeAdvScan);
   entry->fileType = kHDIRFile;
   entry->origin = EntryOrigin::Journal;
   entry->createDate = file.createDate;
@@ -438,8 +438,8 @@ void Volume::collectLiveFiles() {
 
 void Volume::flagReusedDeletedFiles() {
   if (!deletedScanFiles_.empty()) checkAllocationFile();
-  auto firstEight = [](const std::vector<Extent>& all) {
-    return std::vector<Extent>(all.begin(), all.begin() + static_cast<ptrdiff_t>(std::min<size_t>(all.size(), 8)));
+  auto firstEight = [](const ExtentList& all) {
+    return std::span<const Extent>(all.data(), std::min<size_t>(all.size(), 8));
   };
   for (HDIR* f : deletedScanFiles_) {
     if (stopTreeThread) break;

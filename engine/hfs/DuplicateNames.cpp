@@ -5,18 +5,18 @@
 
 namespace ambrel {
 
-std::string Volume::suggestedRepeatFileName(const std::string& name, HDIR* dir) const {
+std::string Volume::suggestedRepeatFileName(std::string_view name, HDIR* dir) const {
   HDIR* first = dir ? dir->firstChildNamed(name) : nullptr;
-  if (!first) return name;
+  if (!first) return std::string(name);
   const int64_t repeats = int64_t{first->nameRepeatCount} + 1;
   first->addToNameRepeatCount(1);
   const size_t lastDot = name.rfind('.');
   // Without a dot each step starts again from the name: one "_" however many.
-  if (lastDot == std::string::npos) return name + "_";
+  if (lastDot == std::string::npos) return std::string(name) + "_";
   // Each step puts one "_" before the last ".", so n steps put n there.
-  std::string result = name.substr(0, lastDot);
+  std::string result(name.substr(0, lastDot));
   result.append(static_cast<size_t>(std::max<int64_t>(repeats, 0)), '_');
-  result.append(name, lastDot, std::string::npos);
+  result.append(name.substr(lastDot));
   return result;
 }
 

@@ -12,11 +12,11 @@ namespace ambrel {
 
 namespace {
 
-bool startsWith(FileVersions::Extents whole, const std::vector<Extent>& part) {
+bool startsWith(FileVersions::Extents whole, FileVersions::Extents part) {
   return part.size() <= whole.size() && std::equal(part.begin(), part.end(), whole.begin());
 }
 
-bool same(FileVersions::Extents a, const std::vector<Extent>& b) { return std::equal(a.begin(), a.end(), b.begin(), b.end()); }
+bool same(FileVersions::Extents a, FileVersions::Extents b) { return std::equal(a.begin(), a.end(), b.begin(), b.end()); }
 
 }  // namespace
 
@@ -49,7 +49,7 @@ void Volume::noteFolderThread(uint32_t folderID, uint32_t parentID, std::string 
   folderThreads_[folderID] = FolderThread{parentID, std::move(name), live};
 }
 
-bool Volume::blocksInUse(const std::vector<Extent>& extents) {
+bool Volume::blocksInUse(std::span<const Extent> extents) {
   if (allocationExt.empty() || blockSize <= 0) return false;
   const uint64_t bitsPerBlock = static_cast<uint64_t>(blockSize) * kSectorSize * 8;
   std::vector<uint8_t> bitmap;
@@ -86,7 +86,7 @@ void Volume::flagReusedBlocks() {
   });
   std::sort(runs.begin(), runs.end(), [](const Run& a, const Run& b) { return a.start < b.start; });
   auto overlapsAnother = [&](const HDIR& f) {
-    for (const auto* list : {&f.dataExt, &f.rscExt})
+    for (const ExtentList* list : {&f.dataExt, &f.rscExt})
       for (const Extent& e : *list) {
         const uint64_t s = e.startBlock, end = s + e.blockCount;
         auto it = std::lower_bound(runs.begin(), runs.end(), s > longest ? s - longest : 0,
@@ -106,19 +106,21 @@ void Volume::flagReusedBlocks() {
   }
 }
 
-void Volume::noteLiveFileBlocks(uint32_t parentID, const std::string& name, const std::vector<Extent>& data,
-                                const std::vector<Extent>& rsrc) {
+void Volume::noteLiveFileBlocks(uint32_t parentID, const std::string& name, std::span<const Extent> data,
+                                std::span<const Extent> rsrc) {
   // The journal holds this volume's own node copies.
   if (parentID == kRootFolderID && (name == ".journal" || name == ".journal_info_block")) return;
-  for (const auto* list : {&data, &rsrc})
-    for (const Extent& e : *list)
-      if (e.blockCount) liveFileRuns_.push_back({e.startBlock, uint64_t{e.startBlock} + e.blockCount});
+  for (const std::span<const Extent> list : {data, rsrc})
+    for (const Extent& e : list)
+      if (e.blockCount)
+        liveFileRuns_.push_back(
+            {e.startBlock, static_cast<uint32_t>(std::min<uint64_t>(uint64_t{e.startBlock} + e.blockCount - 1, UINT32_MAX))});
   liveFileRunsSorted_ = false;
 }
 
 void Volume::noteUnlistedLiveFile(uint32_t parentID, const std::string& name, const HFSPlusCatalogFile_& file) {
   if (!plausibleForks(file, true)) return;
-  std::vector<Extent> data, rsrc;
+  ExtentList data, rsrc;
   if (collectForkExtents(file.dataFork, file.fileID, kDataForkType, data, extentsTreeUsable) == ForkExtents::Wrong ||
       collectForkExtents(file.resourceFork, file.fileID, kResourceForkType, rsrc, extentsTreeUsable) ==
           ForkExtents::Wrong)
@@ -134,8 +136,10 @@ bool Volume::insideLiveFile(uint64_t sector, uint64_t sectors) {
     // Merged, so that one look-up answers.
     std::vector<BlockRun> merged;
     for (const BlockRun& r : liveFileRuns_) {
-      if (!merged.empty() && r.start <= merged.back().end) merged.back().end = std::max(merged.back().end, r.end);
-      else merged.push_back(r);
+      if (!merged.empty() && r.start <= uint64_t{merged.back().last} + 1)
+        merged.back().last = std::max(merged.back().last, r.last);
+      else
+        merged.push_back(r);
     }
     liveFileRuns_.swap(merged);
     liveFileRunsSorted_ = true;
@@ -147,7 +151,7 @@ bool Volume::insideLiveFile(uint64_t sector, uint64_t sectors) {
                              [](uint64_t v, const BlockRun& r) { return v < r.start; });
   if (it == liveFileRuns_.begin()) return false;
   --it;
-  return first >= it->start && last < it->end;
+  return first >= it->start && last <= it->last;
 }
 
 void Volume::provideMissingParents(const std::vector<HDIR::ChildArray*>& waiting, HDIR::ChildArray& into,
@@ -182,7 +186,7 @@ void Volume::provideMissingParents(const std::vector<HDIR::ChildArray*>& waiting
       folder->fileID = id;
       folder->parentID = t->second.parentID;
       folder->setFileName(t->second.name);
-      folder->btreeHDIR = btree.get();
+      folder->setBtreeHDIR(btree.get());
       maxFileID = std::max(maxFileID, id);
     } else {
       continue;

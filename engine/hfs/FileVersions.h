@@ -26,10 +26,9 @@ class FileVersions {
 
   void add(uint32_t id, Extents data, Extents rsrc) {
     if ((versions_.size() + 1) * 2 > slots_.size()) grow();
-    Version v{id, static_cast<uint32_t>(extents_.size()), static_cast<uint32_t>(data.size()), 0,
+    Version v{id, static_cast<uint32_t>(extents_.size()), static_cast<uint32_t>(data.size()),
               static_cast<uint32_t>(rsrc.size()), kNone};
     extents_.insert(extents_.end(), data.begin(), data.end());
-    v.rsrcAt = static_cast<uint32_t>(extents_.size());
     extents_.insert(extents_.end(), rsrc.begin(), rsrc.end());
     const uint32_t index = static_cast<uint32_t>(versions_.size());
     uint32_t& slot = slotOf(id);
@@ -59,14 +58,16 @@ class FileVersions {
     for (uint32_t i = 0; i < versions_.size(); ++i) visit(i, data(i), rsrc(i));
   }
   Extents data(uint32_t index) const { return {extents_.data() + versions_[index].dataAt, versions_[index].dataCount}; }
-  Extents rsrc(uint32_t index) const { return {extents_.data() + versions_[index].rsrcAt, versions_[index].rsrcCount}; }
+  Extents rsrc(uint32_t index) const {
+    return {extents_.data() + versions_[index].dataAt + versions_[index].dataCount, versions_[index].rsrcCount};
+  }
 
  private:
   static constexpr uint32_t kNone = UINT32_MAX;
   static constexpr size_t kCrowded = 64;
   struct Version {
     uint32_t id;
-    uint32_t dataAt, dataCount, rsrcAt, rsrcCount;
+    uint32_t dataAt, dataCount, rsrcCount;  // the resource fork's follow the data fork's
     uint32_t next;  // the next version of the same ID
   };
 

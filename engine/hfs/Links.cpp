@@ -72,7 +72,7 @@ void Volume::resolveLinks() {
         continue;
       }
       link->fileType = kHDIRFolder;
-      link->btreeHDIR = btree.get();  // where walks look its folder up
+      link->setBtreeHDIR(btree.get());  // where walks look its folder up
       linkedFolders.push_back(link);
       ++folderLinks;
       continue;

@@ -127,7 +127,7 @@ void Volume::processOrphanEntriesWithIncrement(bool increment, bool showVolNameO
         ++folderCount;
         ++entryCount;
       }
-      e->btreeHDIR = btree.get();
+      e->setBtreeHDIR(btree.get());
       folder = true;
     } else if (e->fileType == kHDIRFile) {
       e->parent = parent;
@@ -208,7 +208,7 @@ HDIR* Volume::makeLostFolderFor(uint32_t missingID) {
   lost->fileID = missingID;
   lost->parentID = kLostFoldersID;
   lost->setFileName(fmt::format("LostFolder{}", missingID));
-  lost->btreeHDIRAdvScan = btreeAdvScan;
+  lost->setBtreeHDIRAdvScan(btreeAdvScan);
   lost->parent = dirLostFolders;
   HDIR* added = dirLostFolders->addChildAdvScan(std::move(lost));
   addChildrenUp(dirLostFolders, 1, 0, 0);
@@ -233,8 +233,8 @@ void Volume::processAdvScanEntries() {
   lostFolders->parentID = kRootFolderID;
   lostFolders->setFileName("Lost Folders");
   lostFolders->parent = dirRoot.get();
-  lostFolders->btreeHDIR = btree.get();
-  lostFolders->btreeHDIRAdvScan = btreeAdvScan;
+  lostFolders->setBtreeHDIR(btree.get());
+  lostFolders->setBtreeHDIRAdvScan(btreeAdvScan);
   dirLostFolders = dirRoot->addChild(std::move(lostFolders));
   dirRoot->addToChildrenCount(1);
   btreeAdvScan->insert(kLostFoldersID, dirLostFolders);
@@ -265,7 +265,7 @@ void Volume::processAdvScanEntries() {
     report(std::move(r));
     return true;
   };
-  for (auto& f : advScanFolderArray) f->btreeHDIRAdvScan = btreeAdvScan;
+  for (auto& f : advScanFolderArray) f->setBtreeHDIRAdvScan(btreeAdvScan);
   auto passDone = [&] {
     report({{progress::kProgressStatus, folders}, {progress::kBarMaxValue, uint64_t{countLeft(advScanFolderArray)}}});
   };
@@ -295,7 +295,7 @@ void Volume::processAdvScanEntries() {
   done = 0;
   for (auto& f : advScanFileArray) {
     if (stopTreeThread.load()) break;
-    f->btreeHDIRAdvScan = btreeAdvScan;
+    f->setBtreeHDIRAdvScan(btreeAdvScan);
     if (f->fileName().empty() || f->fileID == 0 || f->parentID == 0 || f->fileSize == 0 ||
         (!f->dataExt.empty() && f->dataExt.front().startBlock >= volumeBlocks) ||
         (!f->rscExt.empty() && f->rscExt.front().startBlock >= volumeBlocks)) {

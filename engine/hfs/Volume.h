@@ -83,7 +83,7 @@ class Volume : public DMedia {
   void processAdvScanEntries();
 
   // Duplicate names and empty folders.
-  std::string suggestedRepeatFileName(const std::string& name, HDIR* dir) const;
+  std::string suggestedRepeatFileName(std::string_view name, HDIR* dir) const;
   void processDuplicateEntries();
   void removeZeroSizeFolders(HDIR* dir);
 
@@ -273,7 +273,7 @@ class Volume : public DMedia {
   // when asked, the overflow file's. Wrong when they cannot be this fork's.
   enum class ForkExtents { Complete, Incomplete, Wrong };
   ForkExtents collectForkExtents(const HFSPlusForkData_& fork, uint32_t fileID, uint8_t forkType,
-                                 std::vector<Extent>& out, bool lookUpOverflow);
+                                 ExtentList& out, bool lookUpOverflow);
   void noteMissingExtents(HDIR& entry);
   // anySize: forks of 4 GiB and more pass too (they are not listed, but their
   // blocks are known).
@@ -331,19 +331,19 @@ class Volume : public DMedia {
   bool fileMetBefore(const HDIR& e, bool incomplete = false);
   bool otherVersionMet(const HDIR& e) const;
   void noteFolderThread(uint32_t folderID, uint32_t parentID, std::string name, bool live);
-  bool blocksInUse(const std::vector<Extent>& extents);
+  bool blocksInUse(std::span<const Extent> extents);
   // Old versions and deleted files whose blocks now hold something else.
   void flagReusedBlocks();
   // Blocks of the live catalog's files, the journal's aside: a catalog node
   // found inside them belongs to a volume kept in that file (a disk image),
   // whose block numbers are not this volume's.
   struct BlockRun {
-    uint64_t start, end;
+    uint32_t start, last;  // the last block, not past it: 8 bytes a run
   };
   std::vector<BlockRun> liveFileRuns_;
   bool liveFileRunsSorted_ = false;
-  void noteLiveFileBlocks(uint32_t parentID, const std::string& name, const std::vector<Extent>& data,
-                          const std::vector<Extent>& rsrc);
+  void noteLiveFileBlocks(uint32_t parentID, const std::string& name, std::span<const Extent> data,
+                          std::span<const Extent> rsrc);
   // A live file too large to be listed still has its blocks noted.
   void noteUnlistedLiveFile(uint32_t parentID, const std::string& name, const HFSPlusCatalogFile_& file);
   bool insideLiveFile(uint64_t sector, uint64_t sectors);

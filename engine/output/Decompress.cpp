@@ -17,7 +17,7 @@ constexpr size_t kMaxRangeRead = 1u << 20;
 
 }  // namespace
 
-bool readForkRange(const ForkSource& source, int32_t blockSectors, const std::vector<Extent>& extents,
+bool readForkRange(const ForkSource& source, int32_t blockSectors, std::span<const Extent> extents,
                    uint64_t logicalSize, uint64_t offset, size_t length, uint8_t* out) {
   if (blockSectors <= 0 || !source.read) return false;
   if (offset > logicalSize || length > logicalSize - offset) return false;

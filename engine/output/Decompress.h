@@ -15,7 +15,7 @@ namespace ambrel {
 // Reads [offset, offset + length) of a fork of logicalSize bytes laid out in
 // `extents` of blockSectors-sector blocks; false when it lies outside the
 // fork or a read fails.
-bool readForkRange(const ForkSource& source, int32_t blockSectors, const std::vector<Extent>& extents,
+bool readForkRange(const ForkSource& source, int32_t blockSectors, std::span<const Extent> extents,
                    uint64_t logicalSize, uint64_t offset, size_t length, uint8_t* out);
 
 struct DecompressResult {

@@ -129,7 +129,7 @@ RecoveryReport::~RecoveryReport() {
   if (out_) std::fclose(out_);
 }
 
-void RecoveryReport::byteRuns(const HDIR& entry, const std::vector<Extent>& extents, uint64_t size,
+void RecoveryReport::byteRuns(const HDIR& entry, std::span<const Extent> extents, uint64_t size,
                               const char* facet) {
   const int32_t B = entry.blockSize > 0 ? entry.blockSize : volume_.blockSize;
   if (B <= 0 || extents.empty() || size == 0) return;

@@ -36,7 +36,7 @@ class RecoveryReport {
  private:
   // The "._name" file beside a saved file: its own object, hashed on its own.
   void addSidecar(const SavedFile& file);
-  void byteRuns(const HDIR& entry, const std::vector<Extent>& extents, uint64_t size, const char* facet);
+  void byteRuns(const HDIR& entry, std::span<const Extent> extents, uint64_t size, const char* facet);
 
   std::FILE* out_ = nullptr;
   std::string path_;

@@ -29,8 +29,8 @@ std::string fitted(const std::string& stem, const std::string& tail, size_t maxB
 
 }  // namespace
 
-std::string madeName(const std::string& name, bool canSaveSlashes) {
-  std::string out = name;
+std::string madeName(std::string_view name, bool canSaveSlashes) {
+  std::string out(name);
   for (char& c : out)
     if (c == '/') c = canSaveSlashes ? ':' : '_';
   return out;

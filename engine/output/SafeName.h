@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace ambrel {
 
@@ -13,7 +14,7 @@ inline constexpr size_t kDefaultNameMax = 255;
 
 // Every "/" becomes ":" on an "hfs" destination (which shows it as "/" again),
 // "_" elsewhere; nothing else changes.
-std::string madeName(const std::string& name, bool canSaveSlashes);
+std::string madeName(std::string_view name, bool canSaveSlashes);
 
 // A made name that is safe to create: NUL bytes become "_", an empty name
 // becomes "_", "." and ".." get a leading "_", and a name longer than maxBytes

@@ -224,7 +224,7 @@ void Saver::readPiece(uint64_t sector, uint64_t count, uint8_t* buffer, ForkCopy
 // Reads a fork through its extents in groups of 8 allocation blocks; in the
 // last extent the final blocks are read one at a time so that the last one
 // can be cut to the logical size. Nothing beyond the logical size is written.
-Saver::Copy Saver::copyFork(const HDIR& entry, const std::vector<Extent>& extents, uint64_t logicalSize, int fd,
+Saver::Copy Saver::copyFork(const HDIR& entry, std::span<const Extent> extents, uint64_t logicalSize, int fd,
                             ForkCopy& out) {
   const int32_t B = blockSizeOf(entry);
   if (B <= 0) {

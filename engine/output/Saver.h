@@ -175,7 +175,7 @@ class Saver {
 
   // Copies a fork through its extents; what cannot be read is written as
   // zeros and counted in `out`.
-  Copy copyFork(const HDIR& entry, const std::vector<Extent>& extents, uint64_t logicalSize, int fd, ForkCopy& out);
+  Copy copyFork(const HDIR& entry, std::span<const Extent> extents, uint64_t logicalSize, int fd, ForkCopy& out);
   // A compressed entry's uncompressed content; parts that cannot be read or
   // decoded are written as zeros and counted in `badChunks`.
   Copy copyCompressed(const HDIR& entry, int fd, ForkCopy& out, uint32_t& badChunks, bool& opened,

@@ -27,7 +27,7 @@ struct HDIRCoder : KeyedEncodable {
   explicit HDIRCoder(const HDIR& d) : dir(d) {}
   ClassChain classChain() const override { return {"HDIR", "NSObject"}; }
 
-  void encodeExtents(KeyedArchiver& coder, const char* key, const std::vector<Extent>& extents) const {
+  void encodeExtents(KeyedArchiver& coder, const char* key, std::span<const Extent> extents) const {
     if (extents.empty()) {
       coder.encodeObject(key, static_cast<const KeyedEncodable*>(nullptr));
       return;
@@ -41,7 +41,7 @@ struct HDIRCoder : KeyedEncodable {
   }
 
   void encodeWithCoder(KeyedArchiver& coder) const override {
-    coder.encodeObject("fileName", PlistValue(dir.fileName()));
+    coder.encodeObject("fileName", PlistValue(std::string(dir.fileName())));
     coder.encodeObject("pathName", PlistValue(pathNameOf(dir)));
     coder.encodeInt("fileType", dir.fileType);
     coder.encodeInt32("createDate", static_cast<int32_t>(dir.createDate));
@@ -122,7 +122,7 @@ class HDIRDecoder {
     if (error_.empty()) error_ = why;
     return nullptr;
   }
-  bool extents(const ArchivedObject& list, std::vector<Extent>& out) {
+  bool extents(const ArchivedObject& list, ExtentList& out) {
     if (!list.exists() || list.isNil()) return true;
     auto items = list.arrayItems();
     if (!items) return fail("an extent list is not an array"), false;

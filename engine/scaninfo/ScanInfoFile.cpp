@@ -69,7 +69,7 @@ class EntryWriter {
     for (size_t i = 0; i < units.size(); ++i) storeBE16(&bytes_[2 * i], units[i]);
     out_.put(bytes_.data(), bytes_.size());
   }
-  void putExtents(const std::vector<Extent>& extents) {
+  void putExtents(std::span<const Extent> extents) {
     for (const Extent& e : extents) {
       uint8_t b[8];
       storeBE32(b, e.startBlock);
@@ -318,7 +318,7 @@ class EntryReader {
     out = scaninfo::utf8FromUtf16BE(bytes_.data(), units);
     return true;
   }
-  bool readExtents(int32_t pairs, std::vector<Extent>& out) {
+  bool readExtents(int32_t pairs, ExtentList& out) {
     if (static_cast<uint64_t>(pairs) > in_.remaining() / 8) return false;
     out.reserve(static_cast<size_t>(pairs));
     for (int32_t i = 0; i < pairs; ++i) {

@@ -58,7 +58,7 @@ void applyLinkEntries(Volume& v, const PlistData& links) {
     if (kind == static_cast<uint8_t>(LinkKind::Folder) && e.isFolder() && e.children().empty() && linkID != e.fileID) {
       e.linkKind = LinkKind::Folder;
       e.linkID = linkID;
-      e.btreeHDIR = v.btree.get();
+      e.setBtreeHDIR(v.btree.get());
       folderLinks = true;
       ++v.folderLinks;
     } else if (kind == static_cast<uint8_t>(LinkKind::File) && e.fileType == kHDIRFile) {

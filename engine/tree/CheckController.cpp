@@ -9,18 +9,18 @@ int64_t CheckController::markBelow(HDIR& folder, uint8_t value) {
   // bottom-up: every child is touched twice, never once per ancestor.
   std::vector<HDIR*> order{&folder};
   for (size_t i = 0; i < order.size(); ++i) {
-    for (auto& child : order[i]->children_) {
+    for (auto& child : order[i]->children()) {
       child->selected_ = value;
       if (child->childrenCount_ > 0) order.push_back(child.get());
     }
   }
-  const int64_t before = folder.selectedBelow_;
+  const int64_t before = folder.selectedBelow();
   for (size_t i = order.size(); i-- > 0;) {
     int64_t sum = 0;
-    for (const auto& child : order[i]->children_) sum += child->contribution();
-    order[i]->selectedBelow_ = sum;
+    for (const auto& child : order[i]->children()) sum += child->contribution();
+    order[i]->setSelectedBelow(sum);
   }
-  return folder.selectedBelow_ - before;
+  return folder.selectedBelow() - before;
 }
 
 void CheckController::markAllChildrenDirArray(HDIR& folder, uint8_t value) {
@@ -48,13 +48,13 @@ void CheckController::setSelected() {
     }
     if (combined) {
       const int64_t was = a->contribution();
-      a->selectedBelow_ += d;
+      a->setSelectedBelow(a->selectedBelow() + d);
       if (flag_) a->selected_ = 1;
-      else if (a->selectedBelow_ == 0) a->selected_ = 0;
+      else if (a->selectedBelow() == 0) a->selected_ = 0;
       d = a->contribution() - was;
     } else if (flag_) {
       a->setSelected(1);
-    } else if (a->selectedBelow_ == 0) {
+    } else if (a->selectedBelow() == 0) {
       a->setSelected(0);
     }
   }

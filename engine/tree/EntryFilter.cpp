@@ -30,12 +30,13 @@ std::string trimmed(const std::string& s) {
 bool EntryFilter::passes(const HDIR& file) const {
   if (minSize && file.fileSize < *minSize) return false;
   if (maxSize && file.fileSize > *maxSize) return false;
-  const std::string& name = file.fileName();
+  const std::string_view name = file.fileName();
   if (!names.empty()) {
     const int flags = matchCase ? 0 : FNM_CASEFOLD;
+    const std::string terminated(name);  // fnmatch wants a C string
     bool any = false;
     for (const auto& p : names)
-      if (::fnmatch(p.c_str(), name.c_str(), flags) == 0) {
+      if (::fnmatch(p.c_str(), terminated.c_str(), flags) == 0) {
         any = true;
         break;
       }
@@ -45,7 +46,7 @@ bool EntryFilter::passes(const HDIR& file) const {
     const size_t dot = name.rfind('.');
     // ".profile" has no extension; neither has "name.".
     if (dot == std::string::npos || dot == 0 || dot + 1 == name.size()) return false;
-    const std::string ext = lower(name.substr(dot + 1));
+    const std::string ext = lower(std::string(name.substr(dot + 1)));
     bool any = false;
     for (const auto& x : extensions) any = any || x == ext;
     if (!any) return false;

@@ -11,26 +11,41 @@ namespace ambrel {
 HDIR::HDIR() = default;
 
 HDIR::~HDIR() {
+  if (!folder_) return;
   // Flatten instead of recursing: a deep chain would exhaust the stack.
-  ChildArray pending = std::move(children_);
+  ChildArray pending = std::move(folder_->children);
   while (!pending.empty()) {
     std::unique_ptr<HDIR> entry = std::move(pending.back());
     pending.pop_back();
-    for (auto& child : entry->children_) pending.push_back(std::move(child));
-    entry->children_.clear();
+    if (!entry->folder_) continue;
+    for (auto& child : entry->folder_->children) pending.push_back(std::move(child));
+    entry->folder_->children.clear();
   }
 }
 
-void HDIR::setFileName(std::string name) {
-  // The holder's name index points into this string.
+HDIR::FolderPart::FolderPart() = default;
+HDIR::FolderPart::~FolderPart() = default;
+
+HDIR::FolderPart& HDIR::folderPart() {
+  if (!folder_) folder_ = std::make_unique<FolderPart>();
+  return *folder_;
+}
+
+const HDIR::ChildArray& HDIR::noChildren() {
+  static const ChildArray none;
+  return none;
+}
+
+void HDIR::setFileName(std::string_view name) {
+  // The holder's name index points into this name.
   if (holder_) holder_->dropNameIndex();
-  fileName_ = std::move(name);
+  fileName_.set(name);
 }
 
 void HDIR::propagateSelected(HDIR* from, int64_t d) {
   for (HDIR* a = from; a && d != 0; a = a->holder_) {
     const int64_t before = a->contribution();
-    a->selectedBelow_ += d;
+    a->setSelectedBelow(a->selectedBelow() + d);
     d = a->contribution() - before;
   }
 }
@@ -49,25 +64,26 @@ void HDIR::setChildrenCount(int32_t value) {
 
 void HDIR::setChildren(ChildArray children) {
   int64_t before = 0;
-  for (const auto& c : children_) before += c->contribution();
+  for (const auto& c : this->children()) before += c->contribution();
   // Destroyed only after the new array is in place, and iteratively.
-  ChildArray old = std::move(children_);
+  ChildArray old = folder_ ? std::move(folder_->children) : ChildArray{};
   for (auto& c : old) c->holder_ = nullptr;
-  children_ = std::move(children);
+  if (!children.empty() || folder_) folderPart().children = std::move(children);
   int64_t after = 0;
-  for (auto& c : children_) {
+  for (auto& c : this->children()) {
     c->holder_ = this;
     after += c->contribution();
   }
   dropNameIndex();
   propagateSelected(this, after - before);
   HDIR sink;
-  sink.children_ = std::move(old);
+  sink.folderPart().children = std::move(old);
 }
 
 std::unique_ptr<HDIR> HDIR::removeChildAtIndex(size_t index) {
-  std::unique_ptr<HDIR> child = std::move(children_[index]);
-  children_.erase(children_.begin() + static_cast<std::ptrdiff_t>(index));
+  ChildArray& children = folder_->children;
+  std::unique_ptr<HDIR> child = std::move(children[index]);
+  children.erase(children.begin() + static_cast<std::ptrdiff_t>(index));
   child->holder_ = nullptr;
   dropNameIndex();
   propagateSelected(this, -child->contribution());
@@ -79,14 +95,14 @@ void HDIR::forgetSubtreeInTables(const HDIR& top, const HDIR* holder) {
   while (!work.empty()) {
     auto [e, h] = work.back();
     work.pop_back();
-    BTreeTableClass* tables[4] = {h ? h->btreeHDIR : nullptr, h ? h->btreeHDIRAdvScan : nullptr, e->btreeHDIR,
-                                  e->btreeHDIRAdvScan};
+    BTreeTableClass* tables[4] = {h ? h->btreeHDIR() : nullptr, h ? h->btreeHDIRAdvScan() : nullptr, e->btreeHDIR(),
+                                  e->btreeHDIRAdvScan()};
     for (BTreeTableClass* t : tables) {
       if (!t) continue;
       auto* item = t->retrieveKeyField(e->fileID);
       if (item && item->dir == e) item->dir = nullptr;
     }
-    for (const auto& c : e->children_) work.emplace_back(c.get(), e);
+    for (const auto& c : e->children()) work.emplace_back(c.get(), e);
   }
 }
 
@@ -98,50 +114,57 @@ int64_t HDIR::countChildrenSelectedInArray(const ChildArray& array) {
     stack.pop_back();
     for (const auto& e : *a) {
       if (e->selected_ == 1) ++count;
-      if (e->childrenCount_ > 0) stack.push_back(&e->children_);
+      if (e->childrenCount_ > 0) stack.push_back(&e->children());
     }
   }
   return count;
 }
 
 // A folder's children by name, the first added of each name: open
-// addressing over the children themselves, 16 bytes a child where a hash
-// map's node and bucket cost over 50 and an allocation each.
+// addressing over the positions of the children, 4 bytes a slot at most
+// three quarters full, where a hash map's node and bucket cost over 50 bytes
+// and an allocation each.
 struct HDIR::NameIndex {
-  std::vector<HDIR*> slots;  // nullptr: empty
+  static constexpr uint32_t kEmpty = UINT32_MAX;
+  std::vector<uint32_t> slots;
   size_t count = 0;
 
-  HDIR*& slotFor(std::string_view name) {
+  uint32_t& slotFor(const ChildArray& children, std::string_view name) {
     const size_t mask = slots.size() - 1;
     size_t i = std::hash<std::string_view>{}(name) & mask;
-    while (slots[i] && slots[i]->fileName_ != name) i = (i + 1) & mask;
+    while (slots[i] != kEmpty && children[slots[i]]->fileName() != name) i = (i + 1) & mask;
     return slots[i];
   }
-  void add(HDIR* child) {
-    if ((count + 1) * 2 > slots.size()) {
-      std::vector<HDIR*> old(std::max<size_t>(16, slots.size() * 2), nullptr);
+  void add(const ChildArray& children, uint32_t position) {
+    if ((count + 1) * 4 > slots.size() * 3) {
+      std::vector<uint32_t> old(std::max<size_t>(16, slots.size() * 2), kEmpty);
       old.swap(slots);
-      for (HDIR* c : old)
-        if (c) slotFor(c->fileName_) = c;
+      for (uint32_t p : old)
+        if (p != kEmpty) slotFor(children, children[p]->fileName()) = p;
     }
-    HDIR*& slot = slotFor(child->fileName_);
-    if (!slot) {
-      slot = child;
+    uint32_t& slot = slotFor(children, children[position]->fileName());
+    if (slot == kEmpty) {
+      slot = position;
       ++count;
     }
   }
 };
 
-void HDIR::dropNameIndex() { nameIndex_.reset(); }
+void HDIR::dropNameIndex() {
+  if (folder_) folder_->nameIndex.reset();
+}
 
 HDIR* HDIR::firstChildNamed(std::string_view name) {
-  if (children_.empty()) return nullptr;
-  if (!nameIndex_) {
-    nameIndex_ = std::make_unique<NameIndex>();
-    nameIndex_->slots.assign(std::max<size_t>(16, std::bit_ceil(children_.size() * 2)), nullptr);
-    for (const auto& c : children_) nameIndex_->add(c.get());
+  if (!folder_ || folder_->children.empty()) return nullptr;
+  const ChildArray& children = folder_->children;
+  auto& index = folder_->nameIndex;
+  if (!index) {
+    index = std::make_unique<NameIndex>();
+    index->slots.assign(std::max<size_t>(16, std::bit_ceil(children.size() * 2)), NameIndex::kEmpty);
+    for (size_t p = 0; p < children.size(); ++p) index->add(children, static_cast<uint32_t>(p));
   }
-  return nameIndex_->slotFor(name);
+  const uint32_t found = index->slotFor(children, name);
+  return found == NameIndex::kEmpty ? nullptr : children[found].get();
 }
 
 const char* confidenceText(Confidence c) {
@@ -166,8 +189,8 @@ const char* originText(EntryOrigin o) {
 
 std::unique_ptr<HDIR> HDIR::mutableCopy() const {
   auto copyFields = [](const HDIR& from, HDIR& to) {
-    to.btreeHDIR = from.btreeHDIR;
-    to.btreeHDIRAdvScan = from.btreeHDIRAdvScan;
+    to.setBtreeHDIR(from.btreeHDIR());
+    to.setBtreeHDIRAdvScan(from.btreeHDIRAdvScan());
     to.fileName_ = from.fileName_;
     to.fileType = from.fileType;
     to.createDate = from.createDate;
@@ -192,7 +215,7 @@ std::unique_ptr<HDIR> HDIR::mutableCopy() const {
     to.childrenCount_ = from.childrenCount_;
     to.parent = from.parent;
     to.nameRepeatCount = from.nameRepeatCount;
-    to.selectedBelow_ = from.selectedBelow_;
+    to.setSelectedBelow(from.selectedBelow());
     // hasParent deliberately stays NO.
   };
   auto top = std::make_unique<HDIR>();
@@ -202,15 +225,16 @@ std::unique_ptr<HDIR> HDIR::mutableCopy() const {
   while (!work.empty()) {
     auto [from, to] = work.back();
     work.pop_back();
-    to->children_.reserve(from->children_.size());
-    for (const auto& c : from->children_) {
+    if (from->children().empty()) continue;
+    to->folderPart().children.reserve(from->children().size());
+    for (const auto& c : from->children()) {
       auto copy = std::make_unique<HDIR>();
       copyFields(*c, *copy);
       copy->hasParent = c->hasParent;
       if (c->parent == from) copy->parent = to;
       copy->holder_ = to;
       work.emplace_back(c.get(), copy.get());
-      to->children_.push_back(std::move(copy));
+      to->folder_->children.push_back(std::move(copy));
     }
   }
   return top;
@@ -222,8 +246,9 @@ HDIR* HDIR::append(std::unique_ptr<HDIR> child) {
   child->hasParent = false;
   HDIR* added = child.get();
   added->holder_ = this;
-  children_.push_back(std::move(child));
-  if (nameIndex_) nameIndex_->add(added);
+  FolderPart& part = folderPart();
+  part.children.push_back(std::move(child));
+  if (part.nameIndex) part.nameIndex->add(part.children, static_cast<uint32_t>(part.children.size() - 1));
   propagateSelected(this, added->contribution());
   return added;
 }
@@ -231,21 +256,21 @@ HDIR* HDIR::append(std::unique_ptr<HDIR> child) {
 HDIR* HDIR::addChild(std::unique_ptr<HDIR> child) {
   HDIR* added = append(std::move(child));
   if (!added) return nullptr;
-  if (added->fileType == kHDIRFolder && btreeHDIR) btreeHDIR->insert(added->fileID, added);
+  if (added->fileType == kHDIRFolder && btreeHDIR()) btreeHDIR()->insert(added->fileID, added);
   return added;
 }
 
 HDIR* HDIR::addChildAdvScan(std::unique_ptr<HDIR> child) {
   HDIR* added = append(std::move(child));
   if (!added) return nullptr;
-  if (added->fileType == kHDIRFolder && btreeHDIRAdvScan) btreeHDIRAdvScan->insert(added->fileID, added);
+  if (added->fileType == kHDIRFolder && btreeHDIRAdvScan()) btreeHDIRAdvScan()->insert(added->fileID, added);
   return added;
 }
 
 HDIR* HDIR::addChildDelFile(std::unique_ptr<HDIR> child) {
   HDIR* added = append(std::move(child));
   if (!added) return nullptr;
-  if (btreeHDIR) btreeHDIR->insert(added->fileID, added);
+  if (btreeHDIR()) btreeHDIR()->insert(added->fileID, added);
   return added;
 }
 
@@ -254,7 +279,7 @@ HDIR* HDIR::appendUncounted(std::unique_ptr<HDIR> child) {
   child->hasParent = false;
   HDIR* added = child.get();
   added->holder_ = this;
-  children_.push_back(std::move(child));
+  folderPart().children.push_back(std::move(child));
   dropNameIndex();
   return added;
 }
@@ -263,11 +288,11 @@ void HDIR::recountMarks(HDIR& top) {
   // Pre-order, then every count from the bottom up: each entry touched twice.
   std::vector<HDIR*> order{&top};
   for (size_t i = 0; i < order.size(); ++i)
-    for (auto& c : order[i]->children_) order.push_back(c.get());
+    for (auto& c : order[i]->children()) order.push_back(c.get());
   for (size_t i = order.size(); i-- > 0;) {
     int64_t sum = 0;
-    for (const auto& c : order[i]->children_) sum += c->contribution();
-    order[i]->selectedBelow_ = sum;
+    for (const auto& c : order[i]->children()) sum += c->contribution();
+    order[i]->setSelectedBelow(sum);
   }
 }
 
@@ -278,8 +303,8 @@ void HDIR::clearMarks(HDIR& top) {
     HDIR* e = stack.back();
     stack.pop_back();
     e->selected_ = 0;
-    e->selectedBelow_ = 0;
-    for (auto& c : e->children_) stack.push_back(c.get());
+    e->setSelectedBelow(0);
+    for (auto& c : e->children()) stack.push_back(c.get());
   }
   propagateSelected(top.holder_, -before);
 }
@@ -301,7 +326,12 @@ std::string pathNameOf(const HDIR& entry) {
   return path;
 }
 
-std::string listedPath(const HDIR& entry) { return pathNameOf(entry) + "/" + entry.fileName(); }
+std::string listedPath(const HDIR& entry) {
+  std::string path = pathNameOf(entry);
+  path += '/';
+  path += entry.fileName();
+  return path;
+}
 
 HDIR* HDIR::addChildFromScanFile(std::unique_ptr<HDIR> child) { return append(std::move(child)); }
 

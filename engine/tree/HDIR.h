@@ -30,6 +30,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "tree/EntryName.h"
 #include "tree/Extent.h"
 #include "tree/KeyedTable.h"
 
@@ -66,43 +67,52 @@ class HDIR {
   HDIR(const HDIR&) = delete;
   HDIR& operator=(const HDIR&) = delete;
 
-  uint16_t fileType = 0;  // 1 folder, 2 file
+  // Laid out widest first: a tree holds millions of these.
+  uint64_t fileSize = 0;
+  uint64_t dataSize = 0;
+  uint64_t rscSize = 0;
+  uint64_t compressedSize = 0;  // see compressionType
+  ExtentList dataExt;
+  ExtentList rscExt;
+  HDIR* parent = nullptr;  // not owned
   uint32_t createDate = 0;
   uint32_t modDate = 0;
   uint32_t parentID = 0;
   uint32_t fileID = 0;
-  uint32_t fileCount = 0;  // here and linkID below: no padding, 248 bytes an entry
-  uint64_t fileSize = 0;
-  uint64_t dataSize = 0;
-  uint64_t rscSize = 0;
-  std::vector<Extent> dataExt;
-  std::vector<Extent> rscExt;
+  uint32_t fileCount = 0;
   int32_t blockSize = 0;
-  // The catalog's BSD mode bits (0 when unknown, as for entries from a scan
-  // info file, which has no place for them).
-  uint16_t fileMode = 0;
   // An HFS+ compressed file: its compression type (0: not compressed). Then
   // dataSize and fileSize are the uncompressed size, dataExt is empty, and
   // the coded bytes are in the compression attribute (odd types) or in the
   // resource fork, rscExt over compressedSize bytes (even types); rscSize is
   // 0, as the file has no resource fork of its own.
   uint32_t compressionType = 0;
-  uint32_t linkID = 0;  // see linkKind
-  uint64_t compressedSize = 0;
   // A link: for a file hard link the ID of the file whose content it shares
   // (resolved by the scan into its own forks), for a folder link the folder
   // it shows (never copied: walks look it up by linkID in btreeHDIR).
+  uint32_t linkID = 0;  // see linkKind
+  int32_t nameRepeatCount = 0;
+  uint16_t fileType = 0;  // 1 folder, 2 file
+  // The catalog's BSD mode bits (0 when unknown, as for entries from a scan
+  // info file, which has no place for them).
+  uint16_t fileMode = 0;
   LinkKind linkKind = LinkKind::None;
   EntryOrigin origin = EntryOrigin::Catalog;
   Confidence confidence = Confidence::Sure;
-  HDIR* parent = nullptr;                       // not owned
-  BTreeTableClass* btreeHDIR = nullptr;         // not owned
-  BTreeTableClass* btreeHDIRAdvScan = nullptr;  // not owned
   bool hasParent = false;
-  int32_t nameRepeatCount = 0;
 
-  const std::string& fileName() const { return fileName_; }
-  void setFileName(std::string name);
+  // The tables folders are indexed in by ID (not owned).
+  BTreeTableClass* btreeHDIR() const { return folder_ ? folder_->btreeHDIR : nullptr; }
+  BTreeTableClass* btreeHDIRAdvScan() const { return folder_ ? folder_->btreeHDIRAdvScan : nullptr; }
+  void setBtreeHDIR(BTreeTableClass* table) {
+    if (table || folder_) folderPart().btreeHDIR = table;
+  }
+  void setBtreeHDIRAdvScan(BTreeTableClass* table) {
+    if (table || folder_) folderPart().btreeHDIRAdvScan = table;
+  }
+
+  std::string_view fileName() const { return fileName_.view(); }
+  void setFileName(std::string_view name);
 
   uint8_t selected() const { return selected_; }
   // Keeps the marked counts of the entries above up to date.
@@ -113,8 +123,8 @@ class HDIR {
   void addToChildrenCount(int32_t n) { setChildrenCount(childrenCount_ + n); }
   void subtractToChildrenCount(int32_t n) { setChildrenCount(childrenCount_ - n); }
 
-  const ChildArray& children() const { return children_; }
-  HDIR* childAtIndex(size_t index) const { return children_[index].get(); }
+  const ChildArray& children() const { return folder_ ? folder_->children : noChildren(); }
+  HDIR* childAtIndex(size_t index) const { return children()[index].get(); }
   // Replaces the children (the old ones are destroyed).
   void setChildren(ChildArray children);
   // Takes one child out of the tree and hands it back.
@@ -133,15 +143,13 @@ class HDIR {
   void addToNameRepeatCount(int32_t n) { nameRepeatCount += n; }
   void addDataExt(const Extent& e) { dataExt.push_back(e); }
   void addRscExt(const Extent& e) { rscExt.push_back(e); }
-  void setBtreeHDIR(BTreeTableClass* table) { btreeHDIR = table; }
-  void setBtreeHDIRAdvScan(BTreeTableClass* table) { btreeHDIRAdvScan = table; }
 
   bool expandable() const { return childrenCount_ > 0; }
   bool isFolder() const { return fileType == kHDIRFolder; }
 
   // Marked entries among the descendants, descending only into entries whose
   // childrenCount > 0. Kept up to date, so O(1).
-  int64_t childrenSelected() const { return selectedBelow_; }
+  int64_t childrenSelected() const { return selectedBelow(); }
   // The same number counted the slow way over an array (used to check the kept one).
   static int64_t countChildrenSelectedInArray(const ChildArray& array);
 
@@ -185,8 +193,25 @@ class HDIR {
  private:
   friend class CheckController;
 
+  // What only an entry that holds others needs, apart: most entries are files.
+  struct NameIndex;
+  struct FolderPart {
+    ChildArray children;
+    int64_t selectedBelow = 0;
+    std::unique_ptr<NameIndex> nameIndex;
+    BTreeTableClass* btreeHDIR = nullptr;
+    BTreeTableClass* btreeHDIRAdvScan = nullptr;
+    FolderPart();
+    ~FolderPart();
+  };
+  FolderPart& folderPart();
+  static const ChildArray& noChildren();
+  int64_t selectedBelow() const { return folder_ ? folder_->selectedBelow : 0; }
+  void setSelectedBelow(int64_t v) {
+    if (v != 0 || folder_) folderPart().selectedBelow = v;
+  }
   // What this entry adds to its holder's childrenSelected().
-  int64_t contribution() const { return (selected_ == 1 ? 1 : 0) + (childrenCount_ > 0 ? selectedBelow_ : 0); }
+  int64_t contribution() const { return (selected_ == 1 ? 1 : 0) + (childrenCount_ > 0 ? selectedBelow() : 0); }
   // Adds d to `from`'s count and carries the change of each contribution up.
   static void propagateSelected(HDIR* from, int64_t d);
   HDIR* append(std::unique_ptr<HDIR> child);
@@ -194,14 +219,11 @@ class HDIR {
   // Clears the table items that point into the subtree of `top` (held by `holder`).
   static void forgetSubtreeInTables(const HDIR& top, const HDIR* holder);
 
-  std::string fileName_;
-  uint8_t selected_ = 0;
-  int32_t childrenCount_ = 0;
-  ChildArray children_;
   HDIR* holder_ = nullptr;
-  int64_t selectedBelow_ = 0;
-  struct NameIndex;
-  std::unique_ptr<NameIndex> nameIndex_;
+  std::unique_ptr<FolderPart> folder_;
+  EntryName fileName_;
+  int32_t childrenCount_ = 0;
+  uint8_t selected_ = 0;
 };
 
 // How a folder's name appears inside the paths below it: "/" cannot separate
@@ -261,21 +283,23 @@ void forEachWithPath(Entry& top, Visit visit) {
 
 template <class Pred>
 int64_t HDIR::removeChildrenIf(Pred remove) {
+  if (!folder_) return 0;
+  ChildArray& children = folder_->children;
   int64_t removedContribution = 0;
   size_t kept = 0;
   ChildArray doomed;
-  for (size_t i = 0; i < children_.size(); ++i) {
-    if (remove(*children_[i])) {
-      removedContribution += children_[i]->contribution();
-      children_[i]->holder_ = nullptr;
-      doomed.push_back(std::move(children_[i]));
+  for (size_t i = 0; i < children.size(); ++i) {
+    if (remove(*children[i])) {
+      removedContribution += children[i]->contribution();
+      children[i]->holder_ = nullptr;
+      doomed.push_back(std::move(children[i]));
     } else {
-      if (kept != i) children_[kept] = std::move(children_[i]);
+      if (kept != i) children[kept] = std::move(children[i]);
       ++kept;
     }
   }
   if (doomed.empty()) return 0;
-  children_.resize(kept);
+  children.resize(kept);
   for (auto& d : doomed) forgetSubtreeInTables(*d, this);
   dropNameIndex();
   propagateSelected(this, -removedContribution);

@@ -10,7 +10,7 @@ const std::string kPrivateDirectoryName(".HFS+ Private Directory Data\r");
 
 const HDIR* linkedFolder(const HDIR& entry) {
   if (entry.linkKind != LinkKind::Folder) return nullptr;
-  const HDIR* target = findDir(entry.btreeHDIR, entry.linkID);
+  const HDIR* target = findDir(entry.btreeHDIR(), entry.linkID);
   return target && target->isFolder() && target->linkKind == LinkKind::None ? target : nullptr;
 }
 

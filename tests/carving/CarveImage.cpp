@@ -166,7 +166,7 @@ std::vector<CarvedFile> carvedFiles(const HDIR& root) {
     stack.pop_back();
     if (e->fileType == kHDIRFile) {
       CarvedFile f;
-      f.path = pathNameOf(*e) + "/" + e->fileName();
+      f.path = pathNameOf(*e) + "/" + std::string(e->fileName());
       if (!e->dataExt.empty()) {
         f.startBlock = e->dataExt[0].startBlock;
         f.blocks = e->dataExt[0].blockCount;

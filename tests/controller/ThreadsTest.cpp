@@ -57,7 +57,7 @@ TEST_F(Journey, FindIsCaseInsensitiveAndNextNextPreviousShowsOneTwoOne) {
   ASSERT_TRUE(runUntil([this] { return !app->findThreadRunning() && ui.text(Control::FindTextField) != " "; }));
   // Pre-order: the root's children in their catalog order, each before what it holds.
   std::vector<std::string> names;
-  for (HDIR* m : app->findArray()) names.push_back(m->fileName());
+  for (HDIR* m : app->findArray()) names.emplace_back(m->fileName());
   EXPECT_EQ(names, (std::vector<std::string>{"docs", "Notes.DOC", "report.doc"}));
   EXPECT_EQ(app->findCount(), 3);
   EXPECT_EQ(ui.text(Control::FindTextField), "3 Matches Found");

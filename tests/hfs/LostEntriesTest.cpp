@@ -21,8 +21,8 @@ struct Fixture {
     root->fileID = kRootFolderID;
     root->parentID = kRootParentID;
     root->setFileName("Root");
-    root->btreeHDIR = v.btree.get();
-    root->btreeHDIRAdvScan = v.btreeAdvScan;
+    root->setBtreeHDIR(v.btree.get());
+    root->setBtreeHDIRAdvScan(v.btreeAdvScan);
     v.dirRoot = std::move(root);
     v.btree->insert(kRootFolderID, v.dirRoot.get());
   }
@@ -51,7 +51,7 @@ std::unique_ptr<HDIR> file(uint32_t id, uint32_t parentID, const std::string& na
 
 // "name(childrenCount,fileSize)[children...]" of a whole tree.
 std::string dump(const HDIR& e) {
-  std::string s = e.fileName() + "(" + std::to_string(e.childrenCount()) + "," + std::to_string(e.fileSize) + ")";
+  std::string s = std::string(e.fileName()) + "(" + std::to_string(e.childrenCount()) + "," + std::to_string(e.fileSize) + ")";
   if (e.children().empty()) return s;
   s += "[";
   for (const auto& c : e.children()) s += dump(*c) + " ";
@@ -176,7 +176,7 @@ void referencePasses(Volume& v) {
         if (e->fileType == kHDIRFile) a->addToFileSize(e->fileSize);
       }
       if (e->fileType == kHDIRFolder) {
-        e->btreeHDIR = v.btree.get();
+        e->setBtreeHDIR(v.btree.get());
         placedFolder = true;
       }
       parent->addChild(std::move(v.orphanEntryArray[i]));
@@ -309,7 +309,7 @@ TEST(EmptyFolders, RemovedWithCountsAndTablesCleared) {
       a->addToChildrenCount(1);
       a->addToFileSize(size);
     }
-    added->btreeHDIR = f.v.btree.get();
+    added->setBtreeHDIR(f.v.btree.get());
     return added;
   };
   HDIR* empty = place(root, folder(20, 2, "zeros"));

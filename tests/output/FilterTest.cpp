@@ -141,7 +141,7 @@ TEST(Filter, FolderLinksAreKeptWhenTheFolderTheyShowHoldsAPassingFile) {
       *v.dirRoot,
       [&](const HDIR& e, const std::string& p) {
         if (!filtered.keeps(e)) return false;
-        listed.insert(p + "/" + e.fileName());
+        listed.insert(p + "/" + std::string(e.fileName()));
         return true;
       },
       [](const HDIR&, const std::string&) {});

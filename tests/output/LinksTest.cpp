@@ -138,7 +138,7 @@ TEST(Links, FolderLinkLoopIsListedAndSavedOnce) {
   std::vector<std::string> listed;
   size_t refused = 0;
   forEachThroughLinks(
-      *v.dirRoot, [&](const HDIR& e, const std::string& p) { return listed.push_back(p + "/" + e.fileName()), true; },
+      *v.dirRoot, [&](const HDIR& e, const std::string& p) { return listed.push_back(p + "/" + std::string(e.fileName())), true; },
       [&](const HDIR&, const std::string&) { ++refused; });
   // Each place that shows A lists it once; the link back inside it is not entered.
   EXPECT_EQ(std::count(listed.begin(), listed.end(), "/Root/B/toA/x.txt"), 1);
@@ -224,7 +224,7 @@ TEST(Links, PrivateFoldersAreSavedOnlyWhereNoLinkReachesTheirEntries) {
   };
   // Listed as the volume holds them.
   std::set<std::string> listedTop;
-  for (const auto& c : v.dirRoot->children()) listedTop.insert(c->fileName());
+  for (const auto& c : v.dirRoot->children()) listedTop.emplace(c->fileName());
   EXPECT_TRUE(listedTop.count(kPrivateDataName));
   EXPECT_TRUE(listedTop.count(kPrivateDirectoryName));
 

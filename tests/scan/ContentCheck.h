@@ -40,7 +40,7 @@ inline std::unique_ptr<Built> buildVolume(const mk::VolumeSpec& v) {
 // `size` bytes of a fork through `extents` (blocks of `blockSectors` sectors
 // from `volStart`); what lies past the image reads as zeros.
 inline std::vector<uint8_t> forkBytes(const std::string& image, uint64_t volStart, int32_t blockSectors,
-                                      const std::vector<Extent>& extents, uint64_t size) {
+                                      std::span<const Extent> extents, uint64_t size) {
   std::vector<uint8_t> out;
   const int fd = ::open(image.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0 || blockSectors <= 0) {
@@ -97,7 +97,7 @@ inline std::multimap<uint32_t, const HDIR*> entriesByFileID(const HDIR& root) {
   return out;
 }
 
-inline bool sameExtentList(const std::vector<Extent>& got, const std::vector<mk::ExtentLayout>& want) {
+inline bool sameExtentList(std::span<const Extent> got, const std::vector<mk::ExtentLayout>& want) {
   if (got.size() != want.size()) return false;
   for (size_t i = 0; i < got.size(); ++i)
     if (got[i].startBlock != want[i].startBlock || got[i].blockCount != want[i].blockCount) return false;

@@ -55,7 +55,7 @@ inline std::string entryPath(const HDIR& e) {
   std::string path;
   for (size_t i = chain.size(); i-- > 0;) {
     if (!path.empty()) path += '/';
-    path += flsName(chain[i]->fileName());
+    path += flsName(std::string(chain[i]->fileName()));
   }
   return path;
 }

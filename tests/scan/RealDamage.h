@@ -47,8 +47,8 @@ inline VolumeSurvey surveyVolume(const std::string& image, uint64_t start, uint6
   ScanResult standard = scan(image, start, sectors, "Normal Scan");
   if (standard.volume->dirRoot)
     for (const HDIR* f : filesOf(*standard.volume->dirRoot)) {
-      s.dataExt[f->fileID] = f->dataExt;
-      s.rscExt[f->fileID] = f->rscExt;
+      s.dataExt[f->fileID] = f->dataExt.toVector();
+      s.rscExt[f->fileID] = f->rscExt.toVector();
     }
   RecordingController c;
   Volume v(volumeDict(image, start, sectors), &c);

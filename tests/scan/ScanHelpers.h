@@ -92,7 +92,7 @@ inline std::string flsName(std::string name) {
 // are left 0: fls gives none.
 inline void collect(const HDIR& dir, const std::string& prefix, std::map<std::string, Listed>& out) {
   for (const auto& child : dir.children()) {
-    const std::string path = prefix + flsName(child->fileName());
+    const std::string path = prefix + flsName(std::string(child->fileName()));
     const bool folder = child->fileType == kHDIRFolder;
     out[path] = Listed{folder, folder ? 0 : child->dataSize, child->fileID};
     if (folder) collect(*child, path + "/", out);

@@ -20,14 +20,14 @@ TEST(HDIR, NewEntryIsEmpty) {
   EXPECT_FALSE(e.hasParent);
   EXPECT_TRUE(e.children().empty());
   EXPECT_TRUE(e.dataExt.empty());
-  EXPECT_EQ(e.btreeHDIR, nullptr);
+  EXPECT_EQ(e.btreeHDIR(), nullptr);
   EXPECT_FALSE(e.expandable());
 }
 
 TEST(HDIR, AddChildIndexesFoldersOnlyAndStoresACopy) {
   BTreeTableClass table;
   HDIR root;
-  root.btreeHDIR = &table;
+  root.setBtreeHDIR(&table);
   auto folderPtr = entry(kHDIRFolder, 20, "Docs");
   HDIR& folder = *folderPtr;
   folder.hasParent = true;
@@ -56,8 +56,8 @@ TEST(HDIR, AddChildIndexesFoldersOnlyAndStoresACopy) {
 TEST(HDIR, EachAddingOperationIndexesItsOwnTable) {
   BTreeTableClass std_, adv;
   HDIR root;
-  root.btreeHDIR = &std_;
-  root.btreeHDIRAdvScan = &adv;
+  root.setBtreeHDIR(&std_);
+  root.setBtreeHDIRAdvScan(&adv);
   HDIR* a = root.addChildAdvScan(entry(kHDIRFolder, 30, "adv"));
   EXPECT_EQ(adv.retrieveKeyField(30)->dir, a);
   EXPECT_EQ(std_.retrieveKeyField(30), nullptr);
@@ -95,8 +95,8 @@ TEST(HDIR, MutableCopyCopiesEverythingButHasParent) {
   src.nameRepeatCount = 9;
   src.parent = &parent;
   src.hasParent = true;
-  src.btreeHDIR = &t1;
-  src.btreeHDIRAdvScan = &t2;
+  src.setBtreeHDIR(&t1);
+  src.setBtreeHDIRAdvScan(&t2);
   src.addDataExt({10, 11});
   src.addRscExt({12, 13});
   src.setChildrenCount(1);
@@ -121,8 +121,8 @@ TEST(HDIR, MutableCopyCopiesEverythingButHasParent) {
   EXPECT_EQ(copy->blockSize, 8);
   EXPECT_EQ(copy->nameRepeatCount, 9);
   EXPECT_EQ(copy->parent, &parent);
-  EXPECT_EQ(copy->btreeHDIR, &t1);
-  EXPECT_EQ(copy->btreeHDIRAdvScan, &t2);
+  EXPECT_EQ(copy->btreeHDIR(), &t1);
+  EXPECT_EQ(copy->btreeHDIRAdvScan(), &t2);
   EXPECT_EQ(copy->selected(), 1);
   EXPECT_EQ(copy->childrenCount(), 1);
   EXPECT_EQ(copy->dataExt, (std::vector<Extent>{{10, 11}}));
