@@ -524,7 +524,8 @@ void GuiTest::movieAndMp3PreviewsPlay() {
     return e;
   };
   TempDir images;
-  buildGptDrive(images / "media.img", "Media", {fileOf("clip.mp4", "clip.mp4"), fileOf("song.mp3", "song.mp3")});
+  buildGptDrive(images / "media.img", "Media",
+                {fileOf("clip.mp4", "clip.mp4"), fileOf("song.mp3", "song.mp3"), fileOf("clip.mpg", "clip.mpg")});
   GuiFixture f({images / "media.img"});
   qt::MainWindow& w = *f.window;
   scanToTree(f);
@@ -556,6 +557,17 @@ void GuiTest::movieAndMp3PreviewsPlay() {
   QCOMPARE(preview->playButton()->text(), QStringLiteral("Pause"));
   preview->close();
   QVERIFY(!preview->player());
+
+  // An MPEG program stream (MPEG-1 video, MP2 sound), as old cameras and DVDs keep them.
+  open(QStringLiteral("clip.mpg"));
+  QCOMPARE(status->text(), QStringLiteral("Click the Play button"));
+  // A program stream has no length field: it is estimated from the stream's rate.
+  QVERIFY2(qAbs(preview->player()->duration() - 2000) < 300, qPrintable(duration->text()));
+  QVERIFY(preview->player()->hasVideo());
+  f.click(preview->playButton());
+  QTRY_VERIFY_WITH_TIMEOUT(preview->player()->position() > 0, 10000);
+  QCOMPARE(preview->player()->error(), QMediaPlayer::NoError);
+  preview->close();
 
   // The MP3: its length, its cover from the ID3 tag, no picture area.
   open(QStringLiteral("song.mp3"));
