@@ -200,8 +200,10 @@ bool AppController::outlineIsItemExpandable(const HDIR* item) const {
 std::string AppController::outlineObjectValue(const HDIR* item, const std::string& column) const {
   if (!item) return {};
   if (column == "Files") return item->fileName();
-  if (column == "Size") return sizeTextOrZero(item->fileSize);
-  if (column == "Files Count") return std::to_string(item->fileCount);
+  // Under a filter a folder tells of the files it shows.
+  const MarkedCount* shown = shown_ && shown_->filtered && shown_->tally ? shown_->tally->allBelow(item) : nullptr;
+  if (column == "Size") return sizeTextOrZero(shown ? shown->markedData : item->fileSize);
+  if (column == "Files Count") return std::to_string(shown ? shown->markedFiles : item->fileCount);
   if (column == "Modification Date") return outlineDateText(item->modDate);
   if (column == "Create Date") return outlineDateText(item->createDate);
   if (column == "Mark") return item->selected() == 1 ? "1" : "0";

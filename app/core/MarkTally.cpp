@@ -76,6 +76,11 @@ MarkedCount MarkTally::all() const {
   return it == folders_.end() ? MarkedCount{} : it->second.all;
 }
 
+const MarkedCount* MarkTally::allBelow(const HDIR* folder) const {
+  auto it = folders_.find(folder);
+  return it == folders_.end() ? nullptr : &it->second.all;
+}
+
 void MarkTally::addAbove(const HDIR* from, int64_t files, int64_t data) {
   for (const HDIR* a = from; a; a = a->holder()) {
     auto it = folders_.find(a);

@@ -30,8 +30,10 @@ class MarkTally {
   static std::unique_ptr<MarkTally> build(const HDIR& root, const FilteredTree* kept);
 
   MarkedCount total() const;
-  // Every counted file, marked or not.
+  // Every counted file, marked or not: in the tree, below a folder (null
+  // for an entry that holds nothing).
   MarkedCount all() const;
+  const MarkedCount* allBelow(const HDIR* folder) const;
   // Marks or unmarks `item` and everything below it, and the tally with them.
   void mark(HDIR* item, bool flag);
 

@@ -292,7 +292,8 @@ QLayout* MainWindow::buildFilterBar() {
   field(Control::FilterMinSizeField, QStringLiteral("&Size from"), QStringLiteral("any"), sizes, 90);
   field(Control::FilterMaxSizeField, QStringLiteral("to"), QStringLiteral("any"), sizes, 90);
   field(Control::FilterNameField, QStringLiteral("&Name"), QStringLiteral("IMG_*"),
-        QStringLiteral("A shell pattern on the file's name: * any text, ? one character, [abc] one of them"), 0);
+        QStringLiteral("A shell pattern on the file's name: * any text, ? one character, [abc] one of them"), 0)
+      ->setMinimumWidth(120);
   field(Control::FilterExtensionField, QStringLiteral("E&xtensions"), QStringLiteral("jpg, pdf"),
         QStringLiteral("The files' extensions, separated by commas"), 120);
   matchCase_ = new QCheckBox(QStringLiteral("Match &case"));
@@ -301,7 +302,6 @@ QLayout* MainWindow::buildFilterBar() {
   bar->addWidget(makeButton(Control::FilterApplyButton, QStringLiteral("&Filter"), [this](AppController&) { applyFilter(); }));
   bar->addWidget(makeButton(Control::FilterClearButton, QStringLiteral("Show All"),
                             [](AppController& a) { a.clearTreeFilter(); }));
-  bar->addWidget(makeLabel(Control::TextFieldFilterStatus));
   return bar;
 }
 
@@ -365,6 +365,8 @@ QWidget* MainWindow::buildTreePage() {
 
   auto* status = new QHBoxLayout;
   status->addWidget(makeLabel(Control::TextFieldTreeTotals));
+  status->addSpacing(24);
+  status->addWidget(makeLabel(Control::TextFieldFilterStatus));
   status->addStretch(1);
   status->addWidget(makeLabel(Control::TextFieldMarkedData));
   l->addLayout(status);

@@ -20,6 +20,7 @@
 #include <QProgressBar>
 #include <QSignalSpy>
 #include <QSlider>
+#include <QSplashScreen>
 #include <QTableView>
 #include <QTest>
 #include <QTreeView>
@@ -28,6 +29,7 @@
 
 #include "GuiFixture.h"
 #include "PreviewWindow.h"
+#include "Splash.h"
 #include "tree/HDIR.h"
 
 using namespace ambrel;
@@ -143,6 +145,12 @@ void GuiTest::journeyByClicksSavesIdenticalFiles() {
   buildGptDrive(images / "drive.img", "Recover Me", sampleEntries());
   GuiFixture f({images / "drive.img"});
   qt::MainWindow& w = *f.window;
+  {
+    // The splash window as the application shows it while the drives are listed.
+    QSplashScreen splash(qt::splashPicture());
+    splash.show();
+    f.snapshot(QStringLiteral("00-splash"), &splash);
+  }
   QAbstractItemModelTester drivesTester(w.tableModel(Table::Drives));
   QAbstractItemModelTester volumesTester(w.tableModel(Table::Volumes));
   QAbstractItemModelTester partitionsTester(w.tableModel(Table::Partitions));
@@ -392,7 +400,11 @@ void GuiTest::filterFieldsHideAndSaveOnlyWhatPasses() {
   GuiFixture::clickCheckBox(w.treeView(), rootBox);
   QCOMPARE(f.app->markedFiles(), 1u);
   QVERIFY(textOf(w, Control::TextFieldMarkedData).endsWith(QStringLiteral(" in 1 Files")));
-  f.snapshot(QStringLiteral("09-tree-filtered"));
+  // A folder's size and count are those of the files it shows.
+  QCOMPARE(photos.siblingAtColumn(qt::TreeModel::FilesCount).data().toString(), QStringLiteral("1"));
+  QCOMPARE(model->index(0, qt::TreeModel::Size).data().toString(), QStringLiteral("5.00 KB"));
+  w.treeView()->expand(photos);
+  f.snapshot(QStringLiteral("08-tree-filtered"));
   const std::filesystem::path out = f.dir / "out";
   std::filesystem::create_directories(out);
   f.folderAnswer = out.string();
