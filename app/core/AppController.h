@@ -251,6 +251,7 @@ class AppController : public AppControllerInterface {
   void markFound(bool mark);
   void markItem(HDIR* item, bool mark);
   void startTreeFilter(EntryFilter filter);
+  void dropFindResults();
   void treeFilterApplied(uint64_t generation, std::shared_ptr<ShownTree> shown);
   void showFilterStatus();
   void showFindMatch(size_t index);

@@ -24,14 +24,20 @@ void AppController::clearTreeFilter() {
   startTreeFilter({});
 }
 
-void AppController::startTreeFilter(EntryFilter filter) {
-  // The matches of a find may be hidden now: it starts again from the new tree.
+void AppController::dropFindResults() {
   stopFind();
+  ++findGeneration_;  // a find still reporting says nothing more
   findArray_.clear();
   findCount_ = 0;
   ui_.setText(Control::FindTextField, "");
+  ui_.setAnimating(Control::FindProgress, false);
   for (Control c : {Control::MarkAllButton, Control::UnmarkAllButton, Control::NextButton, Control::PrevButton})
     ui_.setEnabled(c, false);
+}
+
+void AppController::startTreeFilter(EntryFilter filter) {
+  // The matches of a find may be hidden now: it starts again from the new tree.
+  dropFindResults();
   filterRunning_ = true;
   const uint64_t generation = ++filterGeneration_;
   for (Control c : {Control::FilterApplyButton, Control::FilterClearButton}) ui_.setEnabled(c, false);
@@ -50,6 +56,8 @@ void AppController::treeFilterApplied(uint64_t generation, std::shared_ptr<Shown
     return;
   filterRunning_ = false;
   shown_ = std::move(shown);
+  // A find made while the filter was built looked at the tree shown before.
+  dropFindResults();
   selectedTreeItem_ = nullptr;
   ui_.setEnabled(Control::PreviewButton, false);
   ui_.reloadOutline();

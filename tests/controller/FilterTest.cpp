@@ -203,8 +203,12 @@ TEST_F(Journey, MarksWaitForAFilterBeingAppliedAndAnOlderFilterIsDropped) {
   // The filter's worker reads the marks: a click meanwhile is undone.
   app->outlineViewSetObjectValue(root, true);
   EXPECT_EQ(root->selected(), 0);
+  // A find made meanwhile looks at the tree shown before: its matches go.
+  app->find("c.jpg");
   ASSERT_TRUE(runUntil([this] { return !app->treeFilterRunning(); }));
   ASSERT_TRUE(settle());
+  EXPECT_TRUE(app->findArray().empty());
+  EXPECT_EQ(ui.text(Control::FindTextField), "");
   EXPECT_EQ(shownNames(*app, root), (std::vector<std::string>{"a.jpg", "b.txt"}));
   EXPECT_EQ(ui.text(Control::TextFieldFilterStatus), "Filter: 2 of 3 files shown");
   app->outlineViewSetObjectValue(root, true);
