@@ -78,10 +78,7 @@ int TreeModel::rowOf(const HDIR* item) const {
   const int count = app_->outlineChildCount(holder);
   for (int i = 0; i < count; ++i)
     if (app_->outlineChild(holder, i) == item) {
-      if (app_->outlineIsItemExpandable(item)) {
-        folders_[item].row = i;
-        last_ = nullptr;
-      }
+      if (app_->outlineIsItemExpandable(item)) folders_[item].row = i;
       return i;
     }
   return -1;
@@ -109,10 +106,7 @@ QModelIndex TreeModel::index(int row, int column, const QModelIndex& parent) con
   // A folder's row is asked for often (its children's parent()).
   if (!leaf && column == 0) {
     Folder& sub = folders_[child];
-    if (sub.row < 0) {
-      sub.row = row;
-      last_ = nullptr;  // the insertion may have moved nothing, but the cache is cheap to refill
-    }
+    if (sub.row < 0) sub.row = row;
   }
   return make(row, column, child, leaf);
 }
@@ -148,7 +142,6 @@ void TreeModel::fetchMore(const QModelIndex& parent) {
   if (!canFetchMore(parent)) return;
   const HDIR* holder = item(parent);
   Folder& f = folders_[holder];
-  last_ = nullptr;
   const int have = f.fetched();
   const int more = std::min(kBatch, app_->outlineChildCount(holder) - have);
   beginInsertRows(parent, have, have + more - 1);
