@@ -12,7 +12,7 @@ DEB_PACKAGES := cmake ninja-build g++ pkg-config python3 \
   libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev \
   xorriso sleuthkit gdisk fdisk p7zip-full xz-utils unzip nlohmann-json3-dev zlib1g-dev libxxhash-dev libssl-dev \
   imagemagick python3-pil ffmpeg sox lame qpdf zip dbus-daemon xvfb xauth exfatprogs exfat-fuse \
-  gstreamer1.0-plugins-good gstreamer1.0-libav
+  gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-libav
 # Only the benchmarks compare against these.
 BENCH_PACKAGES := testdisk
 

@@ -5,7 +5,8 @@
 //
 // A precise 10 ms timer ticks through each step; a tick late by more than its
 // interval means the thread was busy that long. Each step is run several
-// times on fresh windows and the best run kept.
+// times on fresh windows; the budget holds for the best run (the machine is
+// shared), and the median run is shown beside it.
 #include <QAbstractItemModel>
 #include <QApplication>
 #include <QElapsedTimer>
@@ -18,6 +19,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <ctime>
 #include <functional>
 #include <map>
 #include <vector>
@@ -93,34 +95,49 @@ class StallMeter {
   StallMeter() {
     timer_.setTimerType(Qt::PreciseTimer);
     timer_.setInterval(kTickMs);
-    QObject::connect(&timer_, &QTimer::timeout, &timer_, [this] {
-      const qint64 now = clock_.nsecsElapsed();
-      stalls_.push_back(std::max<double>(0, (now - last_) / 1e6 - kTickMs));
-      last_ = now;
-    });
+    QObject::connect(&timer_, &QTimer::timeout, &timer_, [this] { tick(); });
   }
   void start() {
     stalls_.clear();
+    busiest_ = 0;
     clock_.start();
     last_ = 0;
+    lastCpu_ = threadCpu();
     timer_.start();
   }
   std::vector<double> stop() {
     timer_.stop();
     // The time since the last tick counts too: a step that ends busy.
-    stalls_.push_back(std::max<double>(0, (clock_.nsecsElapsed() - last_) / 1e6 - kTickMs));
+    tick();
     return stalls_;
   }
+  // The most CPU time the thread itself used between two ticks (ms): a stall
+  // much longer than this was the machine's, not the window's.
+  double busiest() const { return busiest_; }
 
  private:
+  static qint64 threadCpu() {
+    timespec t{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return qint64{t.tv_sec} * 1000000000 + t.tv_nsec;
+  }
+  void tick() {
+    const qint64 now = clock_.nsecsElapsed(), cpu = threadCpu();
+    stalls_.push_back(std::max<double>(0, (now - last_) / 1e6 - kTickMs));
+    busiest_ = std::max<double>(busiest_, (cpu - lastCpu_) / 1e6);
+    last_ = now;
+    lastCpu_ = cpu;
+  }
+
   QTimer timer_;
   QElapsedTimer clock_;
-  qint64 last_ = 0;
+  qint64 last_ = 0, lastCpu_ = 0;
+  double busiest_ = 0;
   std::vector<double> stalls_;
 };
 
 struct Figures {
-  double longest = 0, median = 0, seconds = 0;
+  double longest = 0, median = 0, seconds = 0, busiest = 0;
   int actions = 0;
 };
 
@@ -166,7 +183,9 @@ Figures measure(StallMeter& meter, const std::function<void()>& action, const st
   };
   QTimer::singleShot(0, qApp, next);
   runUntil([&] { return !running && settled(); });
-  return figuresOf(meter.stop(), clock.elapsed() / 1e3, actions);
+  Figures f = figuresOf(meter.stop(), clock.elapsed() / 1e3, actions);
+  f.busiest = meter.busiest();
+  return f;
 }
 
 struct Gui {
@@ -240,17 +259,25 @@ bool oneRun(const std::string& scanInfo, Steps& steps) {
     view->scrollTo(huge, QAbstractItemView::PositionAtTop);
   }, once));
 
-  // Page by page from the huge folder to the end of the tree; its rows come
-  // in batches as the view reaches the last one fetched.
-  steps.emplace_back("scroll to the end, page steps", measure(meter, [&] {
-    bar->triggerAction(QAbstractSlider::SliderPageStepAdd);
-  }, [&] { return bar->value() < bar->maximum() || model->canFetchMore(huge); }));
+  if (qEnvironmentVariableIsSet("AMBREL_GUI_BENCH_NO_SCROLL")) {
+    // A quicker run for profiling the other steps: every row fetched at once.
+    steps.emplace_back("fetch the huge folder at once", measure(meter, [&] {
+      while (model->canFetchMore(huge)) model->fetchMore(huge);
+    }, once));
+  } else {
+    // Page by page from the huge folder to the end of the tree; its rows come
+    // in batches as the view reaches the last one fetched.
+    steps.emplace_back("scroll to the end, page steps", measure(meter, [&] {
+      bar->triggerAction(QAbstractSlider::SliderPageStepAdd);
+    }, [&] { return bar->value() < bar->maximum() || model->canFetchMore(huge); }));
+  }
   if (model->rowCount(huge) != int(kHugeFiles))
     return fail(fmt::format("scrolling fetched {} of the huge folder's {} rows", model->rowCount(huge), kHugeFiles));
 
-  steps.emplace_back("scroll to the top, page steps", measure(meter, [&] {
-    bar->triggerAction(QAbstractSlider::SliderPageStepSub);
-  }, [&] { return bar->value() > bar->minimum(); }));
+  if (!qEnvironmentVariableIsSet("AMBREL_GUI_BENCH_NO_SCROLL"))
+    steps.emplace_back("scroll to the top, page steps", measure(meter, [&] {
+      bar->triggerAction(QAbstractSlider::SliderPageStepSub);
+    }, [&] { return bar->value() > bar->minimum(); }));
 
   const QModelIndex mark = root.siblingAtColumn(qt::TreeModel::Mark);
   const uint32_t files = kHugeFiles + kSmallFolders * kFilesPerSmall;
@@ -268,6 +295,20 @@ bool oneRun(const std::string& scanInfo, Steps& steps) {
   steps.emplace_back("jump to the end (End key)", measure(meter, [&] {
     bar->triggerAction(QAbstractSlider::SliderToMaximum);
   }, once));
+
+  // The filter is built on a worker; the GUI thread only shows the result.
+  auto filtering = [&] { return !app.treeFilterRunning() && app.workersRunning() == 0; };
+  steps.emplace_back("filter: .pdf files, 1 KB to 4 KB", measure(meter, [&] {
+    app.applyTreeFilter({"1KB", "4KB", "", "pdf", false});
+  }, once, filtering));
+  const uint32_t shown = app.shownTree() ? app.shownTree()->shownFiles : 0;
+  if (shown == 0 || shown >= files) return fail(fmt::format("the filter shows {} of {} files", shown, files));
+  steps.emplace_back("filter: mark all shown", measure(meter, [&] {
+    model->setData(model->index(0, qt::TreeModel::Mark), Qt::Checked, Qt::CheckStateRole);
+  }, once));
+  if (app.markedFiles() != shown) return fail(fmt::format("{} of {} shown files marked", app.markedFiles(), shown));
+  steps.emplace_back("filter: show all again", measure(meter, [&] { app.clearTreeFilter(); }, once, filtering));
+  if (app.markedFiles() != files) return fail(fmt::format("{} of {} files marked after the filter", app.markedFiles(), files));
   return true;
 }
 
@@ -277,28 +318,39 @@ int main(int argc, char** argv) {
   if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
   QApplication qapp(argc, argv);
   const std::string scanInfo = writeBigScanInfo();
-  std::map<std::string, Figures> best;
+  // Each step's longest stall in every run: the best and the median run.
+  std::map<std::string, std::vector<Figures>> byStep;
   std::vector<std::string> order;
   const int runs = std::max(1, qEnvironmentVariableIntValue("AMBREL_GUI_BENCH_RUNS") ?: kDefaultRuns);
   for (int run = 0; run < runs; ++run) {
     Steps steps;
     if (!oneRun(scanInfo, steps)) return 1;
     for (const auto& [name, f] : steps) {
-      auto it = best.find(name);
-      if (it == best.end()) order.push_back(name);
-      if (it == best.end() || f.longest < it->second.longest) best[name] = f;
+      if (!byStep.count(name)) order.push_back(name);
+      byStep[name].push_back(f);
     }
   }
-  fmt::print("Tree of {} entries, GUI thread stalls (ms; best of {} runs; budget {} ms)\n",
-             1 + kSmallFolders * (1 + kFilesPerSmall) + 1 + kHugeFiles, runs, kBudgetMs);
-  fmt::print("{:<32} {:>9} {:>8} {:>9} {:>8}\n", "step", "longest", "median", "seconds", "actions");
+  double load[3] = {0, 0, 0};
+  if (std::FILE* f = std::fopen("/proc/loadavg", "r")) {
+    if (std::fscanf(f, "%lf %lf %lf", &load[0], &load[1], &load[2]) != 3) load[0] = -1;
+    std::fclose(f);
+  }
+  fmt::print("Tree of {} entries, GUI thread stalls (ms; {} runs; budget {} ms; load average {:.2f} {:.2f} {:.2f})\n",
+             1 + kSmallFolders * (1 + kFilesPerSmall) + 1 + kHugeFiles, runs, kBudgetMs, load[0], load[1], load[2]);
+  fmt::print("{:<34} {:>11} {:>11} {:>8} {:>9} {:>8}\n", "step", "longest:min", "longest:med", "cpu:max", "seconds",
+             "actions");
   bool within = true;
   for (const std::string& name : order) {
-    const Figures& f = best[name];
-    within &= f.longest <= kBudgetMs;
-    fmt::print("{:<32} {:>9.1f} {:>8.1f} {:>9.2f} {:>8} {}\n", name, f.longest, f.median, f.seconds, f.actions,
-               f.longest <= kBudgetMs ? "ok" : "OVER BUDGET");
+    std::vector<Figures>& all = byStep[name];
+    std::sort(all.begin(), all.end(), [](const Figures& a, const Figures& b) { return a.longest < b.longest; });
+    const Figures& best = all.front();
+    const double median = all[all.size() / 2].longest;
+    within &= best.longest <= kBudgetMs;
+    fmt::print("{:<34} {:>11.1f} {:>11.1f} {:>8.1f} {:>9.2f} {:>8} {}\n", name, best.longest, median, best.busiest,
+               best.seconds, best.actions,
+               best.longest <= kBudgetMs ? "ok" : "OVER BUDGET");
   }
+  fmt::print("cpu:max: the most CPU time the GUI thread itself used between two ticks of the best run\n");
   fmt::print("sorting: the tree has no sort (it keeps the volume's order)\n");
   return within ? 0 : 1;
 }

@@ -273,6 +273,11 @@ void AppController::applySavingReport(const ProgressReport& report) {
     ui_.setText(Control::TextFieldTreeStatus, *v->string());
   if (const PlistValue* v = report.find(kSavedData)) ui_.setText(Control::TextFieldSavedData, savedDataText(v->toU64()));
   applyBar(Control::ProgressTree, report);
+  if (savingBarMax_ && report.contains(kBarMaxValue)) {
+    Bar bar = bars_[Control::ProgressTree];
+    bar.max = static_cast<double>(*savingBarMax_);
+    setBar(Control::ProgressTree, bar);
+  }
 }
 
 int AppController::ask(const Alert& alert) {

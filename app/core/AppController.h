@@ -22,6 +22,7 @@
 #include "base/AppControllerInterface.h"
 #include "carving/SignatureDatabase.h"
 #include "core/MainThread.h"
+#include "core/ShownTree.h"
 #include "core/SleepInhibitor.h"
 #include "core/UserInterface.h"
 #include "media/DriveList.h"
@@ -100,6 +101,11 @@ class AppController : public AppControllerInterface {
   void findPrev();
   void markAllFound();
   void unmarkAllFound();
+  // The filter: files it drops, and folders with nothing kept below, are
+  // not shown, counted as marked or saved. Applied on a worker; the outline
+  // reloads when it is done. Bad values are told in an alert.
+  void applyTreeFilter(const TreeFilterInput& input);
+  void clearTreeFilter();
   void saveData();
   void abortDataSaving();
   void save();  // "Save Scan Info"
@@ -164,6 +170,9 @@ class AppController : public AppControllerInterface {
   bool scanInfoOrSavingNotProcessing() const { return scanInfoOrSavingNotProcessing_; }
   uint64_t markedData() const { return marked_.markedData; }
   uint32_t markedFiles() const { return marked_.markedFiles; }
+  bool treeFilterRunning() const { return filterRunning_; }
+  // The tree shown (null without a tree); its filter, its shown and whole counts.
+  std::shared_ptr<const ShownTree> shownTree() const { return shown_; }
   const std::vector<HDIR*>& findArray() const { return findArray_; }
   int64_t findCount() const { return findCount_; }
   bool findThreadRunning() const;
@@ -240,6 +249,11 @@ class AppController : public AppControllerInterface {
   void reloadWithAncestors(const HDIR* item);
   void setTreeButtons(bool transferRunning);
   void markFound(bool mark);
+  void markItem(HDIR* item, bool mark);
+  void startTreeFilter(EntryFilter filter);
+  void dropFindResults();
+  void treeFilterApplied(uint64_t generation, std::shared_ptr<ShownTree> shown);
+  void showFilterStatus();
   void showFindMatch(size_t index);
   void findThreadComplete(uint64_t generation, std::vector<HDIR*> matches);
   void stopFind();
@@ -300,6 +314,10 @@ class AppController : public AppControllerInterface {
   int32_t rawSearchMode_ = 0;
 
   MarkedCount marked_;
+  std::shared_ptr<ShownTree> shown_;
+  bool filterRunning_ = false;
+  std::optional<uint64_t> savingBarMax_;  // a filtered save's total
+  uint64_t filterGeneration_ = 0;
   HDIR* selectedTreeItem_ = nullptr;
   bool scanInfoOrSavingNotProcessing_ = true;
   std::shared_ptr<Saver> saver_;

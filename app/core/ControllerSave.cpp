@@ -77,9 +77,14 @@ void AppController::openDataPanelDidEnd(const std::string& destination) {
     if (report->ok()) options.onSaved = [report](const SavedFile& f) { report->add(f); };
     else report.reset();  // the save itself does not depend on it
   }
+  // What the filter hides is not saved, marked or not; the bar counts only what is.
+  std::shared_ptr<const ShownTree> shown = shown_;
+  options.filter = shown ? shown->kept() : nullptr;
+  savingBarMax_.reset();
+  if (options.filter) savingBarMax_ = marked_.markedData;
   saver_ = std::make_shared<Saver>(*volume->dirRoot, saveSourceOf(*volume), this, options);
   auto saver = saver_;
-  startWorker([this, volume, saver, destination, report] {
+  startWorker([this, volume, saver, shown, destination, report] {
     SleepScope awake(*this);
     auto result = std::make_shared<SaveResult>(saver->saveFilesAndFolders(destination));
     const bool reported = report && report->finish(*result);

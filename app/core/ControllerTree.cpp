@@ -50,6 +50,9 @@ void AppController::releaseVolume() {
   selectedPTVolume_.reset();
   selectedTreeItem_ = nullptr;
   marked_ = {};
+  shown_.reset();
+  filterRunning_ = false;
+  ++filterGeneration_;
   driveNotConnected_ = volumeNotConnected_ = false;
   // Whatever a worker still says about this volume no longer has a page.
   ++pageEpoch_;
@@ -76,9 +79,21 @@ void AppController::showTree() {
   showPage(Page::Tree);
   ui_.setText(Control::TextFieldTreeTotals, fmt::format("{} in {} Files", sizeTextOrZero(root->fileSize), root->fileCount));
   selectedTreeItem_ = nullptr;
+  // Built here, once: the marks' tally replaces a count over the whole tree after each click.
+  shown_ = ShownTree::build(*root, {});
+  filterRunning_ = false;
+  ++filterGeneration_;
   ui_.reloadOutline();
   ui_.expandOutlineItem(root);
   countMarkedDataAndFiles();
+  for (Control c : {Control::FilterMinSizeField, Control::FilterMaxSizeField, Control::FilterNameField,
+                    Control::FilterExtensionField})
+    ui_.setText(c, "");
+  for (Control c : {Control::FilterMinSizeField, Control::FilterMaxSizeField, Control::FilterNameField,
+                    Control::FilterExtensionField, Control::FilterApplyButton})
+    ui_.setEnabled(c, true);
+  ui_.setEnabled(Control::FilterClearButton, false);
+  showFilterStatus();
   setTreeButtons(false);
   ui_.setText(Control::FindTextField, "");
   for (Control c : {Control::MarkAllButton, Control::UnmarkAllButton, Control::NextButton, Control::PrevButton})
@@ -141,8 +156,15 @@ void AppController::setTreeButtons(bool transferRunning) {
 
 void AppController::countMarkedDataAndFiles() {
   const Volume* v = selectedPTVolume_.get();
-  marked_ = v && v->dirRoot ? ambrel::countMarkedDataAndFiles(*v->dirRoot) : MarkedCount{};
+  if (!v || !v->dirRoot) marked_ = {};
+  else if (shown_ && shown_->root == v->dirRoot.get()) marked_ = shown_->marked();
+  else marked_ = ambrel::countMarkedDataAndFiles(*v->dirRoot);
   ui_.setText(Control::TextFieldMarkedData, markedDataText(marked_));
+}
+
+void AppController::markItem(HDIR* item, bool mark) {
+  if (shown_ && shown_->tally) shown_->tally->mark(item, mark);
+  else CheckController(item, mark).run();
 }
 
 void AppController::reloadWithAncestors(const HDIR* item) {
@@ -157,6 +179,7 @@ int AppController::outlineChildCount(const HDIR* item) const {
   const Volume* v = selectedPTVolume_.get();
   if (!v || !v->dirRoot) return 0;
   if (!item) return 1;
+  if (shown_ && shown_->filtered) return shown_->childCount(item);
   return static_cast<int>(item->children().size());
 }
 
@@ -164,19 +187,23 @@ HDIR* AppController::outlineChild(const HDIR* item, int index) const {
   const Volume* v = selectedPTVolume_.get();
   if (!v || !v->dirRoot || index < 0) return nullptr;
   if (!item) return index == 0 ? v->dirRoot.get() : nullptr;
+  if (shown_ && shown_->filtered) return shown_->child(item, index);
   if (static_cast<size_t>(index) >= item->children().size()) return nullptr;
   return item->childAtIndex(static_cast<size_t>(index));
 }
 
 bool AppController::outlineIsItemExpandable(const HDIR* item) const {
+  if (item && shown_ && shown_->filtered) return shown_->childCount(item) > 0;
   return item && !item->children().empty();
 }
 
 std::string AppController::outlineObjectValue(const HDIR* item, const std::string& column) const {
   if (!item) return {};
   if (column == "Files") return std::string(item->fileName());
-  if (column == "Size") return sizeTextOrZero(item->fileSize);
-  if (column == "Files Count") return std::to_string(item->fileCount);
+  // Under a filter a folder tells of the files it shows.
+  const MarkedCount* shown = shown_ && shown_->filtered && shown_->tally ? shown_->tally->allBelow(item) : nullptr;
+  if (column == "Size") return sizeTextOrZero(shown ? shown->markedData : item->fileSize);
+  if (column == "Files Count") return std::to_string(shown ? shown->markedFiles : item->fileCount);
   if (column == "Modification Date") return outlineDateText(item->modDate);
   if (column == "Create Date") return outlineDateText(item->createDate);
   if (column == "Mark") return item->selected() == 1 ? "1" : "0";
@@ -205,7 +232,13 @@ void AppController::outlineViewSetObjectValue(HDIR* item, bool mark) {
     ui_.reloadOutlineItem(item, false);  // the check box goes back to what it was
     return;
   }
-  CheckController(item, mark).run();
+  // A filter being applied reads the marks; the box goes back, and the
+  // status line says why.
+  if (filterRunning_) {
+    ui_.reloadOutlineItem(item, false);
+    return;
+  }
+  markItem(item, mark);
   reloadWithAncestors(item);
   ui_.setEnabled(Control::SaveButton, selectedPTVolume_->dirRoot->selected() == 1);
   countMarkedDataAndFiles();
@@ -245,7 +278,9 @@ void AppController::find(const std::string& text) {
   std::string needle = text;
   for (char& c : needle) c = static_cast<char>(foldAscii(static_cast<unsigned char>(c)));
   auto volume = selectedPTVolume_;
-  startWorker([this, state, volume, needle, generation] {
+  std::shared_ptr<const ShownTree> shown = shown_;
+  const FilteredTree* kept = shown ? shown->kept() : nullptr;
+  startWorker([this, state, volume, shown, kept, needle, generation] {
     // findThreadSel: findString over the tree in pre-order.
     std::vector<HDIR*> matches;
     auto lastShown = std::chrono::steady_clock::now();
@@ -253,6 +288,7 @@ void AppController::find(const std::string& text) {
     while (!stack.empty() && !state->abort.load()) {
       HDIR* e = stack.back();
       stack.pop_back();
+      if (kept && !kept->keeps(*e)) continue;  // hidden, and so is all below it
       if (containsFolded(e->fileName(), needle)) {
         matches.push_back(e);
         const auto now = std::chrono::steady_clock::now();
@@ -328,9 +364,10 @@ void AppController::markFound(bool mark) {
     ask({kProcessRunningTitle, kCannotMarkMessage});
     return;
   }
+  if (filterRunning_) return;
   const bool each = findArray_.size() <= kReloadEachUpTo;
   for (HDIR* item : findArray_) {
-    CheckController(item, mark).run();
+    markItem(item, mark);
     if (each) reloadWithAncestors(item);
   }
   if (!each) ui_.reloadOutline();

@@ -68,6 +68,14 @@ enum class Control {
   UnmarkAllButton,
   NextButton,
   PrevButton,
+  // The tree page's filter fields and what they show.
+  FilterMinSizeField,
+  FilterMaxSizeField,
+  FilterNameField,
+  FilterExtensionField,
+  FilterApplyButton,
+  FilterClearButton,
+  TextFieldFilterStatus,
   // "sig sel" and the add dialog
   SigSelPrompt,
   SigSelBack,

@@ -21,6 +21,7 @@ class QLineEdit;
 class QComboBox;
 class QSlider;
 class QCheckBox;
+class QLayout;
 class QDialog;
 class QLabel;
 class QPushButton;
@@ -73,6 +74,7 @@ class MainWindow : public QMainWindow, public UserInterface {
   QSlider* rawStartSlider() const { return rawStart_; }
   QSlider* rawEndSlider() const { return rawEnd_; }
   QCheckBox* scanForPartitionsChoice() const { return scanChoice_; }
+  QCheckBox* matchCaseChoice() const { return matchCase_; }
   QDialog* addSigDialog() const { return addSig_; }
   PreviewWindow* previewWindow() const { return preview_; }
   QAction* saveReportAction() const { return saveReport_; }
@@ -134,6 +136,8 @@ class MainWindow : public QMainWindow, public UserInterface {
   QWidget* buildTreeScanModePage();
   QWidget* buildTreeProgPage();
   QWidget* buildTreePage();
+  QLayout* buildFilterBar();
+  void applyFilter();
   QWidget* buildSigSelPage();
   QWidget* buildRawSliderPage();
   void buildAddSigDialog();
@@ -165,6 +169,7 @@ class MainWindow : public QMainWindow, public UserInterface {
   QSlider* rawStart_ = nullptr;
   QSlider* rawEnd_ = nullptr;
   QCheckBox* scanChoice_ = nullptr;
+  QCheckBox* matchCase_ = nullptr;
   QDialog* addSig_ = nullptr;
   std::vector<QLineEdit*> addSigFields_;
   PreviewWindow* preview_ = nullptr;

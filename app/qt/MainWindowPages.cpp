@@ -272,6 +272,51 @@ QWidget* MainWindow::buildTreeProgPage() {
   return page;
 }
 
+QLayout* MainWindow::buildFilterBar() {
+  auto* bar = new QHBoxLayout;
+  auto field = [&](Control c, const QString& label, const QString& hint, const QString& tip, int width) {
+    auto* e = new QLineEdit;
+    e->setPlaceholderText(hint);
+    e->setToolTip(tip);
+    e->setClearButtonEnabled(true);
+    if (width) e->setMaximumWidth(width);
+    reg(c, e);
+    auto* l = new QLabel(label);
+    l->setBuddy(e);
+    bar->addWidget(l);
+    bar->addWidget(e, width ? 0 : 1);
+    connect(e, &QLineEdit::returnPressed, this, [this] { applyFilter(); });
+    return e;
+  };
+  const QString sizes = QStringLiteral("1500, 500KB, 20MB or 2GB (1 KB = 1000 bytes)");
+  field(Control::FilterMinSizeField, QStringLiteral("&Size from"), QStringLiteral("any"), sizes, 90);
+  field(Control::FilterMaxSizeField, QStringLiteral("to"), QStringLiteral("any"), sizes, 90);
+  field(Control::FilterNameField, QStringLiteral("&Name"), QStringLiteral("IMG_*"),
+        QStringLiteral("A shell pattern on the file's name: * any text, ? one character, [abc] one of them"), 0)
+      ->setMinimumWidth(120);
+  field(Control::FilterExtensionField, QStringLiteral("E&xtensions"), QStringLiteral("jpg, pdf"),
+        QStringLiteral("The files' extensions, separated by commas"), 120);
+  matchCase_ = new QCheckBox(QStringLiteral("Match &case"));
+  matchCase_->setToolTip(QStringLiteral("Names and patterns match only in the same case"));
+  bar->addWidget(matchCase_);
+  bar->addWidget(makeButton(Control::FilterApplyButton, QStringLiteral("&Filter"), [this](AppController&) { applyFilter(); }));
+  bar->addWidget(makeButton(Control::FilterClearButton, QStringLiteral("Show All"),
+                            [](AppController& a) { a.clearTreeFilter(); }));
+  return bar;
+}
+
+void MainWindow::applyFilter() {
+  if (!app_) return;
+  auto text = [this](Control c) { return qobject_cast<QLineEdit*>(control(c))->text().toStdString(); };
+  TreeFilterInput input;
+  input.minSize = text(Control::FilterMinSizeField);
+  input.maxSize = text(Control::FilterMaxSizeField);
+  input.name = text(Control::FilterNameField);
+  input.extensions = text(Control::FilterExtensionField);
+  input.matchCase = matchCase_->isChecked();
+  app_->applyTreeFilter(input);
+}
+
 QWidget* MainWindow::buildTreePage() {
   auto* page = new QWidget;
   auto* l = new QVBoxLayout(page);
@@ -294,6 +339,7 @@ QWidget* MainWindow::buildTreePage() {
   find->addWidget(makeButton(Control::UnmarkAllButton, QStringLiteral("Unmark All"),
                              [](AppController& a) { a.unmarkAllFound(); }));
   l->addLayout(find);
+  l->addLayout(buildFilterBar());
 
   treeModel_ = new TreeModel(app_, this);
   treeView_ = new TreeView;
@@ -319,6 +365,8 @@ QWidget* MainWindow::buildTreePage() {
 
   auto* status = new QHBoxLayout;
   status->addWidget(makeLabel(Control::TextFieldTreeTotals));
+  status->addSpacing(24);
+  status->addWidget(makeLabel(Control::TextFieldFilterStatus));
   status->addStretch(1);
   status->addWidget(makeLabel(Control::TextFieldMarkedData));
   l->addLayout(status);

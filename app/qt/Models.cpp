@@ -48,22 +48,38 @@ TreeModel::TreeModel(AppController*& app, QObject* parent) : QAbstractItemModel(
 
 void TreeModel::reload() {
   beginResetModel();
-  rows_.clear();
-  fetched_.clear();
+  folders_.clear();
+  lastKey_ = nullptr;
+  last_ = nullptr;
   endResetModel();
 }
 
+TreeModel::Folder* TreeModel::folder(const HDIR* item) const {
+  // The view asks for the rows of one folder after another: the last one
+  // found is nearly always the one wanted.
+  if (item == lastKey_ && last_) return last_;
+  auto it = folders_.find(item);
+  if (it == folders_.end()) return nullptr;
+  lastKey_ = item;
+  last_ = &it->second;
+  return last_;
+}
+
+QModelIndex TreeModel::make(int row, int column, const HDIR* item, bool leaf) const {
+  return createIndex(row, column, reinterpret_cast<quintptr>(item) | (leaf ? 1 : 0));
+}
+
 int TreeModel::rowOf(const HDIR* item) const {
-  auto it = rows_.constFind(item);
-  if (it != rows_.constEnd()) return *it;
   const HDIR* holder = item->holder();
   if (!holder) return 0;  // the root, the one top-level row
-  // Only for an entry no view has asked for yet (a find's match).
-  const auto& children = holder->children();
-  for (size_t i = 0; i < children.size(); ++i)
-    if (children[i].get() == item) {
-      rows_.insert(item, static_cast<int>(i));
-      return static_cast<int>(i);
+  Folder* f = folder(item);
+  if (f && f->row >= 0) return f->row;
+  // Only for an entry no view has asked for yet (a find's match, a file).
+  const int count = app_->outlineChildCount(holder);
+  for (int i = 0; i < count; ++i)
+    if (app_->outlineChild(holder, i) == item) {
+      if (app_->outlineIsItemExpandable(item)) folders_[item].row = i;
+      return i;
     }
   return -1;
 }
@@ -71,18 +87,28 @@ int TreeModel::rowOf(const HDIR* item) const {
 QModelIndex TreeModel::indexFor(const HDIR* item, int column) const {
   if (!item) return {};
   const int row = rowOf(item);
-  return row < 0 ? QModelIndex() : createIndex(row, column, const_cast<HDIR*>(item));
+  return row < 0 ? QModelIndex() : make(row, column, item, !app_->outlineIsItemExpandable(item));
 }
 
 QModelIndex TreeModel::index(int row, int column, const QModelIndex& parent) const {
-  if (!app_ || row < 0 || column < 0 || column >= ColumnCount || row >= rowCount(parent)) return {};
-  HDIR* child = app_->outlineChild(parent.isValid() ? item(parent) : nullptr, row);
+  if (!app_ || row < 0 || column < 0 || column >= ColumnCount) return {};
+  if (!parent.isValid()) {
+    HDIR* root = row < app_->outlineChildCount(nullptr) ? app_->outlineChild(nullptr, row) : nullptr;
+    return root ? make(row, column, root, !app_->outlineIsItemExpandable(root)) : QModelIndex();
+  }
+  if (parent.column() != 0) return {};
+  const HDIR* holder = item(parent);
+  Folder* f = folder(holder);
+  if (!f || row >= f->fetched()) return {};
+  HDIR* child = app_->outlineChild(holder, row);
   if (!child) return {};
-  // Only a folder's row is asked for often (its children's parent()); a
-  // row remembered for each of a million files costs more than the view's
-  // whole layout of them.
-  if (!child->children().empty()) rows_.insert(child, row);
-  return createIndex(row, column, child);
+  const bool leaf = f->leaf[static_cast<size_t>(row)];
+  // A folder's row is asked for often (its children's parent()).
+  if (!leaf && column == 0) {
+    Folder& sub = folders_[child];
+    if (sub.row < 0) sub.row = row;
+  }
+  return make(row, column, child, leaf);
 }
 
 QModelIndex TreeModel::parent(const QModelIndex& child) const {
@@ -93,30 +119,34 @@ QModelIndex TreeModel::parent(const QModelIndex& child) const {
 int TreeModel::rowCount(const QModelIndex& parent) const {
   if (!app_) return 0;
   if (!parent.isValid()) return app_->outlineChildCount(nullptr);
-  if (parent.column() != 0) return 0;
-  return fetched(item(parent));
+  if (parent.column() != 0 || isLeaf(parent)) return 0;
+  const Folder* f = folder(item(parent));
+  return f ? f->fetched() : 0;
 }
 
 int TreeModel::columnCount(const QModelIndex&) const { return ColumnCount; }
 
 bool TreeModel::hasChildren(const QModelIndex& parent) const {
   if (!parent.isValid()) return app_ && app_->outlineChildCount(nullptr) > 0;
-  return parent.column() == 0 && app_ && app_->outlineIsItemExpandable(item(parent));
+  return parent.column() == 0 && !isLeaf(parent) && app_ && app_->outlineIsItemExpandable(item(parent));
 }
 
 bool TreeModel::canFetchMore(const QModelIndex& parent) const {
-  if (!parent.isValid() || parent.column() != 0 || !app_) return false;
-  const HDIR* folder = item(parent);
-  return fetched(folder) < app_->outlineChildCount(folder);
+  if (!parent.isValid() || parent.column() != 0 || isLeaf(parent) || !app_) return false;
+  const HDIR* holder = item(parent);
+  const Folder* f = folder(holder);
+  return (f ? f->fetched() : 0) < app_->outlineChildCount(holder);
 }
 
 void TreeModel::fetchMore(const QModelIndex& parent) {
   if (!canFetchMore(parent)) return;
-  const HDIR* folder = item(parent);
-  const int have = fetched(folder);
-  const int more = std::min(kBatch, app_->outlineChildCount(folder) - have);
+  const HDIR* holder = item(parent);
+  Folder& f = folders_[holder];
+  const int have = f.fetched();
+  const int more = std::min(kBatch, app_->outlineChildCount(holder) - have);
   beginInsertRows(parent, have, have + more - 1);
-  fetched_.insert(folder, have + more);
+  f.leaf.reserve(static_cast<size_t>(have + more));
+  for (int i = have; i < have + more; ++i) f.leaf.push_back(!app_->outlineIsItemExpandable(app_->outlineChild(holder, i)));
   endInsertRows();
 }
 
@@ -129,24 +159,23 @@ QModelIndex TreeModel::indexOf(const HDIR* target) {
   for (size_t i = chain.size() - 1; i-- > 0;) {
     const int row = rowOf(chain[i]);
     if (row < 0) return {};
-    while (fetched(chain[i + 1]) <= row && canFetchMore(at)) fetchMore(at);
+    while (rowCount(at) <= row && canFetchMore(at)) fetchMore(at);
     at = index(row, 0, at);
   }
   return at;
 }
 
-void TreeModel::changedBelow(const HDIR* folder) {
+void TreeModel::changedBelow(const HDIR* top) {
   // Only what a view has fetched can be shown (the rest is read fresh when
-  // it is), and only the marks change: the folders fetched below `folder`,
+  // it is), and only the marks change: the folders fetched below `top`,
   // found from the few fetched rather than by walking a million entries.
-  for (auto it = fetched_.constBegin(); it != fetched_.constEnd(); ++it) {
-    const HDIR* f = it.key();
+  for (const auto& [f, folder] : folders_) {
     const HDIR* a = f;
-    while (a && a != folder) a = a->holder();
-    if (!a || it.value() == 0) continue;
+    while (a && a != top) a = a->holder();
+    if (!a || folder.fetched() == 0) continue;
     const QModelIndex parent = indexFor(f, 0);
     if (!parent.isValid()) continue;
-    emit dataChanged(index(0, Mark, parent), index(it.value() - 1, Mark, parent), {Qt::CheckStateRole});
+    emit dataChanged(index(0, Mark, parent), index(folder.fetched() - 1, Mark, parent), {Qt::CheckStateRole});
   }
 }
 
@@ -209,7 +238,7 @@ Qt::ItemFlags TreeModel::flags(const QModelIndex& index) const {
   Qt::ItemFlags f = Qt::ItemIsEnabled | Qt::ItemIsSelectable;
   if (index.column() == Mark) f |= Qt::ItemIsUserCheckable;
   // Spares the view a look for expanded state in each file's row.
-  if (app_ && !app_->outlineIsItemExpandable(item(index))) f |= Qt::ItemNeverHasChildren;
+  if (isLeaf(index)) f |= Qt::ItemNeverHasChildren;
   return f;
 }
 
@@ -247,6 +276,17 @@ void TreeView::scrollContentsBy(int dx, int dy) {
 void TreeView::resizeEvent(QResizeEvent* event) {
   QTreeView::resizeEvent(event);
   fetch_.start();
+}
+
+void TreeView::dataChanged(const QModelIndex& topLeft, const QModelIndex& bottomRight, const QList<int>& roles) {
+  // QTreeView finds the rectangle of every row in the range, a long walk
+  // for a folder of a million marks; a check box changes no row's size,
+  // so repainting what is in sight is the same and costs nothing.
+  if (roles == QList<int>{Qt::CheckStateRole} && bottomRight.row() - topLeft.row() > 256) {
+    viewport()->update();
+    return;
+  }
+  QTreeView::dataChanged(topLeft, bottomRight, roles);
 }
 
 void TreeView::fetchInSight() {

@@ -10,6 +10,9 @@
 #include <QTimer>
 #include <QTreeView>
 
+#include <unordered_map>
+#include <vector>
+
 #include "core/AppController.h"
 
 namespace ambrel::qt {
@@ -35,8 +38,9 @@ class TableModel : public QAbstractTableModel {
 
 // The recovered tree, lazily: a folder's rows come in batches as the view
 // asks for them, so a folder of a million entries opens at once. An index's
-// internal pointer is its HDIR; rows are remembered as they are handed out,
-// so parent() never searches a folder.
+// internal pointer is its HDIR, with bit 0 set on an entry that has no
+// children: the view asks that of every row on each layout, and reading it
+// from the index spares a visit to a million scattered entries.
 class TreeModel : public QAbstractItemModel {
   Q_OBJECT
  public:
@@ -50,7 +54,10 @@ class TreeModel : public QAbstractItemModel {
   // The item's index, fetching the rows above it on the way (invalid when
   // the item is not in the tree shown).
   QModelIndex indexOf(const HDIR* item);
-  static HDIR* item(const QModelIndex& index) { return static_cast<HDIR*>(index.internalPointer()); }
+  static HDIR* item(const QModelIndex& index) {
+    return reinterpret_cast<HDIR*>(reinterpret_cast<quintptr>(index.internalPointer()) & ~quintptr{1});
+  }
+  static bool isLeaf(const QModelIndex& index) { return index.internalId() & 1; }
 
   QModelIndex index(int row, int column, const QModelIndex& parent = {}) const override;
   QModelIndex parent(const QModelIndex& child) const override;
@@ -65,15 +72,25 @@ class TreeModel : public QAbstractItemModel {
   QVariant headerData(int section, Qt::Orientation orientation, int role) const override;
 
  private:
+  // A folder some view has looked into: its own row (once known) and, per
+  // fetched row, whether that child has no children.
+  struct Folder {
+    int row = -1;
+    std::vector<bool> leaf;
+    int fetched() const { return static_cast<int>(leaf.size()); }
+  };
+  Folder* folder(const HDIR* item) const;
   int rowOf(const HDIR* item) const;
-  int fetched(const HDIR* folder) const { return fetched_.value(folder, 0); }
   QModelIndex indexFor(const HDIR* item, int column) const;
+  QModelIndex make(int row, int column, const HDIR* item, bool leaf) const;
   void changedBelow(const HDIR* folder);
   QIcon iconFor(const HDIR* item) const;
 
   AppController*& app_;
-  mutable QHash<const HDIR*, int> rows_;
-  QHash<const HDIR*, int> fetched_;
+  // Node-based: a Folder stays where it is while others are added.
+  mutable std::unordered_map<const HDIR*, Folder> folders_;
+  mutable const HDIR* lastKey_ = nullptr;
+  mutable Folder* last_ = nullptr;
   mutable QHash<QString, QIcon> icons_;
 };
 
@@ -89,6 +106,7 @@ class TreeView : public QTreeView {
  protected:
   void scrollContentsBy(int dx, int dy) override;
   void resizeEvent(QResizeEvent* event) override;
+  void dataChanged(const QModelIndex& topLeft, const QModelIndex& bottomRight, const QList<int>& roles = {}) override;
 
  private:
   void fetchInSight();

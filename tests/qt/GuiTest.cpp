@@ -20,13 +20,16 @@
 #include <QProgressBar>
 #include <QSignalSpy>
 #include <QSlider>
+#include <QSplashScreen>
 #include <QTableView>
 #include <QTest>
 #include <QTreeView>
+#include <optional>
 #include <thread>
 
 #include "GuiFixture.h"
 #include "PreviewWindow.h"
+#include "Splash.h"
 #include "tree/HDIR.h"
 
 using namespace ambrel;
@@ -126,6 +129,7 @@ class GuiTest : public QObject {
   void journeyByClicksSavesIdenticalFiles();
   void scanForVolumesThenAdvancedScan();
   void hugeFolderIsFetchedInBatches();
+  void filterFieldsHideAndSaveOnlyWhatPasses();
   void scanProgressIsShownAsItGoes();
   void soundPreviewTellsItsDuration();
   void movieAndMp3PreviewsPlay();
@@ -141,6 +145,12 @@ void GuiTest::journeyByClicksSavesIdenticalFiles() {
   buildGptDrive(images / "drive.img", "Recover Me", sampleEntries());
   GuiFixture f({images / "drive.img"});
   qt::MainWindow& w = *f.window;
+  {
+    // The splash window as the application shows it while the drives are listed.
+    QSplashScreen splash(qt::splashPicture());
+    splash.show();
+    f.snapshot(QStringLiteral("00-splash"), &splash);
+  }
   QAbstractItemModelTester drivesTester(w.tableModel(Table::Drives));
   QAbstractItemModelTester volumesTester(w.tableModel(Table::Volumes));
   QAbstractItemModelTester partitionsTester(w.tableModel(Table::Partitions));
@@ -343,6 +353,120 @@ void GuiTest::hugeFolderIsFetchedInBatches() {
   QCOMPARE(last.siblingAtColumn(qt::TreeModel::Mark).data(Qt::CheckStateRole).toInt(), int(Qt::Unchecked));
 }
 
+void GuiTest::filterFieldsHideAndSaveOnlyWhatPasses() {
+  TempDir images;
+  buildGptDrive(images / "drive.img", "Filter Me", sampleEntries());
+  GuiFixture f({images / "drive.img"});
+  qt::MainWindow& w = *f.window;
+  scanToTree(f);
+  qt::TreeModel* model = w.treeModel();
+  // A tester on the model between filters (this Qt's tester fetches rows in
+  // its own reset handler and then blames the model; a new one checks the
+  // whole model again after each reset).
+  std::optional<QAbstractItemModelTester> tester;
+  tester.emplace(model);
+  auto shows = [&](const QString& status) {
+    tester.reset();
+    QTRY_COMPARE_WITH_TIMEOUT(textOf(w, Control::TextFieldFilterStatus), status, 10000);
+    QVERIFY(!f.app->treeFilterRunning());
+    tester.emplace(model);
+  };
+  auto field = [&](Control c) { return qobject_cast<QLineEdit*>(w.control(c)); };
+  auto rootNames = [&] {
+    QStringList names;
+    const QModelIndex root = model->index(0, 0);
+    for (int r = 0; r < model->rowCount(root); ++r) names << model->index(r, 0, root).data().toString();
+    return names.join(QStringLiteral(", "));
+  };
+  auto typeInto = [&](Control c, const QString& text) {
+    field(c)->clear();
+    QTest::keyClicks(field(c), text);
+  };
+  QCOMPARE(rootNames(), QStringLiteral("Documents, Photos, readme.txt"));
+  QVERIFY(!w.control(Control::FilterClearButton)->isEnabled());
+
+  // Files of 1 KB or more: only the photo, and the folder holding it.
+  typeInto(Control::FilterMinSizeField, QStringLiteral("1KB"));
+  QTest::keyClick(field(Control::FilterMinSizeField), Qt::Key_Return);
+  shows(QStringLiteral("Filter: 1 of 4 files shown"));
+  QCOMPARE(rootNames(), QStringLiteral("Photos"));
+  const QModelIndex photos = childNamed(model, model->index(0, 0), QStringLiteral("Photos"));
+  QVERIFY(w.treeView()->isExpanded(model->index(0, 0)));
+  QVERIFY(childNamed(model, photos, QStringLiteral("Beach Report.txt")).isValid());
+  QVERIFY(w.control(Control::FilterClearButton)->isEnabled());
+
+  // Marking the root counts and saves only what is shown.
+  const QModelIndex rootBox = model->index(0, qt::TreeModel::Mark);
+  GuiFixture::clickCheckBox(w.treeView(), rootBox);
+  QCOMPARE(f.app->markedFiles(), 1u);
+  QVERIFY(textOf(w, Control::TextFieldMarkedData).endsWith(QStringLiteral(" in 1 Files")));
+  // A folder's size and count are those of the files it shows.
+  QCOMPARE(photos.siblingAtColumn(qt::TreeModel::FilesCount).data().toString(), QStringLiteral("1"));
+  QCOMPARE(model->index(0, qt::TreeModel::Size).data().toString(), QStringLiteral("5.00 KB"));
+  w.treeView()->expand(photos);
+  f.snapshot(QStringLiteral("08-tree-filtered"));
+  const std::filesystem::path out = f.dir / "out";
+  std::filesystem::create_directories(out);
+  f.folderAnswer = out.string();
+  // The bar, looked at after each of the save's reports, fills up: it
+  // counts what the filter keeps, not every marked file.
+  auto* bar = qobject_cast<QProgressBar*>(w.control(Control::ProgressTree));
+  int fullest = 0;
+  f.dispatcher->afterEach = [&] { fullest = std::max(fullest, bar->value()); };
+  f.click(w.control(Control::SaveButton));
+  QTRY_VERIFY_WITH_TIMEOUT(f.app->scanInfoOrSavingNotProcessing(), kScanTimeout);
+  f.dispatcher->afterEach = nullptr;
+  QCOMPARE(fullest, bar->maximum());
+  QCOMPARE(QString::fromStdString(f.alerts.back().title), QStringLiteral("Saving Completed"));
+  const auto saved = filesUnder(out);
+  QCOMPARE(saved.size(), size_t(1));
+  QCOMPARE(saved.begin()->first, std::string("Root/Photos/Beach Report.txt"));
+  QCOMPARE(saved.begin()->second.size(), size_t(5000));
+
+  // Bad values: an alert says which, and the tree stays as it was.
+  const size_t alertsBefore = f.alerts.size();
+  typeInto(Control::FilterMinSizeField, QStringLiteral("2MB"));
+  typeInto(Control::FilterMaxSizeField, QStringLiteral("1MB"));
+  f.click(w.control(Control::FilterApplyButton));
+  QCOMPARE(f.alerts.size(), alertsBefore + 1);
+  QCOMPARE(QString::fromStdString(f.alerts.back().message),
+           QStringLiteral("The minimum size (2MB) is above the maximum size (1MB): no file could pass."));
+  typeInto(Control::FilterMaxSizeField, QStringLiteral("lots"));
+  QTest::keyClick(field(Control::FilterMaxSizeField), Qt::Key_Return);
+  QCOMPARE(f.alerts.size(), alertsBefore + 2);
+  QVERIFY(f.alerts.back().message.find("Maximum size \"lots\" is not a size") == 0);
+  QCOMPARE(rootNames(), QStringLiteral("Photos"));
+
+  // A name pattern, in any case unless the case must match.
+  field(Control::FilterMinSizeField)->clear();
+  field(Control::FilterMaxSizeField)->clear();
+  typeInto(Control::FilterNameField, QStringLiteral("*report*"));
+  f.click(w.control(Control::FilterApplyButton));
+  shows(QStringLiteral("Filter: 2 of 4 files shown"));
+  QCOMPARE(rootNames(), QStringLiteral("Documents, Photos"));
+  f.click(w.matchCaseChoice());
+  f.click(w.control(Control::FilterApplyButton));
+  shows(QStringLiteral("Filter: 1 of 4 files shown"));
+  QCOMPARE(rootNames(), QStringLiteral("Documents"));
+  // An extension list on its own.
+  field(Control::FilterNameField)->clear();
+  typeInto(Control::FilterExtensionField, QStringLiteral("DOC, .pdf"));
+  f.click(w.control(Control::FilterApplyButton));
+  shows(QStringLiteral("Filter: 1 of 4 files shown"));
+  const QModelIndex docs = childNamed(model, model->index(0, 0), QStringLiteral("Documents"));
+  QCOMPARE(model->rowCount(docs), 1);
+  QCOMPARE(model->index(0, 0, docs).data().toString(), QStringLiteral("report.doc"));
+
+  // Show All: every entry back, the fields emptied.
+  f.click(w.control(Control::FilterClearButton));
+  shows(QString());
+  QCOMPARE(rootNames(), QStringLiteral("Documents, Photos, readme.txt"));
+  QCOMPARE(field(Control::FilterExtensionField)->text(), QString());
+  QVERIFY(!w.control(Control::FilterClearButton)->isEnabled());
+  // The root's box marked everything, hidden or not; all of it counts again.
+  QCOMPARE(f.app->markedFiles(), 4u);
+}
+
 void GuiTest::scanProgressIsShownAsItGoes() {
   TempDir images;
   mk::DriveSpec drive;
@@ -412,7 +536,8 @@ void GuiTest::movieAndMp3PreviewsPlay() {
     return e;
   };
   TempDir images;
-  buildGptDrive(images / "media.img", "Media", {fileOf("clip.mp4", "clip.mp4"), fileOf("song.mp3", "song.mp3")});
+  buildGptDrive(images / "media.img", "Media",
+                {fileOf("clip.mp4", "clip.mp4"), fileOf("song.mp3", "song.mp3"), fileOf("clip.mpg", "clip.mpg")});
   GuiFixture f({images / "media.img"});
   qt::MainWindow& w = *f.window;
   scanToTree(f);
@@ -444,6 +569,17 @@ void GuiTest::movieAndMp3PreviewsPlay() {
   QCOMPARE(preview->playButton()->text(), QStringLiteral("Pause"));
   preview->close();
   QVERIFY(!preview->player());
+
+  // An MPEG program stream (MPEG-1 video, MP2 sound), as old cameras and DVDs keep them.
+  open(QStringLiteral("clip.mpg"));
+  QCOMPARE(status->text(), QStringLiteral("Click the Play button"));
+  // A program stream has no length field: it is estimated from the stream's rate.
+  QVERIFY2(qAbs(preview->player()->duration() - 2000) < 300, qPrintable(duration->text()));
+  QVERIFY(preview->player()->hasVideo());
+  f.click(preview->playButton());
+  QTRY_VERIFY_WITH_TIMEOUT(preview->player()->position() > 0, 10000);
+  QCOMPARE(preview->player()->error(), QMediaPlayer::NoError);
+  preview->close();
 
   // The MP3: its length, its cover from the ID3 tag, no picture area.
   open(QStringLiteral("song.mp3"));
