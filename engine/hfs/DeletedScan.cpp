@@ -6,70 +6,20 @@
 #include <cstring>
 #include <fmt/format.h>
 #include <unordered_set>
-#include <xxhash.h>
-#if defined(__x86_64__)
-#include <xxh_x86dispatch.h>
-#endif
 
 #include "base/Endian.h"
 #include "carving/SignatureSearch.h"
 #include "hfs/CatalogRecords.h"
 #include "hfs/Geometry.h"
+#include "hfs/JournalCopies.h"
 #include "hfs/Volume.h"
 
 namespace ambrel {
 
 namespace {
 
-// Sectors read at once from the journal: large reads keep the search at the
-// speed of the disk.
-constexpr uint64_t kJournalBatchSectors = 2048;
-
-struct NodeDigest {
-  uint64_t low, high;
-  bool operator==(const NodeDigest&) const = default;
-};
-struct NodeDigestHash {
-  size_t operator()(const NodeDigest& d) const { return static_cast<size_t>(d.low); }
-};
-
-XXH128_hash_t digestOf(const uint8_t* bytes, size_t n) {
-  // The widest vector unit the processor has: the digest must not cost more
-  // than the read it follows.
-#if defined(__x86_64__)
-  return XXH3_128bits_dispatch(bytes, n);
-#else
-  return XXH3_128bits(bytes, n);
-#endif
-}
-
-// What a leaf copy's records are made of: the descriptor and records up to
-// the free space, and the offset table at the node's end. The free space
-// between them is whatever was there before and may differ between two
-// copies of the same node; digesting only the rest also costs less.
-NodeDigest nodeDigest(const uint8_t* node, size_t bytes) {
-  const size_t records = loadBE16(node + 10);
-  const size_t table = 2 * (records + 1);
-  const size_t freeStart = table <= bytes ? loadBE16(node + bytes - table) : 0;
-  if (table > bytes || freeStart < 14 || freeStart > bytes - table) {
-    const XXH128_hash_t h = digestOf(node, bytes);
-    return {h.low64, h.high64};
-  }
-  const XXH128_hash_t used = digestOf(node, freeStart);
-  const XXH128_hash_t offsets = digestOf(node + bytes - table, table);
-  return {used.low64 ^ (offsets.low64 * 0x9E3779B97F4A7C15ull), used.high64 ^ offsets.high64};
-}
-
 double secondsSince(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
-// The descriptor a journal copy must have to be read as a catalog leaf.
-bool leafDescriptor(const uint8_t* head) {
-  BTNodeDescriptor_ d;
-  std::memcpy(&d, head, sizeof d);
-  convertBTNodeDesc(&d);
-  return d.height == 1 && d.kind == kBTLeafNode && d.numRecords >= 1 && d.numRecords <= 254 && d.reserved == 0;
 }
 
 }  // namespace
@@ -178,47 +128,39 @@ void Volume::searchCatFragsForDeletedFiles() {
   // A busy journal holds the same node many times over; a copy identical to
   // one already read adds nothing, and reading its records again would cost
   // far more than the disk read. At most one digest per sector searched.
-  std::unordered_set<NodeDigest, NodeDigestHash> seen;
-  seen.reserve(std::min<uint64_t>(total / nodeSectors + 1, uint64_t{1} << 16));
+  DigestSet seen(static_cast<size_t>(std::min<uint64_t>(total / nodeSectors + 1, uint64_t{1} << 16)));
   std::string timeText;
   auto take = [&](const uint8_t* head) {
-    if (!leafDescriptor(head)) return;
+    if (!journalLeafDescriptor(head)) return;
     ++journalNodesFound;
-    if (!seen.insert(nodeDigest(head, nodeBytes)).second) return;
+    if (!seen.insert(nodeDigest(head, nodeBytes))) return;
     processDeletedNode(head, nodeBytes, timeText);
   };
 
-  // Each batch follows the last nodeSectors - 1 sectors of the one before, so
-  // a node copy across two batches is whole in the buffer.
-  const uint64_t carry = nodeSectors - 1;
-  // The batch itself starts on a page: the kernel copies into it fastest.
-  constexpr size_t kPage = 4096;
-  std::vector<uint8_t> space((carry + kJournalBatchSectors) * kSectorSize + 2 * kPage);
-  const uintptr_t batchAt = (reinterpret_cast<uintptr_t>(space.data()) + carry * kSectorSize + kPage - 1) & ~(kPage - 1);
-  uint8_t* const bufStart = reinterpret_cast<uint8_t*>(batchAt) - carry * kSectorSize;
   const auto start = std::chrono::steady_clock::now();
-  for (uint64_t done = 0; done < total && !stopTreeThread;) {
-    const uint64_t count = std::min(kJournalBatchSectors, total - done);
-    if (done > 0) std::memmove(bufStart, bufStart + kJournalBatchSectors * kSectorSize, carry * kSectorSize);
-    uint8_t* batch = bufStart + carry * kSectorSize;
-    // A bad sector reads as zeros and costs only itself.
-    readSectorsSalvaging(first + done, count, batch);
-    for (uint64_t s = 0; s < count; ++s) {
-      if (!looksLikeNodeEnd(batch + s * kSectorSize) || done + s + 1 < nodeSectors) continue;
+  {
+    JournalCopyReader reader(*this, first, total, nodeSectors, stopTreeThread);
+    for (uint64_t i = 0; i < reader.batches() && !stopTreeThread; ++i) {
+      const JournalBatch& batch = reader.batch(i);
+      for (const JournalBatch::Copy& copy : batch.copies) {
+        if (stopTreeThread) break;
+        ++journalNodesFound;
+        if (seen.insert(copy.digest)) processDeletedNode(batch.sectors + copy.offset, nodeBytes, timeText);
+      }
       if (stopTreeThread) break;
-      take(batch + (static_cast<int64_t>(s) - static_cast<int64_t>(carry)) * kSectorSize);
+      // Once a batch: a report costs more than searching a few sectors.
+      timeText = timeRemainingText(secondsSince(start), batch.done + batch.count, total);
+      report({{progress::kProgressStatus, status},
+              {progress::kBarIncrement, batch.count},
+              {progress::kTimeRemaining, timeText}});
     }
-    done += count;
-    if (stopTreeThread) break;
-    // Once a batch: a report costs more than searching a few sectors.
-    timeText = timeRemainingText(secondsSince(start), done, total);
-    report({{progress::kProgressStatus, status}, {progress::kBarIncrement, count}, {progress::kTimeRemaining, timeText}});
   }
 
   // The buffer is circular: a copy that runs past the journal's end goes on
   // right after the journal header. The last carry sectors and the first
   // carry sectors after the header, side by side, hold every such copy.
   const uint64_t header = journalHeaderSize / kSectorSize;
+  const uint64_t carry = nodeSectors - 1;
   if (stopTreeThread || carry == 0 || header == 0 || header + 2 * carry > total) return;
   std::vector<uint8_t> seam(2 * carry * kSectorSize);
   readSectorsSalvaging(first + total - carry, carry, seam.data());
@@ -231,7 +173,7 @@ void Volume::searchCatFragsForDeletedFiles() {
 void Volume::processCatFragForDeletedFiles(uint64_t sector, const std::string& timeRemaining) {
   if (catNodeSize <= 0 || catNodeSize > kMaxNodeSectors) return;
   std::vector<uint8_t> node(static_cast<size_t>(catNodeSize) * kSectorSize);
-  if (!readNode(sector, catNodeSize, node.data()) || !leafDescriptor(node.data())) return;
+  if (!readNode(sector, catNodeSize, node.data()) || !journalLeafDescriptor(node.data())) return;
   processDeletedNode(node.data(), node.size(), timeRemaining);
 }
 

@@ -274,6 +274,11 @@ uint64_t DMedia::readSectorsSalvaging(uint64_t sector, uint64_t count, void* buf
   return bad;
 }
 
+bool DMedia::readSectorsQuietly(uint64_t sector, int32_t count, void* buffer) {
+  if (count <= 0 || gone_.load()) return false;
+  return readRaw(sector, count, buffer).bytes == static_cast<uint64_t>(count) * kSectorSize;
+}
+
 bool DMedia::readNode(uint64_t sector, int32_t count, void* buffer) {
   if (readSector(sector, count, buffer)) return true;
   if (!gone_.load()) readErrors.noteNode(sector);

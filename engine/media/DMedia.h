@@ -54,6 +54,10 @@ class DMedia {
   // only itself. Unreadable sectors are zeroed and noted in readErrors.
   // Returns how many sectors could not be read.
   uint64_t readSectorsSalvaging(uint64_t sector, uint64_t count, void* buffer);
+  // One read as a second reading thread makes it: nothing reported, noted or
+  // retried, so safe beside the scanning thread. False when the read was not
+  // whole; the scanning thread then reads that piece again the usual way.
+  bool readSectorsQuietly(uint64_t sector, int32_t count, void* buffer);
 
   // A B-tree node (or its first sector) at `sector`, read as readSector
   // does; a failure is noted in readErrors as one unreadable node.

@@ -9,6 +9,7 @@
 #include <set>
 
 #include "deleted/DeletedHelpers.h"
+#include "media/SectorFaults.h"
 #include "output/Saver.h"
 #include "tree/CheckController.h"
 
@@ -295,4 +296,70 @@ TEST(DeletedFiles, ADeletedSymbolicLinkIsFoundAsALinkNotAFileHoldingItsTarget) {
       EXPECT_EQ(std::filesystem::read_symlink(e.path()).string(), *link.symlinkTo);
     }
   EXPECT_EQ(links, 1u);
+}
+
+// The journal is read in 1 MiB batches, every other one on a second thread:
+// a leaf copy across any batch's start is still whole, and a bad sector in
+// any batch costs only the copy it is in, and is noted.
+TEST(DeletedFiles, CopiesAcrossBatchStartsAreWholeAndABadSectorCostsOnlyItsCopy) {
+  mk::VolumeSpec v = volumeWithDeletions();
+  v.journalSize = 4u << 20;
+  auto b = buildVolume(v);
+  const auto& l = b->layout;
+  const size_t nodeBytes = l.catalog.nodeSize;
+  const uint64_t journalByte = l.HPlusVolStart * 512 + l.journalStart;
+  ASSERT_FALSE(l.journalNodeCopySectors.empty());
+  ASSERT_LT(l.journalNodeCopySectors.back() * 512 + nodeBytes, journalByte + (1u << 20) - nodeBytes);
+  ScanResult before = findDeleted(b->image, 0, l.sizeSectors);
+
+  // One copy across the start of each batch after the first, half before it.
+  const auto node = imageBytes(b->image, l.journalNodeCopySectors.front() * 512, nodeBytes);
+  std::vector<uint64_t> lastSectors;
+  for (uint64_t k = 1; k <= 3; ++k) {
+    const uint64_t at = journalByte + (k << 20) - nodeBytes / 2;
+    patchBytes(b->image, at, node.data(), node.size());
+    lastSectors.push_back((at + nodeBytes) / 512 - 1);
+  }
+  ScanResult across = findDeleted(b->image, 0, l.sizeSectors);
+  EXPECT_EQ(across.volume->journalNodesFound, before.volume->journalNodesFound + 3);
+  EXPECT_FALSE(across.volume->readErrors.any());
+  const auto beforeTree = treeOf(*before.volume), acrossTree = treeOf(*across.volume);
+  EXPECT_SAME_TREE(acrossTree, beforeTree);
+
+  // The copy that ends in the second batch loses its last sector; a sector of
+  // the fourth batch that holds no copy fails too.
+  const uint64_t emptySector = (journalByte + (3u << 20) + (256u << 10)) / 512;
+  auto searchWith = [&](std::shared_ptr<SectorFaults> faults) {
+    ScanResult r;
+    r.controller->drives.push_back(PlistDict{{"device path", b->image}});
+    r.volume = std::make_unique<Volume>(volumeDict(b->image, 0, l.sizeSectors), r.controller.get());
+    r.controller->volume = r.volume.get();
+    r.volume->setSectorFaults(std::move(faults));
+    r.volume->openDevice();
+    r.volume->scanForDeletedFiles(r.controller.get(), true, false, {});
+    return r;
+  };
+  auto faults = std::make_shared<SectorFaults>();
+  faults->add(SectorFaults::Kind::IOError, lastSectors[0]);
+  faults->add(SectorFaults::Kind::IOError, emptySector);
+  ScanResult damaged = searchWith(faults);
+  EXPECT_EQ(damaged.volume->journalNodesFound, before.volume->journalNodesFound + 2);
+  EXPECT_EQ(damaged.volume->readErrors.sectors(), 2u);
+  EXPECT_EQ(damaged.volume->readErrors.listed(), (std::vector<uint64_t>{lastSectors[0], emptySector}));
+  const auto damagedTree = treeOf(*damaged.volume);
+  EXPECT_SAME_TREE(damagedTree, beforeTree);
+
+  // The drive lost in the fourth batch: said once, on the searching thread.
+  // The second thread may meet the loss while the third batch is still being
+  // read, as a drive pulled out meets every read from then on; whatever was
+  // found is what the whole search finds, and nothing past the loss is.
+  auto lost = std::make_shared<SectorFaults>();
+  lost->add(SectorFaults::Kind::Vanish, emptySector);
+  ScanResult gone = searchWith(lost);
+  EXPECT_TRUE(gone.volume->isGone());
+  ASSERT_EQ(gone.controller->alerts.size(), 1u);
+  EXPECT_EQ(gone.controller->alerts[0].title, "! Error");
+  EXPECT_LE(gone.volume->journalNodesFound, before.volume->journalNodesFound + 2);
+  const auto all = entriesByFileID(*across.volume->dirRoot);
+  for (const auto& [id, e] : entriesByFileID(*gone.volume->dirRoot)) EXPECT_EQ(all.count(id), 1u) << e->fileName();
 }
