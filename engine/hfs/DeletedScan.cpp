@@ -40,6 +40,7 @@ void Volume::resetTreeForDeletedScan() {
   entryCount = folderCount = fileCount = 0;
   dataSize = 0;
   journalNodesFound = 0;
+  fileLinks = folderLinks = symlinks = linksUnresolved = 0;
   makeRoot();
 }
 
@@ -104,6 +105,7 @@ void Volume::findDeletedFilesInJournal() {
   collectLiveFiles();
   searchCatFragsForDeletedFiles();
   placeOpenDeletedLeft();
+  giveDeletedLinksTheirContent();
   flagReusedDeletedFiles();
   provideMissingParents({&orphanEntryArray}, orphanEntryArray, false, false);
   if (!orphanEntryArray.empty()) processOrphanEntriesWithIncrement(false, true);
@@ -344,6 +346,7 @@ void Volume::inferNodeSizeFromJournal() {
 
 void Volume::collectLiveFiles() {
   filesMet_.clear();
+  liveInodes_.clear();
   if (catNodeSize <= 0 || firstLeafNode == 0) return;
   const uint64_t nodes = catalogNodeCount();
   std::unordered_set<uint32_t> visited;
@@ -373,8 +376,60 @@ void Volume::collectLiveFiles() {
         rsrc.push_back({e.startBlock, e.blockCount});
       }
       filesMet_.add(file.fileID, data, rsrc);
+      if (rec.name.rfind("iNode", 0) == 0) liveInodes_[file.fileID] = LiveInode{rec.parentID, file};
     }
     number = d.fLink;
+  }
+}
+
+void Volume::giveDeletedLinksTheirContent() {
+  std::unordered_map<uint32_t, const HDIR*> journalInodes;
+  for (HDIR* f : deletedScanFiles_)
+    if (f && f->linkKind == LinkKind::None && f->fileName().rfind("iNode", 0) == 0) journalInodes.emplace(f->fileID, f);
+  for (HDIR*& slot : deletedScanFiles_) {
+    if (stopTreeThread) break;
+    HDIR* link = slot;
+    if (!link || link->linkKind != LinkKind::File || link->fileSize != 0) continue;
+    const auto live = liveInodes_.find(link->linkID);
+    const auto found = journalInodes.find(link->linkID);
+    if (live != liveInodes_.end() && (privateDataFolderID_ == 0 || live->second.parentID == privateDataFolderID_)) {
+      const HFSPlusCatalogFile_& file = live->second.file;
+      ExtentList data, rsrc;
+      const ForkExtents d = collectForkExtents(file.dataFork, file.fileID, kDataForkType, data, extentsTreeUsable);
+      const ForkExtents r = collectForkExtents(file.resourceFork, file.fileID, kResourceForkType, rsrc, extentsTreeUsable);
+      if (d == ForkExtents::Wrong || r == ForkExtents::Wrong) {
+        ++linksUnresolved;
+        continue;
+      }
+      // The file it names, under another name and with that file's ID, as
+      // the live scan lists a link.
+      link->fileID = file.fileID;
+      link->dataExt = std::move(data);
+      link->rscExt = std::move(rsrc);
+      link->dataSize = file.dataFork.logicalSize;
+      link->rscSize = file.resourceFork.logicalSize;
+      link->fileSize = link->dataSize + link->rscSize;
+      if (d == ForkExtents::Incomplete || r == ForkExtents::Incomplete) noteMissingExtents(*link);
+      applyCompression(*link, file);
+      // Its content is live: blocks in use say nothing against it.
+      slot = nullptr;
+    } else if (found != journalInodes.end()) {
+      // Gone with its iNode: as sure as the iNode's own record.
+      const HDIR& inode = *found->second;
+      link->fileID = inode.fileID;
+      link->dataExt = inode.dataExt;
+      link->rscExt = inode.rscExt;
+      link->dataSize = inode.dataSize;
+      link->rscSize = inode.rscSize;
+      link->fileSize = inode.fileSize;
+    } else {
+      ++linksUnresolved;
+      continue;
+    }
+    ++fileLinks;
+    if (!link->dataExt.empty()) btreeFirstFileBlock.insert(link->dataExt.front().startBlock, 0);
+    dataSize += link->fileSize;
+    for (HDIR* up = link->parent; up; up = up->parent) up->addToFileSize(link->fileSize);
   }
 }
 

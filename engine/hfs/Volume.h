@@ -297,6 +297,9 @@ class Volume : public DMedia {
   void processDeletedNode(const uint8_t* node, size_t bytes, const std::string& timeRemaining);
   RecordCheck processDeletedRecord(const uint8_t* node, size_t bytes, uint32_t numRecords, uint32_t index);
   void collectLiveFiles();
+  // Hard links met in the journal hold no content of their own: the live
+  // iNode file they name, else its record found in the journal, gives it.
+  void giveDeletedLinksTheirContent();
   void flagReusedDeletedFiles();
   // Records named only as deleted while open, placed after the search if no
   // copy under their real name turned up.
@@ -311,6 +314,12 @@ class Volume : public DMedia {
   };
   std::map<uint32_t, OpenDeleted> openDeleted_;
   uint32_t privateDataFolderID_ = 0;  // 0 while the live catalog has not named it
+  // The live catalog's "iNode…" files and the folder holding each, by ID.
+  struct LiveInode {
+    uint32_t parentID = 0;
+    HFSPlusCatalogFile_ file{};
+  };
+  std::unordered_map<uint32_t, LiveInode> liveInodes_;
   std::unordered_set<uint32_t> deletedScanIDs_;  // records placed or waiting, by catalog node ID
   std::vector<HDIR*> deletedScanFiles_;           // files made by the journal search, while it runs
   RecordCheck processFragmentRecord(const std::vector<uint8_t>& node, uint32_t numRecords, uint32_t index, bool live);

@@ -363,3 +363,38 @@ TEST(DeletedFiles, CopiesAcrossBatchStartsAreWholeAndABadSectorCostsOnlyItsCopy)
   const auto all = entriesByFileID(*across.volume->dirRoot);
   for (const auto& [id, e] : entriesByFileID(*gone.volume->dirRoot)) EXPECT_EQ(all.count(id), 1u) << e->fileName();
 }
+
+// A hard link's record holds no content: met in the journal, it is given the
+// content of the live iNode file it names, and saved with those bytes.
+TEST(DeletedFiles, AHardLinkMetInTheJournalIsSavedWithItsFilesContent) {
+  mk::VolumeSpec spec = volumeWithDeletions();
+  const std::string text = "the linked file's own words\n";
+  mk::EntrySpec linked;
+  linked.name = "linked.txt";
+  linked.data = std::vector<uint8_t>(text.begin(), text.end());
+  mk::EntrySpec link;
+  link.name = "kept-link";
+  link.hardLinkTo = "linked.txt";
+  spec.root.push_back(linked);
+  spec.root.push_back(link);
+  auto b = buildVolume(spec);
+  const std::vector<uint8_t> want(text.begin(), text.end());
+
+  ScanResult r = findDeleted(b->image, 0, b->layout.sizeSectors);
+  ASSERT_NE(r.volume->dirRoot, nullptr);
+  const HDIR* found = nullptr;
+  for (const auto& c : r.volume->dirRoot->children())
+    if (c->fileName() == "kept-link") found = c.get();
+  ASSERT_NE(found, nullptr) << "the link's record is in the journal's copies of the live leaves";
+  EXPECT_EQ(found->linkKind, LinkKind::File);
+  EXPECT_EQ(found->dataSize, want.size());
+  EXPECT_GE(r.volume->fileLinks, 1u);
+  EXPECT_TRUE(dataOf(b->image, *r.volume, *found) == want);
+
+  TempDir dir;
+  CheckController(r.volume->dirRoot.get(), true).run();
+  Saver::Options options;
+  options.finalAlert = false;
+  Saver(*r.volume->dirRoot, saveSourceOf(*r.volume), nullptr, options).saveFilesAndFolders(dir.path().string());
+  EXPECT_TRUE(readFile(dir.path() / "Root" / "kept-link") == want);
+}
