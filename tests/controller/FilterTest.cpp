@@ -129,7 +129,7 @@ namespace {
 
 std::vector<std::string> shownNames(AppController& app, const HDIR* folder) {
   std::vector<std::string> names;
-  for (int i = 0; i < app.outlineChildCount(folder); ++i) names.push_back(app.outlineChild(folder, i)->fileName());
+  for (int i = 0; i < app.outlineChildCount(folder); ++i) names.emplace_back(app.outlineChild(folder, i)->fileName());
   return names;
 }
 
@@ -173,7 +173,7 @@ TEST_F(Journey, AFilterHidesCountsFindsAndSavesOnlyWhatPasses) {
   app->find("o");  // Docs, Old, notes.txt and report.pdf have one too, but are hidden
   ASSERT_TRUE(runUntil([this] { return !app->findThreadRunning() && ui.text(Control::FindTextField) != " "; }));
   std::vector<std::string> found;
-  for (HDIR* m : app->findArray()) found.push_back(m->fileName());
+  for (HDIR* m : app->findArray()) found.emplace_back(m->fileName());
   EXPECT_EQ(found, (std::vector<std::string>{"Root", "Photos"}));
 
   saveTo(dir / "out");
