@@ -180,7 +180,7 @@ TEST(VolumeSearchDamage, AClonedVolumeIsListedTwiceAndEachVolumeOnce) {
     }
   }
 
-  // The clone found from its alternate header alone, and the original from both.
+  // The clone found from its alternate header alone, and the first volume from both.
   zeroSectors(image, second.startSector + 2, 1);
   auto found = thoroughSearch(image);
   ASSERT_EQ(found.size(), 2u);
@@ -188,7 +188,7 @@ TEST(VolumeSearchDamage, AClonedVolumeIsListedTwiceAndEachVolumeOnce) {
   EXPECT_EQ(found[1].start, second.startSector);
   EXPECT_EQ(found[1].name, "Cloned");
 
-  // And the original from its alternate alone, the clone from both.
+  // And the first volume from its alternate alone, the clone from both.
   ASSERT_EQ(runCommand("cp '" + image + "' '" + image + ".b'"), 0);
   const std::string other = image + ".b";
   const std::vector<uint8_t> header = sectorsOf(image, first.startSector + 2, 1);
@@ -206,7 +206,7 @@ TEST(VolumeSearchDamage, AClonedVolumeIsListedTwiceAndEachVolumeOnce) {
 TEST(VolumeSearchDamage, ClonesWhoseCatalogHeadersAreGoneAreStillTwoVolumes) {
   // Nothing confirms either reading at once (their catalogs' header nodes
   // are zeroed), so both are weighed among the unconfirmed ones: a clone used
-  // to be dropped there as a second reading of the original's creation date.
+  // to be dropped there as a second reading of the first volume's creation date.
   TempDir dir;
   const std::string image = (dir / "drive.img").string();
   const mk::DriveLayout layout = buildClonedDrive(image);
