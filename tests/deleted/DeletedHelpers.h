@@ -10,6 +10,7 @@
 
 #include "ImageBuilder.h"
 #include "base/Endian.h"
+#include "media/SectorFaults.h"
 #include "scan/ContentCheck.h"
 #include "scan/DamageTally.h"
 #include "scan/ScanHelpers.h"
@@ -35,13 +36,16 @@ inline mk::EntrySpec folderEntry(const std::string& name, std::vector<mk::EntryS
   return e;
 }
 
-// The deleted-files search (no signature search) of the volume at `start`.
-inline ScanResult findDeleted(const std::string& image, uint64_t start, uint64_t sectors, int stopAfterReports = 0) {
+// The deleted-files search (no signature search) of the volume at `start`,
+// its reads through `faults` when given.
+inline ScanResult findDeleted(const std::string& image, uint64_t start, uint64_t sectors, int stopAfterReports = 0,
+                              std::shared_ptr<SectorFaults> faults = nullptr) {
   ScanResult r;
   r.controller->drives.push_back(PlistDict{{"device path", image}});
   r.volume = std::make_unique<Volume>(volumeDict(image, start, sectors), r.controller.get());
   r.controller->volume = r.volume.get();
   r.controller->stopAfterReports = stopAfterReports;
+  if (faults) r.volume->setSectorFaults(std::move(faults));
   r.volume->openDevice();
   r.volume->scanForDeletedFiles(r.controller.get(), true, false, {});
   return r;

@@ -330,14 +330,7 @@ TEST(DeletedFiles, CopiesAcrossBatchStartsAreWholeAndABadSectorCostsOnlyItsCopy)
   // the fourth batch that holds no copy fails too.
   const uint64_t emptySector = (journalByte + (3u << 20) + (256u << 10)) / 512;
   auto searchWith = [&](std::shared_ptr<SectorFaults> faults) {
-    ScanResult r;
-    r.controller->drives.push_back(PlistDict{{"device path", b->image}});
-    r.volume = std::make_unique<Volume>(volumeDict(b->image, 0, l.sizeSectors), r.controller.get());
-    r.controller->volume = r.volume.get();
-    r.volume->setSectorFaults(std::move(faults));
-    r.volume->openDevice();
-    r.volume->scanForDeletedFiles(r.controller.get(), true, false, {});
-    return r;
+    return findDeleted(b->image, 0, l.sizeSectors, 0, std::move(faults));
   };
   auto faults = std::make_shared<SectorFaults>();
   faults->add(SectorFaults::Kind::IOError, lastSectors[0]);
