@@ -10,9 +10,9 @@ std::string ReadErrors::summary() const {
   std::string text;
   if (sectors_) text = counted(sectors_, "sector", "sectors");
   if (nodes_) text += (text.empty() ? "" : " and ") + counted(nodes_, "B-tree node", "B-tree nodes");
-  text += sectors_ + nodes_ == 1 ? " could not be read (at sector " : " could not be read (at sectors ";
+  text += listed_.size() == 1 && !unlisted_ ? " could not be read (at sector " : " could not be read (at sectors ";
   for (size_t i = 0; i < listed_.size(); ++i) text += fmt::format("{}{}", i ? ", " : "", listed_[i]);
-  if (sectors_ + nodes_ > listed_.size()) text += ", ...";
+  if (unlisted_) text += ", ...";
   return text + ")";
 }
 

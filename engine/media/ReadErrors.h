@@ -3,6 +3,7 @@
 // read was retried piece by piece) and B-tree nodes that could not be read
 // whole. Kept so that the final message and the command line's exit status
 // can tell the truth; written by the scanning thread only.
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <unordered_set>
@@ -39,12 +40,16 @@ class ReadErrors {
     const uint64_t key = &counter == &nodes_ ? ~sector : sector;
     if (seen_.size() < kRemembered && !seen_.insert(key).second) return;
     ++counter;
+    // A node and a sector of it failing both are one place to the reader.
+    if (std::find(listed_.begin(), listed_.end(), sector) != listed_.end()) return;
     if (listed_.size() < kListed) listed_.push_back(sector);
+    else unlisted_ = true;
   }
 
   uint64_t sectors_ = 0;
   uint64_t nodes_ = 0;
   std::vector<uint64_t> listed_;
+  bool unlisted_ = false;  // some place met is not in listed_
   std::unordered_set<uint64_t> seen_;
 };
 

@@ -35,6 +35,20 @@ TEST(BadSectorInABatch, CostsOnlyItselfAndIsNoted) {
   EXPECT_TRUE(controller.alerts.empty());
 }
 
+// The summary names each place once: a node and its own first sector failing
+// both are one place, and what is past the list is marked as such.
+TEST(ReadErrorsSummary, NamesEachPlaceOnce) {
+  ReadErrors e;
+  e.noteNode(100);
+  e.noteSector(100);
+  e.noteSector(100);
+  EXPECT_EQ(e.summary(), "1 sector and 1 B-tree node could not be read (at sector 100)");
+  for (uint64_t s = 1; s <= ReadErrors::kListed; ++s) e.noteSector(1000 + s);
+  EXPECT_EQ(e.sectors(), 1 + ReadErrors::kListed);
+  EXPECT_EQ(e.listed().size(), ReadErrors::kListed);
+  EXPECT_TRUE(e.summary().ends_with(", 1009, ...)")) << e.summary();
+}
+
 // A GPT drive whose table is gone: the volume must be found by searching.
 struct Wiped {
   BuiltDrive drive;
