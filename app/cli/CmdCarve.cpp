@@ -121,10 +121,13 @@ int runCarve(CarveOptions& opt) {
   fmt::print(stderr, "Carved: {} files, {} ({} blocks of {} bytes examined)\n", volume->fileCount,
              sizeText(volume->dataSize), stats.examined, uint64_t(volume->blockSize) * 512);
   if (stats.unreadableBatches)
-    fmt::print(stderr, "ambrel-cli: {} batches of blocks held sectors that could not be read; nothing was found in those sectors\n",
-               stats.unreadableBatches);
+    fmt::print(stderr, "ambrel-cli: {} held sectors that could not be read; nothing was found in those sectors\n",
+               stats.unreadableBatches == 1 ? std::string("1 batch of blocks")
+                                            : fmt::format("{} batches of blocks", stats.unreadableBatches));
   if (stats.sizesCut)
-    fmt::print(stderr, "ambrel-cli: {} files reached past the end of the drive and were cut there\n", stats.sizesCut);
+    fmt::print(stderr, "ambrel-cli: {} past the end of the drive and {} cut there\n",
+               stats.sizesCut == 1 ? std::string("1 file reached") : fmt::format("{} files reached", stats.sizesCut),
+               stats.sizesCut == 1 ? "was" : "were");
   if (stats.notListed)
     fmt::print(stderr, "ambrel-cli: {} files lie beyond sector 4294967295 and could not be listed\n", stats.notListed);
 
