@@ -116,7 +116,10 @@ void BM_SaveAgainstCp(benchmark::State& state) {
     fs::remove(out / "copy.img");
     ::sync();
 
-    Saver saver(*volume.dirRoot, saveSourceOf(volume), &controller, Saver::Options{false, false});
+    Saver::Options options;
+    options.canSaveSlashes = false;
+    options.finalAlert = false;
+    Saver saver(*volume.dirRoot, saveSourceOf(volume), &controller, options);
     start = std::chrono::steady_clock::now();
     const SaveResult r = saver.saveFilesAndFolders(out.string());
     saveRates.push_back(static_cast<double>(r.savedData) / secondsOf(start));

@@ -328,7 +328,7 @@ class StoppingController : public RecordingController {
 TEST(SaveAbort, StopInALargeFileKeepsWhatWasWrittenUnderAnIncompleteName) {
   TempDir dir;
   mk::VolumeSpec spec;
-  spec.root = {fileSpec("a-large", 2 * 1024 * 1024), fileSpec("b-later", 1000)};
+  spec.root = {fileSpec("a-large", 8 * 1024 * 1024), fileSpec("b-later", 1000)};
   BuiltVolume v = buildAndScan(dir, spec);
   Volume& vol = *v.scan.volume;
   markAll(vol);
@@ -340,11 +340,11 @@ TEST(SaveAbort, StopInALargeFileKeepsWhatWasWrittenUnderAnIncompleteName) {
   controller.saver = &saver;
   const SaveResult r = saver.saveFilesAndFolders(dest.string());
   EXPECT_TRUE(r.aborted);
-  // Five writes of 8 blocks of 4096 bytes, then nothing more; the real name
-  // never holds a part of a file.
+  // Five writes of 1 MiB, then nothing more; the real name never holds a
+  // part of a file.
   EXPECT_FALSE(fs::exists(dest / "Root/a-large"));
   const auto part = readFile(dest / "Root/a-large (incomplete)");
-  EXPECT_EQ(part.size(), 5u * 32768);
+  EXPECT_EQ(part.size(), 5u << 20);
   const auto full = expectedData(*v.vol().find("a-large"));
   EXPECT_TRUE(std::equal(part.begin(), part.end(), full.begin()));
   EXPECT_FALSE(fs::exists(dest / "Root/b-later"));
