@@ -4,6 +4,11 @@
 // always. Kept flat (every extent in one array, an open-addressed index of
 // IDs) because a scan notes each of millions of files: a map node and two
 // vectors per file cost more time and memory than the file's own entry.
+//
+// A healthy catalog names each file once, so the index is only built when
+// an ID comes back: until then a bit per ID answers "never met" from a
+// table small enough to stay in the cache.
+#include <algorithm>
 #include <cstdint>
 #include <span>
 #include <vector>
@@ -20,33 +25,28 @@ class FileVersions {
     extents_.clear();
     versions_.clear();
     slots_.clear();
+    met_.clear();
+    highIdsMet_ = false;
+    indexed_ = false;
     scattered_ = false;
   }
   bool empty() const { return versions_.empty(); }
 
   void add(uint32_t id, Extents data, Extents rsrc) {
-    if ((versions_.size() + 1) * 2 > slots_.size()) grow();
-    Version v{id, static_cast<uint32_t>(extents_.size()), static_cast<uint32_t>(data.size()),
-              static_cast<uint32_t>(rsrc.size()), kNone};
+    const uint32_t index = static_cast<uint32_t>(versions_.size());
+    versions_.push_back(Version{id, static_cast<uint32_t>(extents_.size()), static_cast<uint32_t>(data.size()),
+                                static_cast<uint32_t>(rsrc.size()), kNone});
     extents_.insert(extents_.end(), data.begin(), data.end());
     extents_.insert(extents_.end(), rsrc.begin(), rsrc.end());
-    const uint32_t index = static_cast<uint32_t>(versions_.size());
-    uint32_t& slot = slotOf(id);
-    if (slot == kNone) {
-      slot = index;
-    } else {
-      // Appended at the end of the chain: versions are seen in the order met.
-      uint32_t at = slot;
-      while (versions_[at].next != kNone) at = versions_[at].next;
-      versions_[at].next = index;
-    }
-    versions_.push_back(v);
+    noteMet(id);
+    if (indexed_) link(index);
   }
 
   // visit(data, rsrc) for each version of `id` in the order added, until it returns true.
   template <class Visit>
   bool anyOf(uint32_t id, Visit visit) const {
-    if (slots_.empty()) return false;
+    if (!mayHaveMet(id)) return false;
+    if (!indexed_) buildIndex();
     for (uint32_t at = slots_[findSlot(id)]; at != kNone; at = versions_[at].next)
       if (visit(data(at), rsrc(at))) return true;
     return false;
@@ -82,7 +82,7 @@ class FileVersions {
     if (probes) *probes = n;
     return i;
   }
-  uint32_t& slotOf(uint32_t id) {
+  uint32_t& slotOf(uint32_t id) const {
     size_t probes = 0;
     size_t i = findSlot(id, &probes);
     if (probes > kCrowded && !scattered_) {
@@ -92,18 +92,59 @@ class FileVersions {
     }
     return slots_[i];
   }
-  void grow() { rebuild(slots_.empty() ? 1024 : slots_.size() * 2); }
-  void rebuild(size_t size) {
+  void rebuild(size_t size) const {
     std::vector<uint32_t> old(size, kNone);
     old.swap(slots_);
     for (uint32_t head : old)
       if (head != kNone) slots_[findSlot(versions_[head].id)] = head;
   }
+  // Version `index` into the index, at the end of its ID's chain: versions
+  // are seen in the order added.
+  void link(uint32_t index) const {
+    if ((size_t{index} + 1) * 2 > slots_.size()) rebuild(slots_.empty() ? 1024 : slots_.size() * 2);
+    uint32_t& slot = slotOf(versions_[index].id);
+    if (slot == kNone) {
+      slot = index;
+      return;
+    }
+    uint32_t at = slot;
+    while (versions_[at].next != kNone) at = versions_[at].next;
+    versions_[at].next = index;
+  }
+  void buildIndex() const {
+    size_t size = 1024;
+    while (size < versions_.size() * 2 + 2) size *= 2;
+    slots_.assign(size, kNone);
+    for (uint32_t i = 0; i < versions_.size(); ++i) link(i);
+    indexed_ = true;
+  }
+
+  // IDs below kBitIds have a bit each (grown as they come, at most 8 MiB);
+  // a file ID above that is rare enough to send every ID there to the index.
+  static constexpr uint32_t kBitIds = 1u << 26;
+  void noteMet(uint32_t id) {
+    if (id >= kBitIds) {
+      highIdsMet_ = true;
+      return;
+    }
+    const size_t word = id >> 6;
+    if (word >= met_.size()) met_.resize(std::min<size_t>(std::max(word + 1, met_.size() * 2), kBitIds / 64), 0);
+    met_[word] |= uint64_t{1} << (id & 63);
+  }
+  bool mayHaveMet(uint32_t id) const {
+    if (id >= kBitIds) return highIdsMet_;
+    const size_t word = id >> 6;
+    return word < met_.size() && (met_[word] >> (id & 63) & 1);
+  }
 
   std::vector<Extent> extents_;
-  std::vector<Version> versions_;
-  std::vector<uint32_t> slots_;  // heads of the chains, kNone when empty
-  bool scattered_ = false;
+  // The index is a cache of versions_ (built when first needed), hence mutable.
+  mutable std::vector<Version> versions_;
+  mutable std::vector<uint32_t> slots_;  // heads of the chains, kNone when empty
+  mutable bool indexed_ = false;
+  mutable bool scattered_ = false;
+  std::vector<uint64_t> met_;  // a bit per ID below kBitIds
+  bool highIdsMet_ = false;
 };
 
 }  // namespace ambrel

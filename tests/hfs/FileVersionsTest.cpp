@@ -19,12 +19,15 @@ std::vector<Extent> extentsOf(uint32_t id, uint32_t version) {
 
 // Every ID of `ids` with (id % 3) + 1 versions; then each must be found with
 // exactly its versions, in order, and an ID never added with none.
+// Asked before each add as a scan does, each ID must be met exactly when it
+// was added before.
 void checkRegistry(const std::vector<uint32_t>& ids) {
   FileVersions met;
   std::map<uint32_t, uint32_t> versions;
   for (uint32_t round = 0; round < 3; ++round)
     for (uint32_t id : ids)
       if (round <= id % 3) {
+        EXPECT_EQ(met.anyOf(id, [](auto, auto) { return true; }), versions.count(id) > 0) << id;
         met.add(id, extentsOf(id, round), extentsOf(id + 1, round));
         ++versions[id];
       }
@@ -58,7 +61,10 @@ TEST(FileVersions, VersionsAreFoundByIdInTheOrderAddedWhateverTheIds) {
   for (uint32_t i = 0; i < 20000; ++i) spread.push_back(static_cast<uint32_t>(rng() % 0xFFFFFF00u));
   std::sort(spread.begin(), spread.end());
   spread.erase(std::unique(spread.begin(), spread.end()), spread.end());
+  // IDs past the bit table's reach beside ones within it.
+  std::vector<uint32_t> high{5, 70, 0x4000000u, 0x4000001u, 0xFFFFFFFEu, 200};
   checkRegistry(sequential);
   checkRegistry(crowded);
   checkRegistry(spread);
+  checkRegistry(high);
 }
