@@ -55,7 +55,9 @@ void AppController::saveData() {
 
 void AppController::openDataPanelDidEnd(const std::string& destination) {
   if (page_ != Page::Tree || !selectedPTVolume_ || !scanInfoOrSavingNotProcessing_) return;
-  const DestinationCheck check = checkSaveDestination(*selectedPTVolume_->dirRoot, destination);
+  // What the filter hides is not saved: it needs no room.
+  const DestinationCheck check =
+      checkSaveDestination(*selectedPTVolume_->dirRoot, destination, shown_ ? shown_->kept() : nullptr);
   if (check.refusal) {
     ask(*check.refusal);
     return;

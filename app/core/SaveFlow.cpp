@@ -23,11 +23,11 @@ std::filesystem::path existingAncestor(const std::filesystem::path& path) {
 
 }  // namespace
 
-DestinationCheck checkSaveDestination(const HDIR& root, const std::string& destination) {
+DestinationCheck checkSaveDestination(const HDIR& root, const std::string& destination, const FilteredTree* filter) {
   DestinationCheck check;
   check.probed = existingAncestor(destination).string();
   check.info = destinationInfo(check.probed);
-  check.needed = bytesToWrite(root, check.info.blockBytes);
+  check.needed = bytesToWrite(root, check.info.blockBytes, filter);
   // Not a folder (a file in the way): there is no free space to ask about.
   const Alert notWritable{"! Can not save", "The volume chosen to save data to, is not writable."};
   if (!check.info.exists)

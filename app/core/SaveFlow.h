@@ -28,7 +28,8 @@ struct DestinationCheck {
 // would be made, is a folder with room and writable. The space counted is what the save will
 // write, not the files' sizes: a check that passes must not leave a save out
 // of room half-way. Equal is enough.
-DestinationCheck checkSaveDestination(const HDIR& root, const std::string& destination);
+DestinationCheck checkSaveDestination(const HDIR& root, const std::string& destination,
+                                      const FilteredTree* filter = nullptr);
 
 // What a finished tree scan leaves to say besides its read errors: entries
 // listed differently from what they are, blocks left out.

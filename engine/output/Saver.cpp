@@ -107,7 +107,7 @@ MarkedCount countMarkedDataAndFiles(const HDIR& root) {
   return count;
 }
 
-uint64_t bytesToWrite(const HDIR& root, uint64_t blockBytes) {
+uint64_t bytesToWrite(const HDIR& root, uint64_t blockBytes, const FilteredTree* filter) {
   if (root.selected() != 1) return 0;
   const uint64_t unit = std::max<uint64_t>(blockBytes, 1);
   auto rounded = [unit](uint64_t bytes) { return (bytes + unit - 1) / unit * unit; };
@@ -117,7 +117,7 @@ uint64_t bytesToWrite(const HDIR& root, uint64_t blockBytes) {
     const HDIR* d = stack.back();
     stack.pop_back();
     for (const auto& c : d->children()) {
-      if (c->selected() != 1) continue;
+      if (c->selected() != 1 || (filter && !filter->keeps(*c))) continue;
       if (c->fileType == kHDIRFolder) {
         total += unit;
         stack.push_back(c.get());

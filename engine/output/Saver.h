@@ -63,7 +63,7 @@ std::string savedDataText(uint64_t bytes);
 // allocation unit `blockBytes` and a unit for each folder it makes. Counted
 // from the fork sizes, which are what is written: markedData counts
 // fileSize, which a scan info file need not keep equal to them.
-uint64_t bytesToWrite(const HDIR& root, uint64_t blockBytes = 1);
+uint64_t bytesToWrite(const HDIR& root, uint64_t blockBytes = 1, const FilteredTree* filter = nullptr);
 
 // Accounts for every marked file the save reaches: saveCount = filesWritten +
 // filesIncomplete + emptyFiles + the visited ones of filesNotSaved.
