@@ -5,7 +5,6 @@
 // their attribute, chunk table or chunks are damaged.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 
 #include "DecmpfsHelpers.h"
@@ -13,6 +12,7 @@
 #include "output/OutputHelpers.h"
 #include "output/Preview.h"
 #include "scaninfo/VolumeScanInfo.h"
+#include "support/CliRun.h"
 
 namespace ambrel {
 namespace {
@@ -74,11 +74,6 @@ mk::VolumeSpec compressedVolume() {
   return v;
 }
 
-std::string cli() {
-  const char* p = std::getenv("AMBREL_CLI");
-  return p ? p : "ambrel-cli";
-}
-
 class CompressedFiles : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -118,7 +113,7 @@ TEST_F(CompressedFiles, ListedSavedAndPreviewedAsTheirContent) {
   // Saving through ambrel-cli: the content as the Mac recorded it, no AppleDouble sidecars.
   const fs::path out = dir / "out";
   std::string log;
-  ASSERT_EQ(test::runCommand(cli() + " recover '" + built.image + "' --out '" + out.string() + "' 2>&1", &log), 0) << log;
+  ASSERT_EQ(test::runCommand(test::cliPath() + " recover '" + built.image + "' --out '" + out.string() + "' 2>&1", &log), 0) << log;
   for (const Compressed& c : kFiles) {
     EXPECT_TRUE(test::readFile(out / "Root" / c.name) == payload(c.expected)) << c.name;
     EXPECT_FALSE(fs::exists(out / "Root" / (std::string("._") + c.name))) << c.name;
@@ -217,7 +212,7 @@ TEST_F(CompressedFiles, DamagedCompressedFilesAreBoundedAndReported) {
   // ones not decoded completely after the save, and a failing exit status.
   std::string log;
   const fs::path cliOut = dir / "cli";
-  EXPECT_NE(test::runCommand(cli() + " recover '" + built.image + "' --out '" + cliOut.string() + "' 2>&1", &log), 0);
+  EXPECT_NE(test::runCommand(test::cliPath() + " recover '" + built.image + "' --out '" + cliOut.string() + "' 2>&1", &log), 0);
   EXPECT_NE(log.find("2 files marked compressed have no usable compression attribute"), std::string::npos) << log;
   EXPECT_NE(log.find("Compressed files not decoded completely: 4"), std::string::npos) << log;
 }

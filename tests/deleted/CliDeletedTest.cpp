@@ -2,21 +2,15 @@
 // bytes saved with --out.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <set>
-#include <sstream>
 
 #include "deleted/DeletedHelpers.h"
+#include "support/CliRun.h"
 
 using namespace ambrel;
 using namespace ambrel::test;
 
 namespace {
-
-std::string cli() {
-  const char* p = std::getenv("AMBREL_CLI");
-  return p ? p : "ambrel-cli";
-}
 
 struct Drive {
   TempDir dir;
@@ -44,13 +38,9 @@ std::unique_ptr<Drive> driveWithDeletions() {
 TEST(CliDeleted, ListsTheDeletedFilesOfAPartitionByPathAndSavesTheirBytes) {
   auto d = driveWithDeletions();
   std::string out;
-  ASSERT_EQ(runCommand(cli() + " deleted --volume 1 '" + d->image + "' 2>/dev/null", &out), 0) << out;
-  std::set<std::string> paths;
-  std::istringstream in(out);
-  std::string line;
-  std::getline(in, line);
-  EXPECT_EQ(line.rfind("path\ttype\tfileID", 0), 0u) << line;
-  while (std::getline(in, line)) paths.insert(line.substr(0, line.find('\t')));
+  ASSERT_EQ(runCommand(cliPath() + " deleted --volume 1 '" + d->image + "' 2>/dev/null", &out), 0) << out;
+  EXPECT_EQ(out.rfind("path\ttype\tfileID", 0), 0u) << out;
+  const auto paths = listedPaths(out);
   size_t deleted = 0;
   for (const auto& e : d->volume().entries) {
     if (!e.deleted) continue;
@@ -60,11 +50,11 @@ TEST(CliDeleted, ListsTheDeletedFilesOfAPartitionByPathAndSavesTheirBytes) {
   EXPECT_EQ(deleted, 4u);
 
   std::string json;
-  ASSERT_EQ(runCommand(cli() + " deleted --format json --volume 1 '" + d->image + "' 2>/dev/null", &json), 0);
+  ASSERT_EQ(runCommand(cliPath() + " deleted --format json --volume 1 '" + d->image + "' 2>/dev/null", &json), 0);
   EXPECT_NE(json.find("\"path\":\"/Root/Docs/erased.txt\",\"type\":\"file\""), std::string::npos) << json;
 
   const std::string saved = (d->dir / "saved").string();
-  ASSERT_EQ(runCommand(cli() + " deleted --volume 1 '" + d->image + "' --out '" + saved + "' 2>&1", &out), 0) << out;
+  ASSERT_EQ(runCommand(cliPath() + " deleted --volume 1 '" + d->image + "' --out '" + saved + "' 2>&1", &out), 0) << out;
   for (const auto& e : d->volume().entries) {
     if (!e.deleted || e.folder) continue;
     SCOPED_TRACE(e.path);
@@ -74,25 +64,12 @@ TEST(CliDeleted, ListsTheDeletedFilesOfAPartitionByPathAndSavesTheirBytes) {
   }
 }
 
-TEST(CliDeleted, RefusesAnUnknownCarveTypeBeforeReadingTheDrive) {
-  auto d = driveWithDeletions();
-  std::string out;
-  EXPECT_EQ(runCommand(cli() + " deleted --carve nosuchtype '" + d->image + "' 2>&1", &out), 2) << out;
-  EXPECT_NE(out.find("nosuchtype"), std::string::npos) << out;
-  EXPECT_NE(runCommand(cli() + " deleted --carve jpg --carve-all '" + d->image + "' 2>&1", &out), 0);
-}
-
-TEST(CliDeleted, SizeAndNameFiltersChooseWhatIsListedAndSaved) {
+TEST(CliDeleted, SizeNameAndCarveOptionsChooseWhatIsListedAndSavedOrAreRefused) {
   auto d = driveWithDeletions();
   const auto listed = [&](const std::string& args) {
     std::string out;
-    EXPECT_EQ(runCommand(cli() + " deleted --volume 1 " + args + " '" + d->image + "' 2>/dev/null", &out), 0) << out;
-    std::set<std::string> paths;
-    std::istringstream in(out);
-    std::string line;
-    std::getline(in, line);
-    while (std::getline(in, line)) paths.insert(line.substr(0, line.find('\t')));
-    return paths;
+    EXPECT_EQ(runCommand(cliPath() + " deleted --volume 1 " + args + " '" + d->image + "' 2>/dev/null", &out), 0) << out;
+    return listedPaths(out);
   };
   // The deleted folder's files pass by extension; the folders above them stay.
   EXPECT_EQ(listed("--ext JPG"), (std::set<std::string>{"/Root", "/Root/Trip", "/Root/Trip/day 1.jpg",
@@ -104,7 +81,7 @@ TEST(CliDeleted, SizeAndNameFiltersChooseWhatIsListedAndSaved) {
 
   const auto saved = d->dir / "saved";
   std::string out;
-  ASSERT_EQ(runCommand(cli() + " deleted --volume 1 --min-size 10000 --max-size 20000 '" + d->image + "' --out '" + saved.string() +
+  ASSERT_EQ(runCommand(cliPath() + " deleted --volume 1 --min-size 10000 --max-size 20000 '" + d->image + "' --out '" + saved.string() +
                            "' 2>&1",
                        &out),
             0)
@@ -113,18 +90,18 @@ TEST(CliDeleted, SizeAndNameFiltersChooseWhatIsListedAndSaved) {
   for (const auto& e : std::filesystem::recursive_directory_iterator(saved))
     if (e.is_regular_file()) files.insert(std::filesystem::relative(e.path(), saved).string());
   EXPECT_EQ(files, std::set<std::string>{"Root/Docs/erased.txt"});
-  const auto* erased = [&]() -> const mk::FileLayout* {
-    for (const auto& e : d->volume().entries)
-      if (e.path == "Docs/erased.txt") return &e;
-    return nullptr;
-  }();
+  const auto* erased = d->volume().find("Docs/erased.txt");
   ASSERT_NE(erased, nullptr);
   EXPECT_TRUE(readFile(saved / "Root/Docs/erased.txt") == *builtData(*erased));
 
-  // A bad value is refused before the drive is read, and nothing passing is said so.
-  EXPECT_EQ(runCommand(cli() + " deleted --min-size lots '" + d->image + "' 2>&1", &out), 2) << out;
+  // A bad value or an unknown carve type is refused before the drive is
+  // read, and nothing passing is said so.
+  EXPECT_EQ(runCommand(cliPath() + " deleted --min-size lots '" + d->image + "' 2>&1", &out), 2) << out;
   EXPECT_NE(out.find("--min-size \"lots\" is not a size"), std::string::npos) << out;
-  EXPECT_NE(runCommand(cli() + " deleted --volume 1 --ext doc '" + d->image + "' --out '" + (d->dir / "none").string() +
+  EXPECT_EQ(runCommand(cliPath() + " deleted --carve nosuchtype '" + d->image + "' 2>&1", &out), 2) << out;
+  EXPECT_NE(out.find("nosuchtype"), std::string::npos) << out;
+  EXPECT_NE(runCommand(cliPath() + " deleted --carve jpg --carve-all '" + d->image + "' 2>&1", &out), 0);
+  EXPECT_NE(runCommand(cliPath() + " deleted --volume 1 --ext doc '" + d->image + "' --out '" + (d->dir / "none").string() +
                            "' 2>&1",
                        &out),
             0);

@@ -2,10 +2,8 @@
 // filtered save keep, on built volumes, and the values refused.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <sstream>
-
 #include "output/OutputHelpers.h"
+#include "support/CliRun.h"
 #include "tree/EntryFilter.h"
 #include "tree/Links.h"
 
@@ -15,26 +13,11 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string cli() {
-  const char* p = std::getenv("AMBREL_CLI");
-  return p ? p : "ambrel-cli";
-}
-
-int runCli(const std::string& args, std::string& out) {
-  out.clear();
-  return runCommand(cli() + " " + args + " 2>&1", &out);
-}
-
 // The path column of a TSV listing (standard error left out).
-std::set<std::string> listedPaths(const std::string& args) {
+std::set<std::string> treeListed(const std::string& args) {
   std::string out;
-  EXPECT_EQ(runCommand(cli() + " tree " + args + " 2>/dev/null", &out), 0) << args;
-  std::set<std::string> paths;
-  std::istringstream in(out);
-  std::string line;
-  std::getline(in, line);  // the header
-  while (std::getline(in, line)) paths.insert(line.substr(0, line.find('\t')));
-  return paths;
+  EXPECT_EQ(runCommand(cliPath() + " tree " + args + " 2>/dev/null", &out), 0) << args;
+  return ambrel::test::listedPaths(out);
 }
 
 mk::VolumeSpec mixedVolume() {
@@ -72,20 +55,20 @@ TEST(Filter, ListingKeepsTheFilesThatPassAndOnlyTheFoldersHoldingThem) {
   const BuiltVolume b = buildAndScan(dir, mixedVolume());
   const std::string image = "'" + b.image + "'";
   // ".pdf" is a name with no extension.
-  EXPECT_EQ(listedPaths(image + " --ext pdf"), rooted({"Docs", "Docs/b.pdf", "Deep", "Deep/Sub", "Deep/Sub/x.pdf"}));
-  EXPECT_EQ(listedPaths(image + " --ext TXT,jpg"), rooted({"Docs", "Docs/a.txt", "Pics", "Pics/c.jpg", "Pics/IMG_0001.JPG"}));
+  EXPECT_EQ(treeListed(image + " --ext pdf"), rooted({"Docs", "Docs/b.pdf", "Deep", "Deep/Sub", "Deep/Sub/x.pdf"}));
+  EXPECT_EQ(treeListed(image + " --ext TXT,jpg"), rooted({"Docs", "Docs/a.txt", "Pics", "Pics/c.jpg", "Pics/IMG_0001.JPG"}));
   // Patterns match in any case unless told otherwise, and any one of them is enough.
-  EXPECT_EQ(listedPaths(image + " --name 'img_*'"), rooted({"Pics", "Pics/IMG_0001.JPG"}));
-  EXPECT_EQ(listedPaths(image + " --name 'img_*' --match-case"), rooted({}));
-  EXPECT_EQ(listedPaths(image + " --name 'a.*' --name '?.pdf'"),
+  EXPECT_EQ(treeListed(image + " --name 'img_*'"), rooted({"Pics", "Pics/IMG_0001.JPG"}));
+  EXPECT_EQ(treeListed(image + " --name 'img_*' --match-case"), rooted({}));
+  EXPECT_EQ(treeListed(image + " --name 'a.*' --name '?.pdf'"),
             rooted({"Docs", "Docs/a.txt", "Docs/b.pdf", "Deep", "Deep/Sub", "Deep/Sub/x.pdf"}));
   // Both bounds count as inside; the size and the names must all pass.
-  EXPECT_EQ(listedPaths(image + " --min-size 50KB --max-size 70000"),
+  EXPECT_EQ(treeListed(image + " --min-size 50KB --max-size 70000"),
             rooted({"Docs", "Docs/b.pdf", "Deep", "Deep/Sub", "Deep/Sub/x.pdf"}));
-  EXPECT_EQ(listedPaths(image + " --min-size 50KB --ext jpg"), rooted({"Pics", "Pics/c.jpg"}));
-  EXPECT_EQ(listedPaths(image + " --max-size 1kb"), rooted({"Deep", "Deep/Sub", "Deep/Sub/.pdf"}));
+  EXPECT_EQ(treeListed(image + " --min-size 50KB --ext jpg"), rooted({"Pics", "Pics/c.jpg"}));
+  EXPECT_EQ(treeListed(image + " --max-size 1kb"), rooted({"Deep", "Deep/Sub", "Deep/Sub/.pdf"}));
   // Without a filter nothing is left out.
-  EXPECT_EQ(listedPaths(image).size(), 11u);
+  EXPECT_EQ(treeListed(image).size(), 11u);
 }
 
 TEST(Filter, RecoverSavesOnlyWhatPassesWithinTheSelection) {

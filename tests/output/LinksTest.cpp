@@ -5,7 +5,7 @@
 #include <sys/stat.h>
 
 #include "output/OutputHelpers.h"
-#include "core/TreeListing.h"
+#include "support/CliRun.h"
 #include "scaninfo/ScanInfoFile.h"
 #include "scaninfo/VolumeScanInfo.h"
 #include "tree/Links.h"
@@ -49,17 +49,6 @@ mk::VolumeSpec backupVolume() {
                                       linkSpec("notes.txt", "2024-01-01/notes.txt", "")}),
             symlinkSpec("latest", "2024-02-01"), symlinkSpec("outside", "/etc/passwd")};
   return v;
-}
-
-std::string listingOf(const HDIR& root) {
-  char* buf = nullptr;
-  size_t len = 0;
-  std::FILE* f = ::open_memstream(&buf, &len);
-  writeTreeListing(root, ListingFormat::Tsv, f);
-  std::fclose(f);
-  std::string out(buf, len);
-  std::free(buf);
-  return out;
 }
 
 std::string readText(const fs::path& p) {
@@ -116,7 +105,9 @@ TEST(Links, SnapshotsSavedWholeThroughFolderAndFileLinks) {
     const auto expected = mk::generatedBytes(f->dataSeed, f->dataSize);
     EXPECT_EQ(readFile(root / "2024-01-01/Photos" / name), expected) << name;
     EXPECT_EQ(readFile(root / "2024-02-01/Photos" / name), expected) << name;
-    if (haveIcat()) EXPECT_EQ(icat(b.image, 0, f->cnid), expected) << name;
+    if (haveIcat()) {
+      EXPECT_EQ(icat(b.image, 0, f->cnid), expected) << name;
+    }
   }
   // Symbolic links are links with their own target, which nothing followed.
   for (const auto& [name, target] : {std::pair{"latest", "2024-02-01"}, std::pair{"outside", "/etc/passwd"}}) {
@@ -269,16 +260,12 @@ TEST(Links, AScanInfoFileKeepsWhatEachLinkIs) {
   EXPECT_EQ(reopened.folderLinks, live.folderLinks);
   EXPECT_EQ(reopened.symlinks, live.symlinks);
   // Listed as the scan listed it: symlinks, folder links and their folders' entries.
-  EXPECT_EQ(listingOf(*reopened.dirRoot), listingOf(*live.dirRoot));
-  EXPECT_NE(listingOf(*reopened.dirRoot).find("/Root/2024-02-01/Photos/a.jpg\tfile"), std::string::npos);
+  EXPECT_EQ(tsvListing(*reopened.dirRoot), tsvListing(*live.dirRoot));
+  EXPECT_NE(tsvListing(*reopened.dirRoot).find("/Root/2024-02-01/Photos/a.jpg\tfile"), std::string::npos);
 
   // And saved as the live tree saves.
   std::string out;
-  ASSERT_EQ(runCommand(std::string(std::getenv("AMBREL_CLI") ? std::getenv("AMBREL_CLI") : "ambrel-cli") +
-                           " recover '" + asi + "' --out '" + (dir / "fromfile").string() + "' 2>&1",
-                       &out),
-            0)
-      << out;
+  ASSERT_EQ(runCli("recover '" + asi + "' --out '" + (dir / "fromfile").string() + "'", out), 0) << out;
   saveAll(live, dir / "live");
   const auto fromFile = savedShape(dir / "fromfile/Root");
   EXPECT_EQ(fromFile, savedShape(dir / "live/Root"));
@@ -300,7 +287,7 @@ TEST(Links, AScanInfoFileKeepsWhatEachLinkIs) {
   auto old = openScanInfo(older, nullptr);
   ASSERT_TRUE(old.opened) << old.error.message;
   EXPECT_EQ(old.opened->volume->symlinks + old.opened->volume->fileLinks + old.opened->volume->folderLinks, 0u);
-  const std::string oldListing = listingOf(*old.opened->volume->dirRoot);
+  const std::string oldListing = tsvListing(*old.opened->volume->dirRoot);
   EXPECT_EQ(oldListing.find("\tsymlink\t"), std::string::npos);
   EXPECT_EQ(oldListing.find("\tfolderlink\t"), std::string::npos);
   EXPECT_NE(oldListing.find("/Root/latest\tfile\t"), std::string::npos);

@@ -2,10 +2,10 @@
 // exit status when something could not be saved.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <fstream>
 
 #include "output/OutputHelpers.h"
+#include "support/CliRun.h"
 #include "scaninfo/VolumeScanInfo.h"
 
 using namespace ambrel;
@@ -14,14 +14,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string cli() {
-  const char* p = std::getenv("AMBREL_CLI");
-  return p ? p : "ambrel-cli";
-}
-
 int recover(const std::string& args, std::string& out, const std::string& prefix = "") {
-  out.clear();
-  return runCommand(prefix + cli() + " recover " + args + " 2>&1", &out);
+  return runCli("recover " + args, out, prefix);
 }
 
 mk::VolumeSpec sampleVolume(const std::string& name, uint64_t seed) {

@@ -3,21 +3,16 @@
 // hashes against the saved files, its scan log against the damage made.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <sstream>
 
 #include "output/OutputHelpers.h"
+#include "support/CliRun.h"
 
 using namespace ambrel;
 using namespace ambrel::test;
 namespace fs = std::filesystem;
 
 namespace {
-
-std::string cli() {
-  const char* p = std::getenv("AMBREL_CLI");
-  return p ? p : "ambrel-cli";
-}
 
 struct Row {
   std::string kind, size, origin, saved, runs, hashes, same;
@@ -32,7 +27,7 @@ struct Report {
 Report recoverWithReport(const TempDir& dir, const std::string& image, const std::string& flags, int& status) {
   const fs::path out = dir / "saved", xml = dir / "report.xml";
   std::string text;
-  status = runCommand(cli() + " recover " + flags + " '" + image + "' --out '" + out.string() + "' --report '" +
+  status = runCommand(cliPath() + " recover " + flags + " '" + image + "' --out '" + out.string() + "' --report '" +
                           xml.string() + "' 2>&1",
                       &text);
   EXPECT_NE(text.find("Report: "), std::string::npos) << text;

@@ -4,10 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <fstream>
 
 #include "output/OutputHelpers.h"
+#include "support/CliRun.h"
 #include "scaninfo/VolumeScanInfo.h"
 #include "tree/CheckController.h"
 
@@ -16,16 +16,6 @@ using namespace ambrel::test;
 namespace fs = std::filesystem;
 
 namespace {
-
-std::string cli() {
-  const char* p = std::getenv("AMBREL_CLI");
-  return p ? p : "ambrel-cli";
-}
-
-int run(const std::string& args, std::string& out, const std::string& prefix = "") {
-  out.clear();
-  return runCommand(prefix + cli() + " " + args + " 2>&1", &out);
-}
 
 std::string bareImage(const fs::path& dir, std::vector<mk::EntrySpec> root) {
   mk::DriveSpec drive;
@@ -48,7 +38,7 @@ TEST(SaveSafety, DataFilesWereSavedExecutable) {
       bareImage(dir.path(), {folderSpec("Docs", {fileSpec("a.txt", 1200)}), fileSpec("b.bin", 10), tool});
   std::string out;
   const fs::path dest = dir / "out";
-  ASSERT_EQ(run("recover '" + image + "' --out '" + dest.string() + "'", out, "umask 022; "), 0) << out;
+  ASSERT_EQ(runCli("recover '" + image + "' --out '" + dest.string() + "'", out, "umask 022; "), 0) << out;
   // Executable only where the catalog says so.
   for (const auto& [p, mode] : {std::pair{"Root/Docs/a.txt", 0644u}, {"Root/b.bin", 0644u}, {"Root/run.sh", 0755u}}) {
     struct stat st {};
@@ -64,16 +54,16 @@ TEST(SaveSafety, ScanInfoFileOverwroteTheScannedDrive) {
   fs::create_symlink(image, dir / "link.img");
   std::string out;
   for (const std::string& target : {image, (dir / "link.img").string()}) {
-    EXPECT_EQ(run("tree '" + image + "' --save-scan-info '" + target + "'", out), 2) << target;
+    EXPECT_EQ(runCli("tree '" + image + "' --save-scan-info '" + target + "'", out), 2) << target;
     EXPECT_NE(out.find("ambrel-cli: ! Error"), std::string::npos) << out;
   }
   EXPECT_TRUE(readFile(image) == before);
   ASSERT_EQ(::mkfifo((dir / "pipe").c_str(), 0600), 0);
-  EXPECT_EQ(run("tree '" + image + "' --save-scan-info '" + (dir / "pipe").string() + "'", out), 2) << out;
+  EXPECT_EQ(runCli("tree '" + image + "' --save-scan-info '" + (dir / "pipe").string() + "'", out), 2) << out;
   EXPECT_TRUE(fs::is_fifo(dir / "pipe"));
-  EXPECT_EQ(run("tree '" + image + "' --save-scan-info '" + dir.path().string() + "'", out), 2) << out;
+  EXPECT_EQ(runCli("tree '" + image + "' --save-scan-info '" + dir.path().string() + "'", out), 2) << out;
   // A fine target still works, and leaves no temporary file beside it.
-  ASSERT_EQ(run("tree '" + image + "' --save-scan-info '" + (dir / "ok.asi").string() + "'", out), 0) << out;
+  ASSERT_EQ(runCli("tree '" + image + "' --save-scan-info '" + (dir / "ok.asi").string() + "'", out), 0) << out;
   EXPECT_EQ(pathsUnder(dir.path()), (std::set<std::string>{"bare.img", "pipe", "ok.asi"}));
 }
 
@@ -88,9 +78,9 @@ TEST(SaveSafety, ScanInfoFileOverwroteTheImageBehindALoopDevice) {
   loop = loop.substr(0, loop.find('\n'));
   std::string out, outDevice;
   // Scanning the loop device, writing over the file behind it.
-  const int rc = run("tree '" + loop + "' --save-scan-info '" + image + "'", out);
+  const int rc = runCli("tree '" + loop + "' --save-scan-info '" + image + "'", out);
   // Scanning the file, writing to the loop device over it.
-  const int rcDevice = run("tree '" + image + "' --save-scan-info '" + loop + "'", outDevice);
+  const int rcDevice = runCli("tree '" + image + "' --save-scan-info '" + loop + "'", outDevice);
   runCommand("losetup -d " + loop);
   EXPECT_EQ(rc, 2) << out;
   EXPECT_NE(out.find("would overwrite the drive being scanned"), std::string::npos) << out;
@@ -113,7 +103,7 @@ TEST(SaveSafety, SelectAlsoSavedWhatTheScanInfoFileHadMarked) {
   ASSERT_FALSE(saveScanInfo(asi, *scanned.volume, PlistArray{volumeDict(image, 0, sectors)}, scanned.controller.get()));
   std::string out;
   const fs::path dest = dir / "out";
-  ASSERT_EQ(run("recover '" + asi + "' --out '" + dest.string() + "' --select '*/Docs'", out), 0) << out;
+  ASSERT_EQ(runCli("recover '" + asi + "' --out '" + dest.string() + "' --select '*/Docs'", out), 0) << out;
   EXPECT_EQ(pathsUnder(dest), (std::set<std::string>{"Root", "Root/Docs", "Root/Docs/a.txt"}));
 }
 
@@ -135,7 +125,7 @@ TEST(SaveSafety, OutFolderWasMadeBeforeARefusal) {
     const std::string huge = (dir / "huge.asi").string();
     ASSERT_FALSE(
         saveScanInfo(huge, *scanned.volume, PlistArray{volumeDict(image, 0, sectors)}, scanned.controller.get()));
-    EXPECT_EQ(run("recover '" + huge + "' --out '" + (dir / "full/out").string() + "'", out), 2) << out;
+    EXPECT_EQ(runCli("recover '" + huge + "' --out '" + (dir / "full/out").string() + "'", out), 2) << out;
     EXPECT_NE(out.find("ambrel-cli: ! Not enough free disk space: "), std::string::npos) << out;
     EXPECT_FALSE(fs::exists(dir / "full"));
   }
@@ -144,10 +134,10 @@ TEST(SaveSafety, OutFolderWasMadeBeforeARefusal) {
     f.seekp(100);
     f.put('\x5A');
   }
-  EXPECT_EQ(run("recover '" + asi + "' --out '" + (dir / "never").string() + "'", out), 2) << out;
+  EXPECT_EQ(runCli("recover '" + asi + "' --out '" + (dir / "never").string() + "'", out), 2) << out;
   EXPECT_NE(out.find("Drive Not Connected"), std::string::npos) << out;
   EXPECT_FALSE(fs::exists(dir / "never"));
-  EXPECT_EQ(run("recover '" + image + "' --out '" + (dir / "none").string() + "' --select '*.mov'", out), 1);
+  EXPECT_EQ(runCli("recover '" + image + "' --out '" + (dir / "none").string() + "' --select '*.mov'", out), 1);
   EXPECT_FALSE(fs::exists(dir / "none"));
 }
 
@@ -159,7 +149,7 @@ TEST(SaveSafety, FailedResourceForkLeftAnEmptySidecarAndRawNamesReachedTheTermin
   const fs::path dest = dir / "out";
   // 2 blocks of 512 bytes at most per file: the sidecar and the second file
   // cannot be written.
-  EXPECT_EQ(run("recover '" + image + "' --out '" + dest.string() + "'", out, "trap '' XFSZ; ulimit -f 2; "), 1);
+  EXPECT_EQ(runCli("recover '" + image + "' --out '" + dest.string() + "'", out, "trap '' XFSZ; ulimit -f 2; "), 1);
   EXPECT_EQ(pathsUnder(dest), (std::set<std::string>{"Root"})) << out;
   EXPECT_EQ(out.find('\x1b'), std::string::npos) << out;
   EXPECT_EQ(out.find('\x07'), std::string::npos) << out;
@@ -180,12 +170,12 @@ TEST(SaveSafety, FreeSpaceCheckCountedFileSizesNotWhatIsWritten) {
                               "\" && exec \"$0\" \"$@\"' ";
   std::string out;
   if (runCommand(onTmpfs + "true 2>&1", &out) != 0) GTEST_SKIP() << "no private tmpfs mount here: " << out;
-  EXPECT_EQ(run("recover '" + image + "' --out '" + (dir / "mnt/out").string() + "'", out, onTmpfs), 2) << out;
+  EXPECT_EQ(runCli("recover '" + image + "' --out '" + (dir / "mnt/out").string() + "'", out, onTmpfs), 2) << out;
   EXPECT_NE(out.find("ambrel-cli: ! Not enough free disk space: "), std::string::npos) << out;
   EXPECT_EQ(out.find("Saved"), std::string::npos) << out;
 
   // What fits is saved: 3 files and their sidecars, 6 pages.
-  EXPECT_EQ(run("recover '" + image + "' --out '" + (dir / "mnt/out").string() + "' --select '*/f1.txt' --select "
+  EXPECT_EQ(runCli("recover '" + image + "' --out '" + (dir / "mnt/out").string() + "' --select '*/f1.txt' --select "
                 "'*/f2.txt' --select '*/f3.txt'",
                 out, onTmpfs),
             0)
@@ -206,7 +196,7 @@ TEST(SaveSafety, FilesBelowAFolderThatCouldNotBeMadeWentUncounted) {
   std::string out;
   if (runCommand(onTmpfs + "true 2>&1", &out) != 0) GTEST_SKIP() << "no private tmpfs mount here: " << out;
   const std::string dest = (dir / "mnt/out").string();
-  EXPECT_EQ(run("recover '" + image + "' --out '" + dest + "'", out, onTmpfs), 1) << out;
+  EXPECT_EQ(runCli("recover '" + image + "' --out '" + dest + "'", out, onTmpfs), 1) << out;
   EXPECT_NE(out.find("failed: could not create \"z\" for /Root/z: No space left on device"), std::string::npos) << out;
   EXPECT_NE(out.find("failed: could not create \"B\" for /Root/A/B: No space left on device"), std::string::npos)
       << out;

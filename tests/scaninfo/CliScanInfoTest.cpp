@@ -2,11 +2,9 @@
 
 #include <unistd.h>
 
-#include <cstdlib>
-
 #include "base/Endian.h"
 #include "scaninfo/ScanInfoFile.h"
-#include "support/TempDir.h"
+#include "support/CliRun.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #define AMBREL_HAVE_ASAN 1
@@ -20,11 +18,6 @@ namespace ambrel {
 namespace {
 
 using test::TempDir;
-
-std::string cli() {
-  const char* p = std::getenv("AMBREL_CLI");
-  return p ? p : "";
-}
 
 void writeSample(const std::filesystem::path& file) {
   auto root = std::make_unique<HDIR>();
@@ -57,12 +50,11 @@ void writeSample(const std::filesystem::path& file) {
 }
 
 TEST(CliScanInfo, PrintsHeaderVolumeListAndTreeSize) {
-  if (cli().empty()) GTEST_SKIP() << "AMBREL_CLI not set";
   TempDir dir;
   auto file = dir / "s.asi";
   writeSample(file);
   std::string out;
-  ASSERT_EQ(test::runCommand(cli() + " scaninfo " + file.string(), &out), 0);
+  ASSERT_EQ(test::runCommand(test::cliPath() + " scaninfo " + file.string(), &out), 0);
   EXPECT_EQ(out, "File:     " + file.string() + "\n" +
                      "State:    Complete\n"
                      "Version:  Tarnwell Ambrel Scan Info Version 1.0.2\n"
@@ -89,13 +81,12 @@ TEST(CliScanInfo, PrintsHeaderVolumeListAndTreeSize) {
                      "Drive sectors: 2560 bytes\n"
                      "Tree:     3 entries (2 folders, 1 files), root \"Macintosh HD\"\n");
 
-  ASSERT_EQ(test::runCommand(cli() + " scaninfo --json " + file.string(), &(out = "")), 0);
+  ASSERT_EQ(test::runCommand(test::cliPath() + " scaninfo --json " + file.string(), &(out = "")), 0);
   EXPECT_NE(out.find(R"("volumeSearchList":[{"Volume Start":409640,"Volume Validity":"Valid","WhetherAlternateSector":0}])"), std::string::npos) << out;
   EXPECT_NE(out.find(R"("entries":3,"folders":2,"files":1,"root":"Macintosh HD")"), std::string::npos) << out;
 }
 
 TEST(CliScanInfo, RefusesIncompleteFiles) {
-  if (cli().empty()) GTEST_SKIP() << "AMBREL_CLI not set";
   TempDir dir;
   auto file = dir / "s.asi";
   writeSample(file);
@@ -103,10 +94,10 @@ TEST(CliScanInfo, RefusesIncompleteFiles) {
   bytes.resize(1500);
   test::writeFile(file, bytes);
   std::string out;
-  EXPECT_EQ(test::runCommand(cli() + " scaninfo " + file.string() + " 2>&1", &out), 1);
+  EXPECT_EQ(test::runCommand(test::cliPath() + " scaninfo " + file.string() + " 2>&1", &out), 1);
   EXPECT_EQ(out, "ambrel-cli: ! Error: This scan info file is damaged: the volume record is cut short.\n");
   test::writeFile(file, std::vector<uint8_t>(2000, 0));
-  EXPECT_EQ(test::runCommand(cli() + " scaninfo " + file.string() + " 2>&1", &(out = "")), 1);
+  EXPECT_EQ(test::runCommand(test::cliPath() + " scaninfo " + file.string() + " 2>&1", &(out = "")), 1);
   EXPECT_EQ(out, "ambrel-cli: ! Error: This scan info file is incomplete.\n");
 }
 
@@ -118,7 +109,6 @@ TEST(CliScanInfo, RunningOutOfMemoryAbortedTheCommand) {
   GTEST_SKIP() << "the sanitizer's allocator dies on a failed allocation instead of throwing, and it cannot start "
                   "under an address-space limit; this runs in builds without it";
 #else
-  if (cli().empty()) GTEST_SKIP() << "AMBREL_CLI not set";
   TempDir dir;
   auto file = dir / "huge.asi";
   writeSample(file);
@@ -128,7 +118,7 @@ TEST(CliScanInfo, RunningOutOfMemoryAbortedTheCommand) {
   test::writeFile(file, bytes);
   ASSERT_EQ(::truncate(file.c_str(), static_cast<off_t>(1028 + uint64_t{kClaimed} + 4096)), 0);
   std::string out;
-  EXPECT_EQ(test::runCommand("ulimit -v 1048576; " + cli() + " scaninfo " + file.string() + " 2>&1", &out), 5) << out;
+  EXPECT_EQ(test::runCommand("ulimit -v 1048576; " + test::cliPath() + " scaninfo " + file.string() + " 2>&1", &out), 5) << out;
   EXPECT_NE(out.find("ambrel-cli: out of memory; the command was stopped here"), std::string::npos) << out;
 #endif
 }

@@ -1,17 +1,14 @@
 // Scan info files of trees made by real scans: of built volumes whose names
 // hold every kind of character, and of the shared real images.
 #include <gtest/gtest.h>
-#include <stdio.h>
 
-#include <cstdlib>
 #include <filesystem>
 
-#include "scaninfo/SameTree.h"
 #include "ImageBuilder.h"
-#include "core/TreeListing.h"
+#include "scan/ScanHelpers.h"
+#include "scaninfo/SameTree.h"
 #include "scaninfo/VolumeScanInfo.h"
-#include "support/RecordingController.h"
-#include "support/TempDir.h"
+#include "support/CliRun.h"
 
 namespace ambrel {
 namespace {
@@ -19,35 +16,8 @@ namespace {
 namespace fs = std::filesystem;
 using test::TempDir;
 
-PlistDict volumeDict(const std::string& image, uint64_t start, uint64_t sectors) {
-  return PlistDict{{"Volume Start", start}, {"Volume Size In Sectors", sectors}, {"Volume Name", "Test"},
-                   {"Volume Scan Type", 0},  {"Path", image},                    {"Model", "Disk Image"},
-                   {"Serial", ""},           {"Revision", ""}};
-}
-
-struct Scanned {
-  std::unique_ptr<test::RecordingController> controller = std::make_unique<test::RecordingController>();
-  std::unique_ptr<Volume> volume;
-};
-
-// A standard scan of the volume at [start, start + sectors) of the image.
-Scanned scan(const std::string& image, uint64_t start, uint64_t sectors) {
-  Scanned s;
-  s.controller->drives.push_back(PlistDict{{"device path", image}});
-  s.volume = std::make_unique<Volume>(volumeDict(image, start, sectors), s.controller.get());
-  s.volume->startMakingTree(s.controller.get(), "Normal Scan");
-  return s;
-}
-
-std::string listing(const HDIR& root) {
-  char* buf = nullptr;
-  size_t len = 0;
-  FILE* f = ::open_memstream(&buf, &len);
-  writeTreeListing(root, ListingFormat::Tsv, f);
-  std::fclose(f);
-  std::string out(buf, len);
-  std::free(buf);
-  return out;
+ScanResult scan(const std::string& image, uint64_t start, uint64_t sectors) {
+  return test::scan(image, start, sectors, "Normal Scan");
 }
 
 mkimage::EntrySpec file(const std::string& name, uint64_t size, uint64_t rsrc = 0, uint32_t fragments = 1) {
@@ -101,7 +71,7 @@ TEST(ScannedTree, RoundTripOfAScannedVolumeKeepsEveryEntry) {
   scanned.volume->dirRoot->children()[0]->children()[1]->setSelected(1);
 
   fs::path file = dir / "names.asi";
-  PlistArray list{PlistValue(volumeDict(image.string(), part.startSector, part.sizeSectors))};
+  PlistArray list{PlistValue(test::volumeDict(image.string(), part.startSector, part.sizeSectors))};
   uint64_t written = 0;
   ASSERT_FALSE(saveScanInfo(file.string(), *scanned.volume, list, nullptr, &written));
   auto opened = openScanInfo(file.string(), nullptr);
@@ -109,7 +79,7 @@ TEST(ScannedTree, RoundTripOfAScannedVolumeKeepsEveryEntry) {
   EXPECT_EQ(opened.opened->entryCount, written);
   EXPECT_FALSE(scanned.volume->dirRoot->children().empty());
   test::expectSameTree(*scanned.volume->dirRoot, *opened.opened->volume->dirRoot);
-  EXPECT_EQ(listing(*scanned.volume->dirRoot), listing(*opened.opened->volume->dirRoot));
+  EXPECT_EQ(test::tsvListing(*scanned.volume->dirRoot), test::tsvListing(*opened.opened->volume->dirRoot));
   EXPECT_EQ(opened.opened->volume->dirRoot->childrenSelected(), 1);
   EXPECT_EQ(opened.opened->volume->volumeName, scanned.volume->volumeName);
   EXPECT_EQ(opened.opened->volume->HPlusVolStart, scanned.volume->HPlusVolStart);
@@ -129,34 +99,28 @@ TEST(ScannedTree, RoundTripOfAScannedVolumeKeepsEveryEntry) {
   EXPECT_EQ(findScanInfoDrive(*opened.opened->volume, opened.opened->first5Sectors, drives), 0);
 }
 
-std::string cli() {
-  const char* p = std::getenv("AMBREL_CLI");
-  return p ? p : "";
-}
-
 TEST(ScannedTree, CliListsASavedTreeAsTheScanDid) {
-  if (cli().empty()) GTEST_SKIP() << "AMBREL_CLI not set";
   TempDir dir;
   fs::path image = dir / "names.img";
   mkimage::buildImage(namesDrive(), image);
   fs::path file = dir / "names.asi";
   std::string scannedListing, savedListing, reopenedListing, info;
-  ASSERT_EQ(test::runCommand(cli() + " tree " + image.string() + " 2>/dev/null", &scannedListing), 0);
-  ASSERT_EQ(test::runCommand(cli() + " tree " + image.string() + " --save-scan-info " + file.string() + " 2>/dev/null", &savedListing), 0);
-  ASSERT_EQ(test::runCommand(cli() + " tree " + file.string() + " 2>/dev/null", &reopenedListing), 0);
+  ASSERT_EQ(test::runCommand(test::cliPath() + " tree " + image.string() + " 2>/dev/null", &scannedListing), 0);
+  ASSERT_EQ(test::runCommand(test::cliPath() + " tree " + image.string() + " --save-scan-info " + file.string() + " 2>/dev/null", &savedListing), 0);
+  ASSERT_EQ(test::runCommand(test::cliPath() + " tree " + file.string() + " 2>/dev/null", &reopenedListing), 0);
   EXPECT_EQ(scannedListing, savedListing);
   EXPECT_EQ(scannedListing, reopenedListing);
   EXPECT_GT(scannedListing.size(), 500u);
-  ASSERT_EQ(test::runCommand(cli() + " scaninfo " + file.string(), &info), 0);
+  ASSERT_EQ(test::runCommand(test::cliPath() + " scaninfo " + file.string(), &info), 0);
   EXPECT_NE(info.find("Partition list: 1 entry"), std::string::npos) << info;
   EXPECT_NE(info.find("  volumeName        Caf\xC3\xA9 Volume\n"), std::string::npos) << info;
 
   std::string err;
   // Refused before the scan, so that no scan is run only to be lost.
-  EXPECT_EQ(test::runCommand(cli() + " tree " + image.string() + " --save-scan-info " + (dir / "no/such/dir/x.asi").string() + " 2>&1 >/dev/null", &err), 2);
+  EXPECT_EQ(test::runCommand(test::cliPath() + " tree " + image.string() + " --save-scan-info " + (dir / "no/such/dir/x.asi").string() + " 2>&1 >/dev/null", &err), 2);
   EXPECT_NE(err.find("ambrel-cli: ! Error: The scan info file"), std::string::npos) << err;
   test::writeFile(file, std::vector<uint8_t>(100, 0));
-  EXPECT_EQ(test::runCommand(cli() + " tree " + file.string() + " 2>&1 >/dev/null", &(err = "")), 1);
+  EXPECT_EQ(test::runCommand(test::cliPath() + " tree " + file.string() + " 2>&1 >/dev/null", &(err = "")), 1);
   EXPECT_NE(err.find("ambrel-cli: ! Error: This scan info file is incomplete."), std::string::npos) << err;
 }
 
@@ -184,8 +148,8 @@ TEST(ScannedTree, SharedImagesRoundTrip) {
     EXPECT_FALSE(scanned.volume->dirRoot->children().empty());
   test::expectSameTree(*scanned.volume->dirRoot, *opened.opened->volume->dirRoot);
     // Symbolic links and hard links come back as what they are.
-    const std::string before = listing(*scanned.volume->dirRoot);
-    EXPECT_EQ(before, listing(*opened.opened->volume->dirRoot));
+    const std::string before = test::tsvListing(*scanned.volume->dirRoot);
+    EXPECT_EQ(before, test::tsvListing(*opened.opened->volume->dirRoot));
     EXPECT_EQ(opened.opened->volume->symlinks, scanned.volume->symlinks);
     EXPECT_EQ(opened.opened->volume->fileLinks, scanned.volume->fileLinks);
     ++done;
