@@ -198,7 +198,9 @@ TEST(DecmpfsReal, DamagedChunksStayWithinTheirSize) {
           continue;
         }
         ASSERT_EQ(out.size(), p.expectedSize);
-        if (p.algorithm == DecmpfsAlgorithm::Zlib) ASSERT_TRUE(out == reference) << "flip at " << i;
+        if (p.algorithm == DecmpfsAlgorithm::Zlib) {
+          ASSERT_TRUE(out == reference) << "flip at " << i;
+        }
       }
       std::vector<uint8_t> out;
       const std::vector<uint8_t> cut(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(i));

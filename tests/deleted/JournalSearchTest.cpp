@@ -230,33 +230,6 @@ TEST(DeletedFiles, StopEndsTheSearchBetweenSectorsAndKeepsTheTreeSoFar) {
   for (const auto& [id, e] : kept) EXPECT_EQ(all.count(id), 1u) << e->fileName();
 }
 
-// A volume found through a partition table is read from its own start.
-TEST(DeletedFiles, AVolumeInAPartitionIsSearchedAsAVolumeDevice) {
-  mk::DriveSpec d;
-  d.table = mk::TableKind::GPT;
-  mk::PartitionSpec p;
-  p.volume = volumeWithDeletions();
-  d.partitions = {p};
-  TempDir dir;
-  const std::string image = (dir / "drive.img").string();
-  const mk::DriveLayout layout = mk::buildImage(d, image);
-  ASSERT_EQ(layout.partitions.size(), 1u);
-  const mk::VolumeLayout& vol = *layout.partitions[0].volume;
-  ASSERT_GT(vol.startSector, 0u);
-  ScanResult r = findDeleted(image, vol.startSector, vol.sizeSectors);
-  ASSERT_NE(r.volume->dirRoot, nullptr);
-  EXPECT_EQ(r.volume->journalSize, vol.journalSize);
-  const auto byID = entriesByFileID(*r.volume->dirRoot);
-  for (const auto& e : vol.entries) {
-    if (!e.deleted || e.folder || e.path.rfind("Unkept", 0) == 0) continue;
-    ASSERT_EQ(byID.count(e.cnid), 1u) << e.path;
-    EXPECT_EQ(entryPath(*byID.find(e.cnid)->second), e.path);
-    auto want = builtData(e);
-    ASSERT_TRUE(want.has_value());
-    EXPECT_TRUE(dataOf(image, *r.volume, *byID.find(e.cnid)->second) == *want) << e.path;
-  }
-}
-
 TEST(DeletedFiles, ADeletedSymbolicLinkIsFoundAsALinkNotAFileHoldingItsTarget) {
   mk::VolumeSpec spec = volumeWithDeletions();
   mk::EntrySpec link;
@@ -276,9 +249,11 @@ TEST(DeletedFiles, ADeletedSymbolicLinkIsFoundAsALinkNotAFileHoldingItsTarget) {
   EXPECT_EQ(h.linkKind, LinkKind::Symlink);
   EXPECT_EQ(h.dataSize, link.symlinkTo->size());
   // The deleted files beside it are still plain files.
-  for (const auto& e : b->layout.entries)
-    if (e.deleted && !e.folder && e.cnid != built->cnid && byID.count(e.cnid))
+  for (const auto& e : b->layout.entries) {
+    if (e.deleted && !e.folder && e.cnid != built->cnid && byID.count(e.cnid)) {
       EXPECT_EQ(byID.find(e.cnid)->second->linkKind, LinkKind::None) << e.path;
+    }
+  }
 
   // Saved as a link to its target, which is not followed.
   TempDir dir;

@@ -13,6 +13,14 @@ using namespace ambrel;
 using namespace ambrel::test;
 namespace fs = std::filesystem;
 
+// A save with "/" written as the caller says and no final alert.
+static Saver::Options slashesAs(bool canSaveSlashes) {
+  Saver::Options o;
+  o.canSaveSlashes = canSaveSlashes;
+  o.finalAlert = false;
+  return o;
+}
+
 TEST(SafeName, SlashesFollowTheDestinationType) {
   EXPECT_EQ(madeName("one/two", true), "one:two");
   EXPECT_EQ(madeName("one/two", false), "one_two");
@@ -99,7 +107,7 @@ TEST(SaveNames, HostileNamesStayInsideTheDestinationAndNeverReplaceEachOther) {
   const auto outsideBefore = pathsUnder(dir.path());
   const fs::path dest = dir / "out";
   fs::create_directories(dest);
-  Saver saver(*vol.dirRoot, saveSourceOf(vol), nullptr, Saver::Options{false, false});
+  Saver saver(*vol.dirRoot, saveSourceOf(vol), nullptr, slashesAs(false));
   const SaveResult r = saver.saveFilesAndFolders(dest.string());
   EXPECT_FALSE(r.anyFailure()) << (r.problems.empty() ? "" : r.problems[0]);
 
@@ -148,7 +156,7 @@ TEST(SaveNames, HfsDestinationsKeepSlashesAsColons) {
   spec.root = {fileSpec("x/y", 10), fileSpec("x:y", 20)};
   BuiltVolume v = buildAndScan(dir, spec);
   markAll(*v.scan.volume);
-  Saver saver(*v.scan.volume->dirRoot, saveSourceOf(*v.scan.volume), nullptr, Saver::Options{true, false});
+  Saver saver(*v.scan.volume->dirRoot, saveSourceOf(*v.scan.volume), nullptr, slashesAs(true));
   const SaveResult r = saver.saveFilesAndFolders(dir.path().string());
   EXPECT_EQ(fs::file_size(dir / "Root" / "x:y"), 10u);
   EXPECT_EQ(fs::file_size(dir / "Root" / "x:y (2)"), 20u);
