@@ -101,8 +101,9 @@ TEST(CliReport, EverySavedFileWithItsRunsHashesAndOrigin) {
     EXPECT_EQ(row.runs, layoutRuns(b.vol(), *f));
     EXPECT_EQ(row.hashes, "ok");
     EXPECT_EQ(row.same, "same");
-    if (haveIcat())
+    if (haveIcat()) {
       EXPECT_EQ(readFile(dir / "saved/Root" / path), icat(b.image, 0, f->cnid));
+    }
   }
   // The resource fork's "._" file has an object of its own, hashed from what is on disk.
   {

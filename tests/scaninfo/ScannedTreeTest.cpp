@@ -16,7 +16,7 @@ namespace {
 namespace fs = std::filesystem;
 using test::TempDir;
 
-ScanResult scan(const std::string& image, uint64_t start, uint64_t sectors) {
+test::ScanResult scan(const std::string& image, uint64_t start, uint64_t sectors) {
   return test::scan(image, start, sectors, "Normal Scan");
 }
 
