@@ -143,7 +143,7 @@ TEST(DriveSearch, SkipJumpsOverTheCarvedFileAlsoAcrossABatchBoundary) {
   EXPECT_GE(stats.examined, 1000u);
 }
 
-TEST(DriveSearch, RecordsWithOneKeyAreTriedInTurnAndCutOffTheRest) {
+TEST(DriveSearch, RecordsWithOneKeyAreTriedInTurnUntilOneAcceptsAndCutOffTheRest) {
   StandInSearch s(100, {{"", 5, bytesOf("KEYS")}, {"", 9, bytesOf("KEYS")}});
   s.add("one", "4B455953", 0, 6);  // refuses
   s.add("two", "4B455953", 0, 5);  // the extra: accepts at 9 only
@@ -165,15 +165,14 @@ TEST(DriveSearch, RecordsWithOneKeyAreTriedInTurnAndCutOffTheRest) {
   ASSERT_EQ(carved.size(), 1u);
   EXPECT_EQ(carved[0].sector, 9u);
   EXPECT_NE(carved[0].path.find("/Test/two/"), std::string::npos) << carved[0].path;
-}
 
-TEST(DriveSearch, FirstRecordThatAcceptsLeavesTheExtrasUntried) {
-  StandInSearch s(50, {{"", 7, bytesOf("KEYS")}});
-  s.add("one", "4B455953", 0, 5);
-  s.add("two", "4B455953", 0, 6);
-  s.table.byCode[5] = standIn<5>;
-  s.table.byCode[6] = refuse;
-  s.run();
+  // The first record accepts: the extra is never tried.
+  StandInSearch first(50, {{"", 7, bytesOf("KEYS")}});
+  first.add("one", "4B455953", 0, 5);
+  first.add("two", "4B455953", 0, 6);
+  first.table.byCode[5] = standIn<5>;
+  first.table.byCode[6] = refuse;
+  first.run();
   EXPECT_EQ(gCalls[5], std::vector<uint64_t>{7});
   EXPECT_TRUE(gCalls[99].empty());
 }
@@ -303,34 +302,28 @@ TEST(DriveSearch, RtfDocumentBecomesABundleHoldingThePicturesItNames) {
   EXPECT_EQ(bundle->fileSize, 600 + picture.size());
 }
 
-TEST(DriveSearch, RtfDocumentFarIntoTheDriveStillGetsItsPictures) {
+TEST(DriveSearch, RtfAttachmentsAreMatchedFarIntoTheDriveButNotFarFromTheirDocument) {
   const auto picture = convertImage("-size 128x96 gradient:red-blue", "png");
   if (picture.empty()) GTEST_SKIP() << "ImageMagick is not installed";
-  // 150 MB in: the document's own match measures no distance.
-  const uint64_t at = 150000000 / 512;
-  StandInSearch s(at + 100, {{"", at, bytesOf("{\\rtf1")}, {"", at + 10, picture}});
-  s.add("rtf", "7B5C727466", 0, 25);
-  s.sigs.push_back(makeSig("Images", "png", "89504E470D0A1A0A", 0, 6));
-  s.table.byCode[25] = rtfWithPictures;
-  s.run();
-  const auto carved = found(*s.drive->volume);
-  ASSERT_EQ(carved.size(), 2u);
-  EXPECT_EQ(carved[1].path, "/Root/Test/rtf/File1.rtfd/picture.png");
-}
-
-TEST(DriveSearch, RtfAttachmentsAreNotLookedForFarFromTheirDocument) {
-  const auto picture = convertImage("-size 128x96 gradient:red-blue", "png");
-  if (picture.empty()) GTEST_SKIP() << "ImageMagick is not installed";
-  // 100,000,001 bytes on: the matching gives up and files the picture alone.
-  const uint64_t far = 10 + 100000001 / 512 + 1;
-  StandInSearch s(far + 100, {{"", 10, bytesOf("{\\rtf1")}, {"", far, picture}});
-  s.add("rtf", "7B5C727466", 0, 25);
-  s.sigs.push_back(makeSig("Images", "png", "89504E470D0A1A0A", 0, 6));
-  s.table.byCode[25] = rtfWithPictures;
-  s.run();
-  const auto carved = found(*s.drive->volume);
-  ASSERT_EQ(carved.size(), 2u);
-  EXPECT_EQ(carved[1].path, "/Root/Images/png/File1.png");
+  struct Case {
+    uint64_t document, picture;
+    const char* path;
+  };
+  // 150 MB in: the document's own match measures no distance. 100,000,001
+  // bytes on: the matching gives up and files the picture alone.
+  const uint64_t deep = 150000000 / 512, far = 10 + 100000001 / 512 + 1;
+  for (const Case& c : {Case{deep, deep + 10, "/Root/Test/rtf/File1.rtfd/picture.png"},
+                        Case{10, far, "/Root/Images/png/File1.png"}}) {
+    SCOPED_TRACE(c.picture);
+    StandInSearch s(c.picture + 100, {{"", c.document, bytesOf("{\\rtf1")}, {"", c.picture, picture}});
+    s.add("rtf", "7B5C727466", 0, 25);
+    s.sigs.push_back(makeSig("Images", "png", "89504E470D0A1A0A", 0, 6));
+    s.table.byCode[25] = rtfWithPictures;
+    s.run();
+    const auto carved = found(*s.drive->volume);
+    ASSERT_EQ(carved.size(), 2u);
+    EXPECT_EQ(carved[1].path, c.path);
+  }
 }
 
 }  // namespace
