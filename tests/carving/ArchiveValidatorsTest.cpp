@@ -305,12 +305,6 @@ TEST(PdfValidator, QpdfIncrementalDocumentsEndAtTheirFirstRevision) {
   EXPECT_EQ(r.foundSize, text.rfind("%%EOF") + 5);
 }
 
-}  // namespace
-}  // namespace ambrel::test
-
-namespace ambrel::test {
-namespace {
-
 TEST(DocumentSearch, ArchivesAndDocumentsAreFiledUnderTheirTypes) {
   const auto rar4 = sample("rar/test_read_format_rar.rar");
   const auto rar5 = sample("rar/test_read_format_rar5_stored.rar");
