@@ -24,6 +24,14 @@ inline bool haveTsk() {
 #define SKIP_WITHOUT_TSK() \
   if (!::ambrel::mkimage::test::haveTsk()) GTEST_SKIP() << "The Sleuth Kit (fls, icat, mmls, fsstat) is not installed"
 
+// A drive that is one bare volume, no partition table.
+inline DriveSpec bareDrive(VolumeSpec v = {}) {
+  DriveSpec d;
+  d.table = TableKind::None;
+  d.volume = std::move(v);
+  return d;
+}
+
 inline std::string quoted(const std::filesystem::path& p) { return "'" + p.string() + "'"; }
 
 // Runs a TSK tool on the volume at sector `offset`: `tool -o offset options image operands`.

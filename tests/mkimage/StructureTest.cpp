@@ -31,6 +31,13 @@ std::vector<uint8_t> readBitmap(const std::filesystem::path& image, const Volume
   return out;
 }
 
+// The name in the key of the catalog record at `off` of a node.
+std::string recordName(const std::vector<uint8_t>& node, uint16_t off) {
+  std::string n;
+  for (uint16_t i = 0; i < loadBE16(&node[off + 6]); ++i) n += static_cast<char>(loadBE16(&node[off + 8 + 2 * i]));
+  return n;
+}
+
 bool bitSet(const std::vector<uint8_t>& map, uint32_t block) { return map[block / 8] & (0x80 >> (block % 8)); }
 
 // Blocks in use by what the layout says is live, computed from the layout alone.
@@ -78,9 +85,7 @@ VolumeSpec journaledVolume() {
 
 TEST(MkimageStructure, BitmapMarksExactlyTheLiveBlocks) {
   TempDir dir;
-  DriveSpec d;
-  d.table = TableKind::None;
-  d.volume = journaledVolume();
+  DriveSpec d = bareDrive(journaledVolume());
   d.volume->blockSize = 1024;
   PayloadSpec p;
   p.size = 5000;
@@ -161,12 +166,9 @@ void expectCatalogChain(const std::filesystem::path& image, const VolumeLayout& 
     EXPECT_EQ(d->bLink, previous);
     for (uint16_t r = 0; r < d->numRecords; ++r) {
       uint16_t off = loadBE16(&bytes[bytes.size() - 2 * (r + 1)]);
-      uint16_t nameLength = loadBE16(&bytes[off + 6]);
       int16_t type = static_cast<int16_t>(loadBE16(&bytes[off + 2 + loadBE16(&bytes[off])]));
       if (names && (type == kHFSPlusFileRecord || type == kHFSPlusFolderRecord) && loadBE32(&bytes[off + 2]) == 2) {
-        std::string n;
-        for (uint16_t i = 0; i < nameLength; ++i) n += static_cast<char>(loadBE16(&bytes[off + 8 + 2 * i]));
-        names->push_back(n);
+        names->push_back(recordName(bytes, off));
       }
     }
     records += d->numRecords;
@@ -209,9 +211,7 @@ TEST(MkimageStructure, CatalogOrderFollowsTheVolumeKind) {
 
 TEST(MkimageStructure, DuplicateNamesAreRefusedWhereTheVolumeFoldsCase) {
   TempDir dir;
-  DriveSpec d;
-  d.table = TableKind::None;
-  d.volume = VolumeSpec{};
+  DriveSpec d = bareDrive();
   d.volume->root = {textFile("Readme", "1"), textFile("README", "2")};
   EXPECT_THROW(buildImage(d, dir / "dup.img"), BuildError);
   d.volume->hfsx = true;
@@ -222,9 +222,7 @@ TEST(MkimageStructure, DuplicateNamesAreRefusedWhereTheVolumeFoldsCase) {
 
 TEST(MkimageStructure, JournalKeepsOldLeafNodesWithTheDeletedEntries) {
   TempDir dir;
-  DriveSpec d;
-  d.table = TableKind::None;
-  d.volume = journaledVolume();
+  DriveSpec d = bareDrive(journaledVolume());
   auto image = dir / "j.img";
   VolumeLayout v = *buildImage(d, image).volume;
 
@@ -247,13 +245,7 @@ TEST(MkimageStructure, JournalKeepsOldLeafNodesWithTheDeletedEntries) {
     // How a node end is recognised in a sector scan: offsets 14 and then above 14.
     EXPECT_EQ(loadBE16(&node[node.size() - 2]), 14);
     EXPECT_GT(loadBE16(&node[node.size() - 4]), 14);
-    uint16_t count = loadBE16(&node[10]);
-    for (uint16_t r = 0; r < count; ++r) {
-      uint16_t off = loadBE16(&node[node.size() - 2 * (r + 1)]);
-      std::string n;
-      for (uint16_t i = 0; i < loadBE16(&node[off + 6]); ++i) n += static_cast<char>(loadBE16(&node[off + 8 + 2 * i]));
-      names.insert(n);
-    }
+    for (uint16_t r = 0; r < loadBE16(&node[10]); ++r) names.insert(recordName(node, loadBE16(&node[node.size() - 2 * (r + 1)])));
   }
   for (const auto& e : v.entries)
     if (e.deleted) {
@@ -285,9 +277,7 @@ TEST(MkimageStructure, JournalKeepsOldLeafNodesWithTheDeletedEntries) {
 
 TEST(MkimageStructure, WrapperPointsAtTheEmbeddedVolume) {
   TempDir dir;
-  DriveSpec d;
-  d.table = TableKind::None;
-  d.volume = VolumeSpec{};
+  DriveSpec d = bareDrive();
   d.volume->name = "Wrapped";
   d.volume->wrapper = true;
   d.volume->root = {textFile("inside.txt", "embedded")};
@@ -328,9 +318,7 @@ size_t differingBytes(const std::vector<uint8_t>& a, const std::vector<uint8_t>&
 
 TEST(MkimageStructure, DamageChangesOnlyWhatItSays) {
   TempDir dir;
-  DriveSpec d;
-  d.table = TableKind::None;
-  d.volume = damageBase();
+  DriveSpec d = bareDrive(damageBase());
   auto cleanPath = dir / "clean.img";
   VolumeLayout clean = *buildImage(d, cleanPath).volume;
   auto cleanBytes = ambrel::test::readFile(cleanPath);
@@ -473,17 +461,9 @@ TEST(MkimageStructure, DriveDamageWipesTablesAndTruncates) {
   }
 }
 
-}  // namespace
-}  // namespace ambrel::mkimage::test
-
-namespace ambrel::mkimage::test {
-namespace {
-
 TEST(MkimageStructure, SparseFilesOfFourGigabytesCostNoDiskSpace) {
   TempDir dir;
-  DriveSpec d;
-  d.table = TableKind::None;
-  d.volume = VolumeSpec{};
+  DriveSpec d = bareDrive();
   EntrySpec huge;
   huge.name = "huge.mov";
   huge.dataSize = 5ULL << 30;
@@ -512,12 +492,6 @@ TEST(MkimageStructure, SparseFilesOfFourGigabytesCostNoDiskSpace) {
   EXPECT_THROW(buildImage(d, image), BuildError);
 }
 
-}  // namespace
-}  // namespace ambrel::mkimage::test
-
-namespace ambrel::mkimage::test {
-namespace {
-
 // Names of the file and folder records in the journal's old node copies.
 std::set<std::string> journalRecordNames(const std::filesystem::path& image, const VolumeLayout& v) {
   std::set<std::string> names;
@@ -526,10 +500,7 @@ std::set<std::string> journalRecordNames(const std::filesystem::path& image, con
     for (uint16_t r = 0; r < loadBE16(&node[10]); ++r) {
       uint16_t off = loadBE16(&node[node.size() - 2 * (r + 1)]);
       int16_t type = static_cast<int16_t>(loadBE16(&node[off + 2 + loadBE16(&node[off])]));
-      if (type != kHFSPlusFileRecord && type != kHFSPlusFolderRecord) continue;
-      std::string n;
-      for (uint16_t i = 0; i < loadBE16(&node[off + 6]); ++i) n += static_cast<char>(loadBE16(&node[off + 8 + 2 * i]));
-      names.insert(n);
+      if (type == kHFSPlusFileRecord || type == kHFSPlusFolderRecord) names.insert(recordName(node, off));
     }
   }
   return names;
@@ -537,9 +508,7 @@ std::set<std::string> journalRecordNames(const std::filesystem::path& image, con
 
 TEST(MkimageStructure, DeletedParentCanBeLeftOutOfTheOldNodes) {
   TempDir dir;
-  DriveSpec d;
-  d.table = TableKind::None;
-  d.volume = VolumeSpec{};
+  DriveSpec d = bareDrive();
   d.volume->journal = true;
   EntrySpec parent;
   parent.name = "Vanished";

@@ -232,9 +232,7 @@ class MkimageGeometry : public ::testing::TestWithParam<Geometry> {};
 TEST_P(MkimageGeometry, BareVolumeReadsBack) {
   SKIP_WITHOUT_TSK();
   TempDir dir;
-  DriveSpec d;
-  d.table = TableKind::None;
-  d.volume = sampleVolume("Bare", false);
+  DriveSpec d = bareDrive(sampleVolume("Bare", false));
   d.volume->blockSize = GetParam().blockSize;
   d.volume->nodeSize = GetParam().nodeSize;
   d.volume->extentsNodeSize = GetParam().nodeSize;
