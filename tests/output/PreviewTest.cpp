@@ -17,11 +17,6 @@ namespace {
 const std::vector<std::string> kImages = {"jpg", "jpeg", "png", "gif", "tiff"};
 const std::vector<std::string> kMovies = {"mov", "mp4", "mp3", "avi"};
 
-ForkSource recordingPreview(RecordingSource& rec) {
-  ForkSource s = rec.source();
-  return s;
-}
-
 }  // namespace
 
 TEST(PreviewKind, ChosenFromTheExtensionWithoutRegardToCase) {
@@ -65,7 +60,7 @@ TEST(PreviewText, ReadsOnlyTheFirstBlockOfTheFirstExtent) {
   Volume& vol = *v.scan.volume;
   RecordingSource rec{&vol};
   const HDIR& entry = *vol.dirRoot->firstChildNamed("notes.txt");
-  const auto shown = previewText(recordingPreview(rec), entry);
+  const auto shown = previewText(rec.source(), entry);
   ASSERT_TRUE(shown);
   ASSERT_EQ(shown->size(), 4095u);
   EXPECT_EQ(shown->substr(0, 24), "Hello, preview!..Tabbedx");
@@ -75,10 +70,11 @@ TEST(PreviewText, ReadsOnlyTheFirstBlockOfTheFirstExtent) {
   EXPECT_FALSE(previewText(rec.source(), entry));
 }
 
-TEST(PreviewData, LoadsWholeSmallFilesAndStopsJustPastTheCap) {
+TEST(PreviewData, LoadsWholeSmallFilesStopsJustPastTheCapAndEndsOnAbortOrReadFailure) {
   TempDir dir;
   mk::VolumeSpec spec;
-  spec.root = {fileSpec("small.jpg", 10000, 0, 3), fileSpec("movie.mov", 20 * 1000 * 1000, 0, 4)};
+  spec.root = {fileSpec("small.jpg", 10000, 0, 3), fileSpec("movie.mov", 20 * 1000 * 1000, 0, 4),
+               fileSpec("clip.mov", 100000)};
   BuiltVolume v = buildAndScan(dir, spec);
   Volume& vol = *v.scan.volume;
   std::atomic<bool> abort{false};
@@ -101,33 +97,25 @@ TEST(PreviewData, LoadsWholeSmallFilesAndStopsJustPastTheCap) {
   const auto full = mk::generatedBytes(v.vol().find("movie.mov")->dataSeed, movie.size());
   EXPECT_EQ(movie, full);
   EXPECT_EQ(loadedPercentText(movie.size(), entry.dataSize), "Loaded 75.02 %");
-}
 
-TEST(PreviewData, AbortAndReadFailureEndTheLoad) {
-  TempDir dir;
-  mk::VolumeSpec spec;
-  spec.root = {fileSpec("clip.mov", 100000)};
-  BuiltVolume v = buildAndScan(dir, spec);
-  Volume& vol = *v.scan.volume;
-  const HDIR& entry = *vol.dirRoot->firstChildNamed("clip.mov");
-
-  std::atomic<bool> abort{false};
-  RecordingSource rec{&vol};
-  ForkSource stopping = rec.source();
+  // Abort and a failed read end the load.
+  const HDIR& clip = *vol.dirRoot->firstChildNamed("clip.mov");
+  RecordingSource stopped{&vol};
+  ForkSource stopping = stopped.source();
   auto inner = stopping.read;
   stopping.read = [&](uint64_t s, int32_t c, void* b) {
-    if (rec.calls.size() == 3) abort.store(true);  // the user asks for another file during the fourth read
+    if (stopped.calls.size() == 3) abort.store(true);  // the user asks for another file during the fourth read
     return inner(s, c, b);
   };
   std::vector<uint8_t> out;
-  EXPECT_EQ(getPreviewData(stopping, entry, abort, out), PreviewLoad::Aborted);
-  EXPECT_EQ(rec.calls.size(), 4u);
+  EXPECT_EQ(getPreviewData(stopping, clip, abort, out), PreviewLoad::Aborted);
+  EXPECT_EQ(stopped.calls.size(), 4u);
 
   abort.store(false);
   RecordingSource failing{&vol};
   failing.failAtSector = v.vol().blockToSector(v.vol().find("clip.mov")->dataExtents[0].startBlock + 2);
   out.clear();
-  EXPECT_EQ(getPreviewData(failing.source(), entry, abort, out), PreviewLoad::ReadFailed);
+  EXPECT_EQ(getPreviewData(failing.source(), clip, abort, out), PreviewLoad::ReadFailed);
   EXPECT_EQ(out.size(), 2u * 4096);
 }
 
