@@ -45,6 +45,11 @@ std::vector<uint8_t> pilImage(const std::string& script, const std::string& exte
   return madeBy("/usr/bin/python3", "/usr/bin/python3 '" + py.string() + "' {out}", extension);
 }
 
+std::string sourceText(const std::string& relative) {
+  const auto bytes = readFile(std::filesystem::path(AMBREL_SOURCE_DIR) / relative);
+  return std::string(bytes.begin(), bytes.end());
+}
+
 std::vector<uint8_t> sample(const std::string& relative) {
   const auto root = sharedTestData();
   if (root.empty()) return {};

@@ -31,6 +31,9 @@ std::vector<uint8_t> convertImage(const std::string& args, const std::string& ex
 std::vector<uint8_t> pilImage(const std::string& script, const std::string& extension);
 bool havePil();
 
+// A file of the source tree as text.
+std::string sourceText(const std::string& relative);
+
 // A carving sample of the shared test data (empty when that is not there).
 std::vector<uint8_t> sample(const std::string& relative);
 // The structural length the shared reference table gives a sample (-1 when absent).

@@ -1,7 +1,6 @@
 // ambrel-cli carve and signatures, as a user runs them.
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <sstream>
 
 #include "CarveImage.h"
@@ -73,39 +72,26 @@ std::filesystem::path plantedDrive(const TempDir& dir) {
   return image;
 }
 
-std::string readText(const std::filesystem::path& p) {
-  std::ifstream in(p);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
-TEST(CarveCli, DriveSearchListsWhatTheGoldenListingHolds) {
+TEST(CarveCli, DriveSearchListsWhatTheGoldenListingHoldsAndSavesThePlantedBytes) {
   TempDir dir;
   const auto image = plantedDrive(dir);
   Cli cli;
   int status = -1;
   const std::string out = cli.run("carve '" + image.string() + "' --whole-drive --all --max-size 1MB 2>/dev/null", &status);
   EXPECT_EQ(status, 0) << out;
-  EXPECT_EQ(out, readText(std::filesystem::path(AMBREL_SOURCE_DIR) / "tests/carving/golden/carve_drive.tsv"));
+  EXPECT_EQ(out, sourceText("tests/carving/golden/carve_drive.tsv"));
 
   const std::string json = cli.run("carve '" + image.string() + "' --whole-drive --types GIF,.bmp --format json 2>/dev/null");
   EXPECT_EQ(json.rfind("[", 0), 0u) << json;
   EXPECT_NE(json.find("\"path\":\"/Root/Images/gif/File1.gif\""), std::string::npos) << json;
   EXPECT_NE(json.find("\"dataExtents\":\"3000+1\""), std::string::npos) << json;
   EXPECT_EQ(json.find("jpg"), std::string::npos) << json;
-}
 
-TEST(CarveCli, SavedFilesHoldThePlantedBytes) {
-  TempDir dir;
-  const auto image = plantedDrive(dir);
-  Cli cli;
-  int status = -1;
-  const std::string out = cli.run("carve '" + image.string() + "' --whole-drive --types jpg,png,gif,bmp --out '" +
-                                      (dir / "out").string() + "'",
-                                  &status);
-  EXPECT_EQ(status, 0) << out;
-  EXPECT_NE(out.find("Saved"), std::string::npos) << out;
+  const std::string saved = cli.run("carve '" + image.string() + "' --whole-drive --types jpg,png,gif,bmp --out '" +
+                                        (dir / "out").string() + "'",
+                                    &status);
+  EXPECT_EQ(status, 0) << saved;
+  EXPECT_NE(saved.find("Saved"), std::string::npos) << saved;
   EXPECT_EQ(test::readFile(dir / "out/Root/Images/jpg/File1.jpg"), jpegFile());
   EXPECT_EQ(test::readFile(dir / "out/Root/Images/png/File1.png"), pngFile());
   EXPECT_EQ(test::readFile(dir / "out/Root/Images/gif/File1.gif"), gifFile());

@@ -4,10 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <map>
 #include <set>
-#include <sstream>
 
 #include "CarveImage.h"
 #include "carving/SignatureTable.h"
@@ -28,15 +26,8 @@ struct Files {
   }
 };
 
-std::string readText(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
 TEST(SignatureTable, TheSourceTableCompilesToTheBuiltFiles) {
-  const auto table = parseSignatureTable(readText(std::string(AMBREL_SOURCE_DIR) + "/resources/signatures.table"));
+  const auto table = parseSignatureTable(sourceText("resources/signatures.table"));
   EXPECT_TRUE(table.errors.empty()) << table.errors.front();
   const auto built = test::readFile(builtResourceDir() + "/Signature.dat");
   EXPECT_EQ(archiveSignatureDatabase(table.categories), built);

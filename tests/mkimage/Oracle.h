@@ -24,6 +24,14 @@ inline bool haveTsk() {
 #define SKIP_WITHOUT_TSK() \
   if (!::ambrel::mkimage::test::haveTsk()) GTEST_SKIP() << "The Sleuth Kit (fls, icat, mmls, fsstat) is not installed"
 
+inline EntrySpec textFile(const std::string& name, const std::string& text, bool deleted = false) {
+  EntrySpec e;
+  e.name = name;
+  e.data = std::vector<uint8_t>(text.begin(), text.end());
+  e.deleted = deleted;
+  return e;
+}
+
 // A drive that is one bare volume, no partition table.
 inline DriveSpec bareDrive(VolumeSpec v = {}) {
   DriveSpec d;

@@ -14,14 +14,6 @@ namespace {
 
 using ambrel::test::TempDir;
 
-EntrySpec textFile(const std::string& name, const std::string& text, bool deleted = false) {
-  EntrySpec e;
-  e.name = name;
-  e.data = std::vector<uint8_t>(text.begin(), text.end());
-  e.deleted = deleted;
-  return e;
-}
-
 std::vector<uint8_t> readBitmap(const std::filesystem::path& image, const VolumeLayout& v) {
   std::vector<uint8_t> out;
   for (const auto& e : v.allocationExtents) {

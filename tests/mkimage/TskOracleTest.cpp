@@ -10,13 +10,6 @@ namespace {
 
 using ambrel::test::TempDir;
 
-EntrySpec textFile(const std::string& name, const std::string& text) {
-  EntrySpec e;
-  e.name = name;
-  e.data = std::vector<uint8_t>(text.begin(), text.end());
-  return e;
-}
-
 EntrySpec sizedFile(const std::string& name, uint64_t size, uint32_t fragments = 1) {
   EntrySpec e;
   e.name = name;
