@@ -25,8 +25,8 @@ struct ProcessFaults {
 
 std::vector<mk::EntrySpec> manyFiles() {
   std::vector<mk::EntrySpec> files;
-  for (int i = 0; i < 300; ++i) files.push_back(generatedFile(fmt::format("file{:03}.txt", i), 700 + i));
-  return {folderOf("Docs", std::move(files)), generatedFile("top.bin", 50000)};
+  for (int i = 0; i < 300; ++i) files.push_back(sizedFile(fmt::format("file{:03}.txt", i), 700 + i));
+  return {folderOf("Docs", std::move(files)), sizedFile("top.bin", 50000)};
 }
 
 // A catalog leaf node's first sector, not the first leaf: the scan reaches it

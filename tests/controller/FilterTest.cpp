@@ -137,10 +137,10 @@ std::vector<std::string> shownNames(AppController& app, const HDIR* folder) {
 
 TEST_F(Journey, AFilterHidesCountsFindsAndSavesOnlyWhatPasses) {
   buildGptDrive(dir / "drive.img", "Filter",
-                {folderOf("Photos", {generatedFile("IMG_1.jpg", 40000), generatedFile("img_2.JPG", 900),
-                                     generatedFile("notes.txt", 50000)}),
-                 folderOf("Docs", {generatedFile("report.pdf", 60000), folderOf("Old", {generatedFile("a.txt", 10)})}),
-                 generatedFile("IMG_3.jpg", 70000)});
+                {folderOf("Photos", {sizedFile("IMG_1.jpg", 40000), sizedFile("img_2.JPG", 900),
+                                     sizedFile("notes.txt", 50000)}),
+                 folderOf("Docs", {sizedFile("report.pdf", 60000), folderOf("Old", {sizedFile("a.txt", 10)})}),
+                 sizedFile("IMG_3.jpg", 70000)});
   start(PlistArray{driveDictFor(dir / "drive.img")});
   scanFirstPartition();
   HDIR* root = app->outlineChild(nullptr, 0);
@@ -194,7 +194,7 @@ TEST_F(Journey, AFilterHidesCountsFindsAndSavesOnlyWhatPasses) {
 
 TEST_F(Journey, MarksWaitForAFilterBeingAppliedAndAnOlderFilterIsDropped) {
   buildGptDrive(dir / "drive.img", "Filter",
-                {generatedFile("a.jpg", 2000), generatedFile("b.txt", 3000), generatedFile("c.jpg", 9000)});
+                {sizedFile("a.jpg", 2000), sizedFile("b.txt", 3000), sizedFile("c.jpg", 9000)});
   start(PlistArray{driveDictFor(dir / "drive.img")});
   scanFirstPartition();
   HDIR* root = app->outlineChild(nullptr, 0);

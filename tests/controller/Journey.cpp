@@ -40,30 +40,6 @@ std::unique_ptr<SleepHold> CountingSleep::inhibit(const std::string&) {
   return std::make_unique<CountedHold>(held);
 }
 
-mk::EntrySpec fileOf(const std::string& name, std::vector<uint8_t> bytes) {
-  mk::EntrySpec e;
-  e.name = name;
-  e.data = std::move(bytes);
-  return e;
-}
-
-mk::EntrySpec generatedFile(const std::string& name, uint64_t size) {
-  mk::EntrySpec e;
-  e.name = name;
-  e.dataSize = size;
-  return e;
-}
-
-mk::EntrySpec folderOf(const std::string& name, std::vector<mk::EntrySpec> children) {
-  mk::EntrySpec e;
-  e.name = name;
-  e.folder = true;
-  e.children = std::move(children);
-  return e;
-}
-
-std::vector<uint8_t> textBytes(const std::string& text) { return std::vector<uint8_t>(text.begin(), text.end()); }
-
 std::vector<uint8_t> makePng(uint32_t width, uint32_t height, uint8_t shade) {
   std::vector<uint8_t> png{0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
   std::vector<uint8_t> ihdr(13, 0);
@@ -105,27 +81,6 @@ PlistDict volumeDictFor(const std::filesystem::path& image, const std::string& n
                    {"Content", "Apple_HFS"},
                    {"Volume Name", name},
                    {"Journaled", journaled ? "Yes" : "No"}};
-}
-
-mk::DriveLayout buildGptDrive(const std::filesystem::path& image, const std::string& volumeName,
-                              std::vector<mk::EntrySpec> entries, bool wipeTable) {
-  mk::DriveSpec drive;
-  drive.table = mk::TableKind::GPT;
-  mk::PartitionSpec part;
-  mk::VolumeSpec vol;
-  vol.name = volumeName;
-  vol.root = std::move(entries);
-  part.volume = std::move(vol);
-  drive.partitions.push_back(std::move(part));
-  drive.wipePartitionTable = wipeTable;
-  return mk::buildImage(drive, image);
-}
-
-std::map<std::string, std::vector<uint8_t>> filesUnder(const std::filesystem::path& root) {
-  std::map<std::string, std::vector<uint8_t>> out;
-  for (const auto& e : std::filesystem::recursive_directory_iterator(root))
-    if (e.is_regular_file()) out[std::filesystem::relative(e.path(), root).string()] = readFile(e.path());
-  return out;
 }
 
 Journey::Journey() {

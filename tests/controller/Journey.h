@@ -13,6 +13,7 @@
 #include "ImageBuilder.h"
 #include "controller/ScriptedUi.h"
 #include "core/AppController.h"
+#include "support/BuiltEntries.h"
 #include "support/TempDir.h"
 
 namespace ambrel::test {
@@ -27,10 +28,6 @@ class CountingSleep : public SleepInhibitor {
   std::atomic<int> held{0};
 };
 
-mk::EntrySpec fileOf(const std::string& name, std::vector<uint8_t> bytes);
-mk::EntrySpec generatedFile(const std::string& name, uint64_t size);
-mk::EntrySpec folderOf(const std::string& name, std::vector<mk::EntrySpec> children);
-std::vector<uint8_t> textBytes(const std::string& text);
 // A small valid PNG (zlib-compressed rows, CRCs).
 std::vector<uint8_t> makePng(uint32_t width, uint32_t height, uint8_t shade);
 
@@ -67,12 +64,5 @@ class Journey : public ::testing::Test {
   std::unique_ptr<AppController> app;
   std::function<void(Volume&, AppControllerInterface*)> searchDeletedFiles;
 };
-
-// A GPT drive holding one HFS+ partition with these entries.
-mk::DriveLayout buildGptDrive(const std::filesystem::path& image, const std::string& volumeName,
-                              std::vector<mk::EntrySpec> entries, bool wipeTable = false);
-
-// Files under `root`, relative path -> bytes.
-std::map<std::string, std::vector<uint8_t>> filesUnder(const std::filesystem::path& root);
 
 }  // namespace ambrel::test

@@ -23,10 +23,10 @@ constexpr const char* kBackFromTreeMessage =
 // What a volume with these contents should give back when saved whole.
 std::vector<mk::EntrySpec> sampleEntries() {
   return {fileOf("readme.txt", textBytes("Recovered by the controller journey.\n")),
-          folderOf("Photos", {generatedFile("beach.jpg", 300000), generatedFile("tiny.jpg", 1),
-                              folderOf("2023", {generatedFile("party.png", 8193)})}),
+          folderOf("Photos", {sizedFile("beach.jpg", 300000), sizedFile("tiny.jpg", 1),
+                              folderOf("2023", {sizedFile("party.png", 8193)})}),
           folderOf("Documents", {fileOf("report.doc", textBytes("quarterly report")),
-                                 fileOf("notes.txt", textBytes("doc notes")), generatedFile("empty.dat", 0)})};
+                                 fileOf("notes.txt", textBytes("doc notes")), sizedFile("empty.dat", 0)})};
 }
 
 // The bytes each file of the layout holds, keyed "Root/relative/path" (the
@@ -244,7 +244,7 @@ TEST_F(Journey, RefusalsOfTheWizard) {
 
 TEST_F(Journey, MarkingAndQuittingDuringASaveAreRefused) {
   buildGptDrive(dir / "drive.img", "Busy",
-                {generatedFile("big.bin", 48u << 20), folderOf("Other", {generatedFile("small.txt", 100)})});
+                {sizedFile("big.bin", 48u << 20), folderOf("Other", {sizedFile("small.txt", 100)})});
   start(PlistArray{driveDictFor(dir / "drive.img")});
   scanFirstPartition();
   app->outlineViewSetObjectValue(entry("big.bin"), true);
@@ -301,11 +301,11 @@ TEST_F(Journey, AFullDestinationIsRefusedBeforeAnythingIsWritten) {
   constexpr uint64_t kPiece = 3ull << 30;
   std::vector<mk::EntrySpec> pieces;
   for (uint64_t total = 0; total <= freeBytes; total += kPiece) {
-    mk::EntrySpec piece = generatedFile(fmt::format("piece{}.bin", pieces.size()), kPiece);
+    mk::EntrySpec piece = sizedFile(fmt::format("piece{}.bin", pieces.size()), kPiece);
     piece.sparse = true;
     pieces.push_back(std::move(piece));
   }
-  buildGptDrive(dir / "drive.img", "Full", {folderOf("huge", pieces), generatedFile("fits.txt", 10)});
+  buildGptDrive(dir / "drive.img", "Full", {folderOf("huge", pieces), sizedFile("fits.txt", 10)});
   start(PlistArray{driveDictFor(dir / "drive.img")});
   scanFirstPartition();
   app->outlineViewSetObjectValue(app->outlineChild(nullptr, 0), true);

@@ -21,7 +21,7 @@ constexpr const char* kDriveNotConnected =
 
 std::vector<mk::EntrySpec> entries() {
   return {fileOf("letter.txt", textBytes("Dear drive,\nplease give my files back.\n")),
-          folderOf("Music", {generatedFile("song.mp3", 123457), generatedFile("cover.jpg", 4096)})};
+          folderOf("Music", {sizedFile("song.mp3", 123457), sizedFile("cover.jpg", 4096)})};
 }
 
 }  // namespace

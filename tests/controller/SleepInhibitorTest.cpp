@@ -17,6 +17,7 @@
 
 #include "ImageBuilder.h"
 #include "core/SleepInhibitor.h"
+#include "support/BuiltEntries.h"
 #include "support/TempDir.h"
 
 using namespace ambrel;
@@ -163,16 +164,10 @@ TEST(LogindSleep, TheCommandLineKeepsTheMachineAwakeWhileItScans) {
   if (!bus.running()) GTEST_SKIP() << "no dbus-daemon here";
   FakeLogind logind(bus.address());
   ASSERT_TRUE(logind.ok());
-  mkimage::DriveSpec spec;
-  spec.table = mkimage::TableKind::None;
   mkimage::VolumeSpec v;
   v.name = "Awake";
-  mkimage::EntrySpec file;
-  file.name = "a.txt";
-  file.data = {'a', 'b', 'c'};
-  v.root = {file};
-  spec.volume = v;
-  mkimage::buildImage(spec, (dir / "vol.img").string());
+  v.root = {fileOf("a.txt", {'a', 'b', 'c'})};
+  mkimage::buildImage(bareDriveOf(v), (dir / "vol.img").string());
   std::string out;
   ASSERT_EQ(runCommand("'" + std::string(cli) + "' tree '" + (dir / "vol.img").string() + "' 2>&1", &out), 0) << out;
   EXPECT_NE(out.find("a.txt"), std::string::npos) << out;

@@ -188,7 +188,7 @@ TEST_F(Journey, StopEndsTheSignatureSearchAndTheSave) {
   mk::PartitionSpec part;
   mk::VolumeSpec vol;
   vol.name = "Stop";
-  vol.root = {generatedFile("large.bin", 40u << 20)};
+  vol.root = {sizedFile("large.bin", 40u << 20)};
   for (int i = 0; i < 3; ++i) {
     mk::PayloadSpec p;
     p.bytes = makePng(30 + i, 30, static_cast<uint8_t>(i));
@@ -219,13 +219,7 @@ TEST_F(Journey, StopEndsTheSignatureSearchAndTheSave) {
   app->treeBackToPartitionsClicked();
 
   // A save stopped at once: "Saving Aborted", the file not written whole.
-  app->driveTableSelectionDidChange(0);
-  app->firstPageNextClicked();
-  app->ptModePTListClicked();
-  app->partitionTableSelectionDidChange(0);
-  app->ptListNextClicked(false);
-  app->treeScanModeStandardScanClicked();
-  ASSERT_TRUE(runUntil([this] { return page() == Page::Tree; }));
+  scanFirstPartition();
   app->outlineViewSetObjectValue(app->outlineChild(nullptr, 0), true);
   fs::create_directories(dir / "out");
   ui.folderPanels.push_back((dir / "out").string());
@@ -266,7 +260,7 @@ TEST_F(Journey, PreviewLoadsByKindCapsAMovieAndASecondRequestReplacesTheFirst) {
   std::vector<uint8_t> control(5000);
   for (size_t i = 0; i < control.size(); ++i) control[i] = static_cast<uint8_t>(i % 32);
   buildGptDrive(dir / "drive.img", "Look",
-                {generatedFile("movie.mov", 20000000), fileOf("pic.png", picture), fileOf("raw.bin", control),
+                {sizedFile("movie.mov", 20000000), fileOf("pic.png", picture), fileOf("raw.bin", control),
                  fileOf("hello.txt", textBytes("Hello\tthere\n"))});
   start(PlistArray{driveDictFor(dir / "drive.img")});
   scanFirstPartition();

@@ -39,15 +39,9 @@ mk::DriveSpec loopingDrive() {
   v.name = "Loops";
   v.journal = true;
   v.nodeSize = 1024;
-  mk::EntrySpec frag;
-  frag.name = "frag.bin";
-  frag.dataSize = 24 * 4096;
-  frag.dataFragments = 20;
-  mk::EntrySpec gone;
-  gone.name = "gone.txt";
-  gone.dataSize = 5000;
+  mk::EntrySpec gone = sizedFile("gone.txt", 5000);
   gone.deleted = true;
-  v.root = {frag, gone};
+  v.root = {sizedFile("frag.bin", 24 * 4096, 20), gone};
   mk::PayloadSpec room;
   room.size = 65536 + 4096;
   v.freePayloads = {room};

@@ -28,11 +28,8 @@ std::vector<mk::EntrySpec> hostileEntries(uint64_t sizeBase) {
   std::vector<mk::EntrySpec> out;
   const std::vector<std::string> names = {"..", "/", std::string("a\0b", 3), longName(), "A", "a", "._x", "x"};
   for (size_t i = 0; i < names.size(); ++i) {
-    mk::EntrySpec e;
-    e.name = names[i];
-    e.dataSize = sizeBase + 100 * i;
-    if (names[i] == "x") e.rsrcSize = sizeBase + 2000;
-    out.push_back(e);
+    out.push_back(sizedFile(names[i], sizeBase + 100 * i));
+    if (names[i] == "x") out.back().rsrcSize = sizeBase + 2000;
   }
   return out;
 }
@@ -42,11 +39,8 @@ mk::DriveSpec namesDrive() {
   v.name = "Names";
   v.hfsx = true;  // "A" and "a" are two names here
   v.journal = true;
-  mk::EntrySpec trash;
-  trash.name = "trash";
-  trash.folder = true;
+  mk::EntrySpec trash = folderOf("trash", hostileEntries(5000));
   trash.deleted = true;
-  trash.children = hostileEntries(5000);
   v.root = hostileEntries(1000);
   v.root.push_back(trash);
   return bareDrive(v);

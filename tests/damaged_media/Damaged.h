@@ -14,6 +14,7 @@
 
 #include "ImageBuilder.h"
 #include "hfs/Volume.h"
+#include "support/BuiltEntries.h"
 #include "support/RecordingController.h"
 #include "support/TempDir.h"
 

@@ -15,7 +15,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::set<std::string> filesUnder(const fs::path& root) {
+std::set<std::string> namesUnder(const fs::path& root) {
   std::set<std::string> out;
   std::error_code ec;
   for (auto it = fs::recursive_directory_iterator(root, ec); !ec && it != fs::recursive_directory_iterator();
@@ -77,16 +77,9 @@ TEST(ScanInfoDestination, FullIsToldAndLeavesNoFileBehind) {
 mk::DriveSpec eightFiles() {
   mk::VolumeSpec v;
   v.name = "Eight";
-  mk::EntrySpec docs;
-  docs.name = "Docs";
-  docs.folder = true;
-  for (int i = 0; i < 8; ++i) {
-    mk::EntrySpec f;
-    f.name = "f" + std::to_string(i);
-    f.dataSize = 64 * 1024;
-    docs.children.push_back(f);
-  }
-  v.root = {docs};
+  std::vector<mk::EntrySpec> files;
+  for (int i = 0; i < 8; ++i) files.push_back(sizedFile("f" + std::to_string(i), 64 * 1024));
+  v.root = {folderOf("Docs", std::move(files))};
   return bareDrive(v);
 }
 
@@ -205,7 +198,7 @@ TEST(SaveDestination, NotPermittedIsToldForTheSaveAndTheScanInfoFile) {
                       &out);
   EXPECT_EQ(status, 2) << out;
   EXPECT_NE(out.find("Permission denied"), std::string::npos) << out;
-  EXPECT_TRUE(filesUnder(d.mnt).empty());
+  EXPECT_TRUE(namesUnder(d.mnt).empty());
 }
 
 }  // namespace

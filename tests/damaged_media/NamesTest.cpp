@@ -64,12 +64,7 @@ TEST(ControlCharactersInNames, AreEscapedInTsvAndJson) {
   if (cliPath().empty()) GTEST_SKIP() << "AMBREL_CLI not set";
   mk::VolumeSpec v;
   v.name = "Names";
-  mk::EntrySpec a;
-  a.name = std::string("bell\x07 and nul\0 end", 18);
-  a.dataSize = 10;
-  mk::EntrySpec b;
-  b.name = "esc\x1b[31mred";
-  b.dataSize = 10;
+  const mk::EntrySpec a = sizedFile(std::string("bell\x07 and nul\0 end", 18), 10), b = sizedFile("esc\x1b[31mred", 10);
   v.root = {a, b};
   BuiltDrive d(bareDrive(v));
 

@@ -68,44 +68,31 @@ TEST(GptEntryCount, ArrayRunningPastTheDrivesEndIsReadUpToIt) {
   }
 }
 
-// The protective MBR is one sector: when it cannot be read, the GPT header
-// behind it still lists the volume; a readable sector 0 without a boot
-// signature still means no GPT.
-TEST(UnreadableSectorZero, GptIsStillReadFromItsHeader) {
+// The protective MBR and the GPT header are one sector each: when the first
+// cannot be read, the header behind it still lists the volume; when the
+// header cannot, the backup header at the drive's end does. A readable
+// sector 0 without a boot signature still means no GPT.
+TEST(UnreadableGptSector, TheOtherCopiesStillListTheVolume) {
   BuiltDrive d(gptWithOneVolume());
-  RecordingController controller;
-  controller.drives.push_back(driveDictFor(d.path));
-  DMedia media(*controller.drives[0].dict(), &controller);
-  auto faults = std::make_shared<SectorFaults>();
-  faults->add(SectorFaults::Kind::IOError, 0);
-  media.setSectorFaults(faults);
-  EXPECT_EQ(media.partitionTableKind(), PartitionTableKind::GPT);
-  PlistArray list;
-  media.initialize(list);
-  ASSERT_EQ(list.size(), 1u);
-  EXPECT_EQ(list[0].dict()->u64("Volume Start"), d.layout.partitions[0].startSector);
-  EXPECT_EQ(media.readErrors.listed(), std::vector<uint64_t>{0});
-  EXPECT_TRUE(controller.alerts.empty());
-
+  for (const uint64_t bad : {uint64_t{0}, uint64_t{1}}) {
+    SCOPED_TRACE(bad);
+    RecordingController controller;
+    controller.drives.push_back(driveDictFor(d.path));
+    DMedia media(*controller.drives[0].dict(), &controller);
+    auto faults = std::make_shared<SectorFaults>();
+    faults->add(SectorFaults::Kind::IOError, bad);
+    media.setSectorFaults(faults);
+    EXPECT_EQ(media.partitionTableKind(), PartitionTableKind::GPT);
+    PlistArray list;
+    media.initialize(list);
+    ASSERT_EQ(list.size(), 1u);
+    EXPECT_EQ(list[0].dict()->u64("Volume Start"), d.layout.partitions[0].startSector);
+    EXPECT_EQ(list[0].dict()->string("Volume Name"), "Damaged");
+    EXPECT_EQ(media.readErrors.listed(), std::vector<uint64_t>{bad});
+    EXPECT_TRUE(controller.alerts.empty());
+  }
   d.patch(0, std::vector<uint8_t>(512, 0));
   EXPECT_TRUE(partitionsOf(d.path).empty());
-}
-
-TEST(UnreadableGptHeader, TheBackupHeaderListsTheVolume) {
-  BuiltDrive d(gptWithOneVolume());
-  RecordingController controller;
-  controller.drives.push_back(driveDictFor(d.path));
-  DMedia media(*controller.drives[0].dict(), &controller);
-  auto faults = std::make_shared<SectorFaults>();
-  faults->add(SectorFaults::Kind::IOError, 1);
-  media.setSectorFaults(faults);
-  EXPECT_EQ(media.partitionTableKind(), PartitionTableKind::GPT);
-  PlistArray list;
-  media.initialize(list);
-  ASSERT_EQ(list.size(), 1u);
-  EXPECT_EQ(list[0].dict()->u64("Volume Start"), d.layout.partitions[0].startSector);
-  EXPECT_EQ(list[0].dict()->string("Volume Name"), "Damaged");
-  EXPECT_EQ(media.readErrors.listed(), std::vector<uint64_t>{1});
 }
 
 }  // namespace

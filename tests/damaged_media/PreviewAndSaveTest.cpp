@@ -19,16 +19,9 @@ constexpr int kExitDriveGone = 4;
 mk::VolumeSpec twentyFiles() {
   mk::VolumeSpec v;
   v.name = "Worn";
-  mk::EntrySpec docs;
-  docs.name = "Docs";
-  docs.folder = true;
-  for (int i = 0; i < 20; ++i) {
-    mk::EntrySpec f;
-    f.name = fmt::format("f{:02}.bin", i);
-    f.dataSize = 40000 + 100 * i;
-    docs.children.push_back(f);
-  }
-  v.root = {docs};
+  std::vector<mk::EntrySpec> files;
+  for (int i = 0; i < 20; ++i) files.push_back(sizedFile(fmt::format("f{:02}.bin", i), 40000 + 100 * i));
+  v.root = {folderOf("Docs", std::move(files))};
   return v;
 }
 

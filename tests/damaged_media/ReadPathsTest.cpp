@@ -35,20 +35,11 @@ struct Worn {
           mk::VolumeSpec v;
           v.name = "Worn";
           v.journal = true;
-          mk::EntrySpec docs;
-          docs.name = "Docs";
-          docs.folder = true;
-          for (int i = 0; i < 120; ++i) {
-            mk::EntrySpec f;
-            f.name = fmt::format("file{:03}.txt", i);
-            f.dataSize = 3000 + i;
-            docs.children.push_back(f);
-          }
-          mk::EntrySpec gone;
-          gone.name = "gone.txt";
-          gone.dataSize = 9000;
+          std::vector<mk::EntrySpec> files;
+          for (int i = 0; i < 120; ++i) files.push_back(sizedFile(fmt::format("file{:03}.txt", i), 3000 + i));
+          mk::EntrySpec gone = sizedFile("gone.txt", 9000);
           gone.deleted = true;
-          v.root = {docs, gone};
+          v.root = {folderOf("Docs", std::move(files)), gone};
           mk::PayloadSpec picture;
           picture.bytes = jpegBytes();
           v.freePayloads.push_back(picture);
@@ -138,7 +129,9 @@ TEST_F(EveryReadPath, TellsWhatABadSectorAShortDriveAndALostDriveCost) {
       const bool told = r.err.find("could not be read") != std::string::npos ||
                         r.err.find("could not read") != std::string::npos;
       EXPECT_TRUE(told) << r.err;
-      if (std::string(kind) == "eio") EXPECT_EQ(r.status, kExitReadErrors) << r.err;
+      if (std::string(kind) == "eio") {
+        EXPECT_EQ(r.status, kExitReadErrors) << r.err;
+      }
     }
   }
   // Whatever failed, the drive itself was never written.

@@ -23,16 +23,9 @@ struct ScannedDrive {
       : drive([] {
           mk::VolumeSpec v;
           v.name = "Kept";
-          mk::EntrySpec docs;
-          docs.name = "Docs";
-          docs.folder = true;
-          for (const char* name : kFiles) {
-            mk::EntrySpec f;
-            f.name = name;
-            f.dataSize = 40000;
-            docs.children.push_back(f);
-          }
-          v.root = {docs};
+          std::vector<mk::EntrySpec> files;
+          for (const char* name : kFiles) files.push_back(sizedFile(name, 40000));
+          v.root = {folderOf("Docs", std::move(files))};
           mk::DriveSpec d;
           mk::PartitionSpec p;
           p.volume = v;

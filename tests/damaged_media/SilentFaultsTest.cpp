@@ -57,17 +57,6 @@ TEST(BadSectorInTheSearch, FindVolumesSaysSoAndExitsWithItsOwnStatus) {
   EXPECT_EQ(r.status, kExitReadErrors);
 }
 
-TEST(DriveGone, MidSearchIsReportedByTheCommandLine) {
-  if (cliPath().empty()) GTEST_SKIP() << "AMBREL_CLI not set";
-  WithLeaves d;
-  for (const char* command : {"find-volumes --quick ", "find-volumes ", "tree ", "tree --advanced "}) {
-    const CliRun r = runCli(command + shellQuoted(d.drive.path), "vanish:" + std::to_string(d.leaf(2).sector));
-    EXPECT_NE(r.err.find("The Drive or Volume being read is no longer available."), std::string::npos)
-        << command << r.err;
-    EXPECT_EQ(r.status, kExitDriveGone) << command << r.err;
-  }
-}
-
 // A drive whose reads fail with EIO is still there while its device node is;
 // once the node is gone too, it has disappeared, whatever lists still say.
 TEST(DriveGone, ToldByTheDeviceNodeWhenReadsFailWithEio) {

@@ -32,8 +32,9 @@ TEST(HugeCatalogExtent, IsCutToTheVolumeAndTheScansEnd) {
     EXPECT_GT(counts.size(), 300u);
     // (The advanced scan lists live entries found by the node search a
     // second time, damaged or not; that is another matter.)
-    if (std::string(mode) == "Normal Scan")
+    if (std::string(mode) == "Normal Scan") {
       for (const auto& [id, n] : counts) EXPECT_EQ(n, 1) << "catalog node ID " << id;
+    }
   }
 }
 

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "drives/Machine.h"
 #include "media/DeviceAccess.h"
 #include "support/TempDir.h"
 
@@ -14,11 +15,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace test;
-
-std::string cli() {
-  const char* p = std::getenv("AMBREL_CLI");
-  return p ? p : "ambrel-cli";
-}
 
 // A block device node (loop0's numbers) owned by root:disk, mode 0660, in a
 // folder anyone may enter; empty when this machine does not allow it.

@@ -26,17 +26,6 @@ namespace {
 using namespace test;
 using namespace std::chrono_literals;
 
-std::string cli() {
-  const char* p = std::getenv("AMBREL_CLI");
-  return p ? p : "ambrel-cli";
-}
-
-std::string envFor(const FakeTree& tree) {
-  const DiscoveryRoots r = tree.roots();
-  return "AMBREL_SYSFS_ROOT='" + r.sysfs + "' AMBREL_DEV_ROOT='" + r.dev + "' AMBREL_MOUNTINFO='" + r.mountinfo +
-         "' AMBREL_UDEV_DATA='" + r.udevData + "' ";
-}
-
 std::string readText(const fs::path& p) {
   std::ifstream in(p, std::ios::binary);
   std::ostringstream s;

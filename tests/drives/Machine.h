@@ -5,6 +5,7 @@
 // a disk image on a loop device, an unbound loop device, a memory disk,
 // partitions of every type, and mounted HFS+ volumes, one with spaces in
 // its mount point.
+#include <cstdlib>
 #include <string>
 
 #include "drives/FakeTree.h"
@@ -28,6 +29,17 @@ inline constexpr const char* kFireWireNode = "pci0000:00/0000:00:1c.0/0000:05:00
 inline constexpr const char* kFireWirePath = "pci0000:00/0000:00:1c.0/0000:05:00.0/fw1/fw1.0/host7/target7:0:0/7:0:0:0";
 inline constexpr const char* kNvmeController = "pci0000:00/0000:00:1d.0/0000:3d:00.0/nvme/nvme0";
 inline constexpr const char* kMmcCard = "platform/soc/mmc_host/mmc0/mmc0:aaaa";
+
+// The command line under test, and the environment that points it at a fake machine.
+inline std::string cli() {
+  const char* p = std::getenv("AMBREL_CLI");
+  return p ? p : "ambrel-cli";
+}
+inline std::string envFor(const FakeTree& tree) {
+  const DiscoveryRoots r = tree.roots();
+  return "AMBREL_SYSFS_ROOT='" + r.sysfs + "' AMBREL_DEV_ROOT='" + r.dev + "' AMBREL_MOUNTINFO='" + r.mountinfo +
+         "' AMBREL_UDEV_DATA='" + r.udevData + "' ";
+}
 
 // Builds the machine; mount points and node contents as described above.
 void buildMachine(FakeTree& tree);

@@ -10,6 +10,7 @@
 #include <fstream>
 
 #include "ImageBuilder.h"
+#include "support/BuiltEntries.h"
 #include "drives/Machine.h"
 #include "media/DriveFinder.h"
 #include "scaninfo/ScanInfoDrive.h"
@@ -21,17 +22,6 @@ namespace {
 
 namespace mk = ambrel::mkimage;
 using namespace test;
-
-std::string cli() {
-  const char* p = std::getenv("AMBREL_CLI");
-  return p ? p : "ambrel-cli";
-}
-
-std::string envFor(const FakeTree& tree) {
-  const DiscoveryRoots r = tree.roots();
-  return "AMBREL_SYSFS_ROOT='" + r.sysfs + "' AMBREL_DEV_ROOT='" + r.dev + "' AMBREL_MOUNTINFO='" + r.mountinfo +
-         "' AMBREL_UDEV_DATA='" + r.udevData + "' ";
-}
 
 int run(const std::string& command, std::string& out) {
   out.clear();
@@ -47,15 +37,10 @@ struct Image {
 };
 
 Image buildImage(const fs::path& path) {
-  mk::DriveSpec drive;
-  drive.table = mk::TableKind::None;
-  drive.volume = mk::VolumeSpec{};
-  drive.volume->name = "Kept";
-  mk::EntrySpec file;
-  file.name = "notes.txt";
-  file.dataSize = 20000;
-  drive.volume->root = {file};
-  const auto layout = mk::buildImage(drive, path);
+  mk::VolumeSpec v;
+  v.name = "Kept";
+  v.root = {sizedFile("notes.txt", 20000)};
+  const auto layout = mk::buildImage(bareDriveOf(v), path);
   return {path.string(), mk::generatedBytes(layout.volume->find("notes.txt")->dataSeed, 20000)};
 }
 
@@ -87,20 +72,6 @@ TEST(FindDriveAgain, RelativeDrivePathIsRecordedAbsolute) {
   EXPECT_EQ(readFile(dir / "out/Root/notes.txt"), image.fileBytes);
 }
 
-TEST(FindDriveAgain, BlockDeviceIsRecordedWithTheModelAndSerialOfTheDriveList) {
-  TempDir dir;
-  FakeTree tree(dir / "machine");
-  const Image image = buildImage(dir / "disk.img");
-  addDiskWithImage(tree, "sdg", 96, image.path);
-  std::string out;
-  ASSERT_EQ(run(envFor(tree) + cli() + " tree '" + tree.devPath("sdg") + "' --save-scan-info '" +
-                    (dir / "s.asi").string() + "' >/dev/null", out), 0) << out;
-  const auto volume = scanInfoJson((dir / "s.asi").string())["volume"];
-  EXPECT_EQ(volume["model"], "WDC_WD10EZEX");
-  EXPECT_EQ(volume["serial"], "WD-WCC6Y0123456");
-  EXPECT_EQ(volume["revision"], "01.01A01");
-}
-
 TEST(FindDriveAgain, BlockDeviceOnARealLoopDeviceIsNotRecordedAsBlockDevice) {
   if (::geteuid() != 0 || !haveTool("losetup")) GTEST_SKIP() << "making loop devices needs root and losetup";
   TempDir dir;
@@ -120,6 +91,8 @@ TEST(FindDriveAgain, BlockDeviceOnARealLoopDeviceIsNotRecordedAsBlockDevice) {
   EXPECT_EQ(volume["serial"], "-");
 }
 
+// A block device is recorded with the model and serial of the drive list,
+// and found by them under a new device name.
 TEST(FindDriveAgain, DriveUnderANewDeviceNameIsFoundByItsIdentity) {
   TempDir dir;
   FakeTree tree(dir / "machine");
@@ -129,6 +102,10 @@ TEST(FindDriveAgain, DriveUnderANewDeviceNameIsFoundByItsIdentity) {
   std::string out;
   ASSERT_EQ(run(envFor(tree) + cli() + " tree '" + tree.devPath("sdg") + "' --save-scan-info '" + asi + "' >/dev/null", out), 0)
       << out;
+  const auto volume = scanInfoJson(asi)["volume"];
+  EXPECT_EQ(volume["model"], "WDC_WD10EZEX");
+  EXPECT_EQ(volume["serial"], "WD-WCC6Y0123456");
+  EXPECT_EQ(volume["revision"], "01.01A01");
   // Plugged in again, it is sdh now.
   tree.remove("sdg");
   addDiskWithImage(tree, "sdh", 112, image.path);

@@ -62,12 +62,6 @@ DriveWatcher::Timing fastRescan() {
 
 constexpr const char* kStickPath = "pci0000:00/0000:00:14.0/usb3/3-1/3-1:1.0/host9/target9:0:0/9:0:0:0";
 
-TEST(DriveWatcher, DelaysAreFiveSecondsForADriveAndSevenForAMount) {
-  const DriveWatcher::Timing t;
-  EXPECT_EQ(t.arrivalDelay, 5000ms);
-  EXPECT_EQ(t.mountDelay, 7000ms);
-}
-
 TEST(DriveWatcher, StickPluggedIntoAFakeTreeGivesOneRefreshAfterTheArrivalDelay) {
   TempDir dir;
   FakeTree tree(dir.path());

@@ -6,6 +6,7 @@
 
 #include "ImageBuilder.h"
 #include "hfs/Volume.h"
+#include "support/BuiltEntries.h"
 #include "support/RecordingController.h"
 #include "support/TempDir.h"
 
@@ -18,14 +19,6 @@ PlistDict partition(const std::string& image, uint64_t start, uint64_t sectors) 
   return PlistDict{{"Volume Start", start}, {"Volume Size In Sectors", sectors}, {"Volume Name", "V"},
                    {"Volume Scan Type", 0}, {"Path", image},                     {"Model", ""},
                    {"Serial", ""},          {"Revision", ""}};
-}
-
-mk::EntrySpec file(const std::string& name, uint64_t size, uint32_t fragments = 1) {
-  mk::EntrySpec e;
-  e.name = name;
-  e.dataSize = size;
-  e.dataFragments = fragments;
-  return e;
 }
 
 std::vector<Extent> extentsOf(const std::vector<mk::ExtentLayout>& layout) {
@@ -62,7 +55,7 @@ TEST(BuilderVolume, HeadersFoundWrappedAndFromTheAlternate) {
       spec.wrapper = wrapper;
       spec.blockSize = 2048;
       spec.damage.primaryHeader = header;
-      spec.root = {file("a", 5000)};
+      spec.root = {test::sizedFile("a", 5000)};
       Fixture f(spec);
       ASSERT_TRUE(f.volume->initializeVIB());
       EXPECT_EQ(f.volume->HPlusVolStart, f.layout.HPlusVolStart);
@@ -82,10 +75,10 @@ TEST(BuilderVolume, OverflowExtentsOfForksAndOfTheCatalog) {
   mk::VolumeSpec spec;
   spec.nodeSize = 4096;
   spec.catalogExtents = 11;
-  mk::EntrySpec both = file("both forks", 30 * 4096, 13);
+  mk::EntrySpec both = test::sizedFile("both forks", 30 * 4096, 13);
   both.rsrcSize = 20 * 4096;
   both.rsrcFragments = 10;
-  spec.root = {file("twelve", 12 * 4096 + 1, 12), both, file("eight", 8 * 4096, 8)};
+  spec.root = {test::sizedFile("twelve", 12 * 4096 + 1, 12), both, test::sizedFile("eight", 8 * 4096, 8)};
   Fixture f(spec);
   ASSERT_TRUE(f.volume->initializeVIB());
   ASSERT_TRUE(f.volume->checkCatalogAndExtentsFile());
@@ -161,7 +154,7 @@ TEST(BuilderVolume, BitmapQueriesAgreeWithTheBlocksInUse) {
 TEST(BuilderVolume, JournalLocation) {
   mk::VolumeSpec spec;
   spec.journal = true;
-  spec.root = {file("a", 100)};
+  spec.root = {test::sizedFile("a", 100)};
   Fixture f(spec);
   ASSERT_TRUE(f.volume->initializeVIB());
   EXPECT_EQ(+f.volume->vib.journalInfoBlock, f.layout.journalInfoBlock);

@@ -1,9 +1,10 @@
-// Drives from the project's image builder: each table kind with the naming
-// cases users meet, and searches of drives whose table was wiped.
+// Drives from the project's image builder: MBR chains with each extended
+// type, and a search of a wiped drive whose volumes are damaged.
 #include <gtest/gtest.h>
 
 #include "DriveFile.h"
 #include "ImageBuilder.h"
+#include "support/BuiltEntries.h"
 
 namespace ambrel::test {
 namespace {
@@ -20,12 +21,7 @@ mk::PartitionSpec hfsPartition(const std::string& volumeName, bool logical = fal
   v.seed = std::hash<std::string>{}(volumeName);
   v.created = mk::hfsDateFromUnix(1700000000 + static_cast<int64_t>(v.seed % 100000));
   // The search wants at least one file and one folder besides the root.
-  mk::EntrySpec file, folder;
-  file.name = "note.txt";
-  file.dataSize = 3000;
-  folder.name = "Documents";
-  folder.folder = true;
-  v.root = {file, folder};
+  v.root = {sizedFile("note.txt", 3000), folderOf("Documents", {})};
   p.volume = v;
   return p;
 }
@@ -71,66 +67,6 @@ TEST(BuiltDrives, MbrLogicalsAreNumberedAfterPrimariesAndNamedFromCatalogs) {
       EXPECT_EQ(volumes[i].dict()->u64("Volume Size In Sectors"), hfs[i]->sizeSectors);
       EXPECT_EQ(volumes[i].dict()->string("Volume Name"), hfs[i]->volume->name);
     }
-  }
-}
-
-TEST(BuiltDrives, GptWithHfsPlusAndHfsxTakesCatalogNames) {
-  mk::DriveSpec spec;
-  spec.table = mk::TableKind::GPT;
-  auto hfsx = hfsPartition("Case Sensitive", false, "table name");
-  hfsx.kind = mk::PartitionSpec::Kind::HFSX;
-  hfsx.volume->hfsx = true;
-  spec.partitions = {hfsPartition("Macintosh HD", false, "disk image"), otherPartition(), hfsx};
-  auto b = build(spec);
-  auto volumes = b->drive->partitions();
-  ASSERT_EQ(volumes.size(), 2u);
-  EXPECT_EQ(volumes[0].dict()->string("Volume Name"), "Macintosh HD");
-  EXPECT_EQ(volumes[1].dict()->string("Volume Name"), "Case Sensitive");
-  EXPECT_EQ(volumes[1].dict()->u64("Volume Start"), b->layout.partitions[2].startSector);
-}
-
-TEST(BuiltDrives, ApmWrapperAndLongerTypeNames) {
-  mk::DriveSpec spec;
-  spec.table = mk::TableKind::APM;
-  auto wrapped = hfsPartition("Inside The Wrapper", false, "Wrapped");
-  wrapped.volume->wrapper = true;
-  auto notHfs = hfsPartition("Never Listed", false, "Longer Type");
-  notHfs.apmType = "Apple_HFS_Custom";
-  spec.partitions = {wrapped, notHfs, hfsPartition("Plain", false, "plain map name")};
-  auto b = build(spec);
-  auto volumes = b->drive->partitions();
-  ASSERT_EQ(volumes.size(), 2u);
-  EXPECT_EQ(volumes[0].dict()->string("Volume Name"), "Inside The Wrapper");
-  EXPECT_EQ(volumes[0].dict()->u64("Volume Start"), b->layout.partitions[0].startSector);
-  EXPECT_EQ(volumes[1].dict()->string("Volume Name"), "Plain");
-}
-
-TEST(BuiltDrives, WipedTablesSearchedWithOneTwoAndThreeVolumes) {
-  for (size_t count = 1; count <= 3; ++count) {
-    mk::DriveSpec spec;
-    spec.table = mk::TableKind::GPT;
-    spec.wipePartitionTable = true;
-    const char* names[] = {"North", "South", "East"};
-    for (size_t i = 0; i < count; ++i) spec.partitions.push_back(hfsPartition(names[i]));
-    auto b = build(spec);
-    EXPECT_TRUE(b->drive->partitions().empty());
-    PlistArray volumes, rows;
-    b->drive->media->initializeForVolumeThoroughScan({&b->drive->controller, &volumes, &rows});
-    for (size_t i = 0; i < count; ++i) {
-      const auto& vl = *b->layout.partitions[i].volume;
-      bool found = false;
-      for (const auto& v : volumes) {
-        const PlistDict& d = *v.dict();
-        if (d.u64("Volume Start") != vl.HPlusVolStart || d.string("Volume Name") != vl.name) continue;
-        found = true;
-        EXPECT_EQ(d.u64("Volume Size In Sectors"), uint64_t{vl.totalBlocks} * (vl.blockSize / 512));
-        EXPECT_EQ(d.string("Volume Validity"), "100");
-      }
-      EXPECT_TRUE(found) << names[i] << " among " << count;
-    }
-    size_t valid = 0;
-    for (const auto& r : rows) valid += r.dict()->string("Validity Column") == "Valid";
-    EXPECT_EQ(valid, count);
   }
 }
 

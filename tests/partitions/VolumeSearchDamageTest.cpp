@@ -10,6 +10,7 @@
 
 #include "DriveFile.h"
 #include "ImageBuilder.h"
+#include "support/BuiltEntries.h"
 
 namespace ambrel::test {
 namespace {
@@ -62,11 +63,8 @@ mk::DriveLayout buildJournaledDrive(const std::string& image) {
   v.name = "Journaled";
   v.journal = true;
   v.generate = mk::GenerateSpec{200, 12, 3, 1, 8000, false};
-  mk::EntrySpec gone;
-  gone.name = "gone.txt";
-  gone.dataSize = 3000;
-  gone.deleted = true;
-  v.root.push_back(gone);
+  v.root.push_back(sizedFile("gone.txt", 3000));
+  v.root.back().deleted = true;
   p.volume = v;
   d.partitions.push_back(p);
   d.sizeBytes = 64 << 20;

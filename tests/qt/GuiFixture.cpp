@@ -12,41 +12,6 @@
 
 namespace ambrel::test {
 
-mk::EntrySpec textFile(const std::string& name, const std::string& text) {
-  mk::EntrySpec e;
-  e.name = name;
-  e.data = std::vector<uint8_t>(text.begin(), text.end());
-  return e;
-}
-
-mk::EntrySpec folder(const std::string& name, std::vector<mk::EntrySpec> children) {
-  mk::EntrySpec e;
-  e.name = name;
-  e.folder = true;
-  e.children = std::move(children);
-  return e;
-}
-
-void buildGptDrive(const std::filesystem::path& image, const std::string& volumeName,
-                   std::vector<mk::EntrySpec> entries) {
-  mk::DriveSpec drive;
-  drive.table = mk::TableKind::GPT;
-  mk::PartitionSpec part;
-  mk::VolumeSpec vol;
-  vol.name = volumeName;
-  vol.root = std::move(entries);
-  part.volume = std::move(vol);
-  drive.partitions.push_back(std::move(part));
-  mk::buildImage(drive, image);
-}
-
-std::map<std::string, std::vector<uint8_t>> filesUnder(const std::filesystem::path& root) {
-  std::map<std::string, std::vector<uint8_t>> out;
-  for (const auto& e : std::filesystem::recursive_directory_iterator(root))
-    if (e.is_regular_file()) out[std::filesystem::relative(e.path(), root).string()] = readFile(e.path());
-  return out;
-}
-
 GuiFixture::GuiFixture(const std::vector<std::filesystem::path>& drives) {
   // The built database, copied where the test may rewrite it.
   std::filesystem::create_directories(dir / "share");

@@ -15,18 +15,16 @@
 #include "ImageBuilder.h"
 #include "MainWindow.h"
 #include "QtPlatform.h"
+#include "support/BuiltEntries.h"
 #include "support/TempDir.h"
 
 namespace ambrel::test {
 
 namespace mk = ambrel::mkimage;
 
-mk::EntrySpec textFile(const std::string& name, const std::string& text);
-mk::EntrySpec folder(const std::string& name, std::vector<mk::EntrySpec> children);
-// A GPT drive holding one HFS+ volume with these entries.
-void buildGptDrive(const std::filesystem::path& image, const std::string& volumeName, std::vector<mk::EntrySpec> entries);
-// Files under `root`, relative path -> bytes.
-std::map<std::string, std::vector<uint8_t>> filesUnder(const std::filesystem::path& root);
+inline mk::EntrySpec textFile(const std::string& name, const std::string& text) {
+  return fileOf(name, textBytes(text));
+}
 
 // The application's dispatcher, with a look after each piece of work it runs:
 // a test sees a page between two of a worker's reports.

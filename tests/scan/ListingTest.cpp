@@ -7,7 +7,9 @@
 #include <set>
 
 #include "ImageBuilder.h"
+#include "scan/ContentCheck.h"
 #include "scan/ScanHelpers.h"
+#include "support/BuiltEntries.h"
 
 using namespace ambrel;
 using namespace ambrel::test;
@@ -18,13 +20,6 @@ namespace {
 std::string cli() {
   const char* p = std::getenv("AMBREL_CLI");
   return p ? p : "ambrel-cli";
-}
-
-mk::EntrySpec file(const std::string& name, uint64_t size) {
-  mk::EntrySpec e;
-  e.name = name;
-  e.dataSize = size;
-  return e;
 }
 
 // Replaces every UTF-16BE occurrence of `from` by `to` (same length) in the image.
@@ -52,22 +47,18 @@ void renameOnDisk(const std::string& image, const std::u16string& from, const st
 }  // namespace
 
 TEST(TreeListing, DuplicateNamesInOneFolderAreMadeUnique) {
-  TempDir dir;
-  mk::DriveSpec d;
-  d.table = mk::TableKind::None;
   mk::VolumeSpec v;
-  v.root = {file("report.txt", 10), file("reporu.txt", 20), file("reporv.txt", 30), file("README", 1),
-            file("READMF", 2), file("READMG", 3)};
-  d.volume = v;
-  const std::string image = (dir / "vol.img").string();
-  const auto layout = mk::buildImage(d, image);
+  v.root = {sizedFile("report.txt", 10), sizedFile("reporu.txt", 20), sizedFile("reporv.txt", 30), sizedFile("README", 1),
+            sizedFile("READMF", 2), sizedFile("READMG", 3)};
+  auto b = buildVolume(v);
+  const std::string& image = b->image;
   // Two records per name become duplicates of the first.
   renameOnDisk(image, u"reporu.txt", u"report.txt");
   renameOnDisk(image, u"reporv.txt", u"report.txt");
   renameOnDisk(image, u"READMF", u"README");
   renameOnDisk(image, u"READMG", u"README");
 
-  ScanResult r = scan(image, 0, layout.volume->sizeSectors, "Normal Scan");
+  ScanResult r = scan(image, 0, b->layout.sizeSectors, "Normal Scan");
   // Without an extension every repeat gets a single underscore, so the third
   // README is named "README_" too.
   std::multiset<std::pair<std::string, uint64_t>> names;
@@ -80,18 +71,13 @@ TEST(TreeListing, DuplicateNamesInOneFolderAreMadeUnique) {
 
 TEST(TreeListing, FilesOfFourGiBAndMoreAreLeftOut) {
   if (!haveTool("fls")) GTEST_SKIP() << "The Sleuth Kit missing";
-  TempDir dir;
-  mk::DriveSpec d;
-  d.table = mk::TableKind::None;
   mk::VolumeSpec v;
-  mk::EntrySpec huge = file("huge.bin", uint64_t{4} << 30);
+  mk::EntrySpec huge = sizedFile("huge.bin", uint64_t{4} << 30);
   huge.sparse = true;  // costs no disk space
-  v.root = {file("small.bin", 5000), huge, file("just-under.bin", 8192)};
-  d.volume = v;
-  const std::string image = (dir / "vol.img").string();
-  const auto layout = mk::buildImage(d, image);
-  ScanResult r = scan(image, 0, layout.volume->sizeSectors, "Normal Scan");
-  const auto fls = flsTree(image, 0);
+  v.root = {sizedFile("small.bin", 5000), huge, sizedFile("just-under.bin", 8192)};
+  auto b = buildVolume(v);
+  ScanResult r = scan(b->image, 0, b->layout.sizeSectors, "Normal Scan");
+  const auto fls = flsTree(b->image, 0);
   ASSERT_EQ(fls.count("huge.bin"), 1u);
   auto expected = keptByScan(fls);
   expected.erase("huge.bin");
@@ -109,7 +95,7 @@ TEST(TreeListing, CliPrintsEveryEntryInPreOrderAsTsvOrJson) {
     mk::EntrySpec folder;
     folder.name = std::string(name) + " folder";
     folder.folder = true;
-    mk::EntrySpec a = file("a.txt", 5000);
+    mk::EntrySpec a = sizedFile("a.txt", 5000);
     a.created = mk::hfsDateFromUnix(1700000000);  // 2023-11-14T22:13:20Z
     a.modified = mk::hfsDateFromUnix(1700003600);
     a.dataFragments = 2;
@@ -161,18 +147,14 @@ TEST(TreeListing, CliPrintsEveryEntryInPreOrderAsTsvOrJson) {
 }
 
 TEST(TreeListing, CliReadsABareVolumeAndAnExplicitRange) {
-  TempDir dir;
-  mk::DriveSpec d;
-  d.table = mk::TableKind::None;
   mk::VolumeSpec v;
-  v.root = {file("only.txt", 42)};
-  d.volume = v;
-  const std::string image = (dir / "bare.img").string();
-  const auto layout = mk::buildImage(d, image);
+  v.root = {sizedFile("only.txt", 42)};
+  auto b = buildVolume(v);
+  const std::string& image = b->image;
   std::string bare, range;
   ASSERT_EQ(runCommand(cli() + " tree '" + image + "' 2>/dev/null", &bare), 0);
   EXPECT_NE(bare.find("/Root/only.txt\tfile\t"), std::string::npos) << bare;
-  ASSERT_EQ(runCommand(cli() + " tree --start 0 --sectors " + std::to_string(layout.volume->sizeSectors) + " '" +
+  ASSERT_EQ(runCommand(cli() + " tree --start 0 --sectors " + std::to_string(b->layout.sizeSectors) + " '" +
                            image + "' 2>/dev/null",
                        &range),
             0);
@@ -193,9 +175,9 @@ TEST(TreeListing, FilesOfUncertainContentAreFlaggedInTheListingAndTheSaveSummary
   mk::DriveSpec d;
   d.table = mk::TableKind::None;
   mk::VolumeSpec v;
-  mk::EntrySpec scattered = file("scattered.bin", 12 * 4096);
+  mk::EntrySpec scattered = sizedFile("scattered.bin", 12 * 4096);
   scattered.dataFragments = 12;  // four extents only the extents file knows
-  v.root = {scattered, file("whole.txt", 3000)};
+  v.root = {scattered, sizedFile("whole.txt", 3000)};
   v.damage.extentsHeaderCorrupted = true;
   d.volume = v;
   const std::string image = (dir / "vol.img").string();
@@ -236,10 +218,10 @@ TEST(TreeListing, FilesOfUncertainContentAreFlaggedInTheListingAndTheSaveSummary
   // An earlier version whose blocks hold another file's bytes now: saved
   // whole, and flagged.
   mk::VolumeSpec rewritten;
-  mk::EntrySpec reused = file("rewritten.dat", 9000);
+  mk::EntrySpec reused = sizedFile("rewritten.dat", 9000);
   reused.previousSize = 6000;
   reused.previousBlocksReused = true;
-  rewritten.root = {reused, file("whole.txt", 3000)};
+  rewritten.root = {reused, sizedFile("whole.txt", 3000)};
   rewritten.damage.oldNodeCopies = 4;
   d.volume = rewritten;
   const std::string image2 = (dir / "rewritten.img").string();
@@ -258,16 +240,16 @@ TEST(TreeListing, CatalogNodesInsideADiskImageFileAreNotListedAsThisVolumes) {
   mk::DriveSpec inner;
   inner.table = mk::TableKind::None;
   mk::VolumeSpec iv;
-  for (int i = 1; i <= 5; ++i) iv.root.push_back(file("inside-" + std::to_string(i) + ".txt", 5000 + i));
+  for (int i = 1; i <= 5; ++i) iv.root.push_back(sizedFile("inside-" + std::to_string(i) + ".txt", 5000 + i));
   inner.volume = iv;
   mk::buildImage(inner, dir / "inner.img");
 
   mk::DriveSpec outer;
   outer.table = mk::TableKind::None;
   mk::VolumeSpec ov;
-  mk::EntrySpec image = file("inner.dmg", 0);
+  mk::EntrySpec image = sizedFile("inner.dmg", 0);
   image.data = readFile(dir / "inner.img");
-  ov.root = {image, file("outside.txt", 7000)};
+  ov.root = {image, sizedFile("outside.txt", 7000)};
   outer.volume = ov;
   const auto layout = mk::buildImage(outer, dir / "outer.img");
 

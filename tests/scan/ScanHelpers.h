@@ -45,6 +45,23 @@ class ScanController : public RecordingController {
   }
 };
 
+// Sleep is requested once before the scan's first report and given back
+// once after its last, with nothing given back in between (a scan that gives
+// up may send no report at all).
+inline void expectHeldThroughout(const ScanController& c, size_t reportsBefore, size_t requestsBefore,
+                                 bool reports = true) {
+  ASSERT_EQ(c.sleepRequests.size(), requestsBefore + 2);
+  const auto& on = c.sleepRequests[requestsBefore];
+  const auto& off = c.sleepRequests[requestsBefore + 1];
+  EXPECT_TRUE(on.on);
+  EXPECT_EQ(on.afterReports, reportsBefore);
+  EXPECT_FALSE(off.on);
+  EXPECT_EQ(off.afterReports, c.progressReports.size());
+  if (reports) {
+    EXPECT_GT(c.progressReports.size(), reportsBefore);
+  }
+}
+
 inline PlistDict volumeDict(const std::string& image, uint64_t start, uint64_t sectors, const std::string& name = "Test") {
   return PlistDict{{"Volume Start", start}, {"Volume Size In Sectors", sectors}, {"Volume Name", name},
                    {"Volume Scan Type", 0},  {"Path", image},                    {"Model", "Disk Image"},

@@ -6,7 +6,9 @@
 #include <fstream>
 
 #include "ImageBuilder.h"
+#include "scan/ContentCheck.h"
 #include "scan/ScanHelpers.h"
+#include "support/BuiltEntries.h"
 
 using namespace ambrel;
 using namespace ambrel::test;
@@ -37,22 +39,6 @@ bool hfsPartition(const std::string& image, uint64_t& start, uint64_t& length) {
     return true;
   }
   return false;
-}
-
-mk::EntrySpec file(const std::string& name, uint64_t size, uint32_t fragments = 1) {
-  mk::EntrySpec e;
-  e.name = name;
-  e.dataSize = size;
-  e.dataFragments = fragments;
-  return e;
-}
-
-mk::EntrySpec folder(const std::string& name, std::vector<mk::EntrySpec> children) {
-  mk::EntrySpec e;
-  e.name = name;
-  e.folder = true;
-  e.children = std::move(children);
-  return e;
 }
 
 // Every live entry of a built volume with its exact extents must be in the tree.
@@ -158,12 +144,12 @@ TEST(StandardScan, BuilderVolumesAgreeWithFlsAndTheirLayout) {
     v.catalogExtents = c.catalogExtents;
     // Enough entries for three index levels with 4 KiB nodes.
     v.generate = mk::GenerateSpec{2500, 150, 7, 0, 3000, true};
-    v.root.push_back(folder("Fragmented", {file("ten extents.bin", 10 * 8192 + 5, 10), file("one.bin", 1)}));
-    mk::EntrySpec withFork = file("with fork", 100);
+    v.root.push_back(folderOf("Fragmented", {sizedFile("ten extents.bin", 10 * 8192 + 5, 10), sizedFile("one.bin", 1)}));
+    mk::EntrySpec withFork = sizedFile("with fork", 100);
     withFork.rsrcSize = 20000;
     withFork.rsrcFragments = 3;
     v.root.push_back(withFork);
-    v.root.push_back(folder("a/b slash", {file("inside", 10)}));
+    v.root.push_back(folderOf("a/b slash", {sizedFile("inside", 10)}));
     p.volume = v;
     d.partitions.push_back(p);
     const std::string image = (dir / "drive.img").string();
@@ -174,7 +160,9 @@ TEST(StandardScan, BuilderVolumesAgreeWithFlsAndTheirLayout) {
       FAIL() << e.what();
     }
     const mk::VolumeLayout& vl = *layout.partitions[0].volume;
-    if (c.nodeSize == 4096) EXPECT_GE(vl.catalog.depth, 3u);
+    if (c.nodeSize == 4096) {
+      EXPECT_GE(vl.catalog.depth, 3u);
+    }
     EXPECT_EQ(vl.catalog.extents.size(), c.catalogExtents);
 
     ScanResult r = scan(image, vl.startSector, vl.sizeSectors, "Normal Scan");
@@ -198,7 +186,6 @@ TEST(StandardScan, BuilderVolumesAgreeWithFlsAndTheirLayout) {
 }
 
 TEST(StandardScan, DamagedPrimaryHeaderAndBrokenLeafChainsStillGiveTheWholeTree) {
-  TempDir dir;
   using Mode = mk::LeafChainDamage::Mode;
   struct Case {
     const char* what;
@@ -217,16 +204,12 @@ TEST(StandardScan, DamagedPrimaryHeaderAndBrokenLeafChainsStillGiveTheWholeTree)
   std::map<std::string, Listed> reference;
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
-    mk::DriveSpec d;
-    d.table = mk::TableKind::None;
     mk::VolumeSpec v;
     v.nodeSize = 4096;
     v.generate = mk::GenerateSpec{1500, 60, 3, 1, 2000, false};
     v.damage = c.damage;
-    d.volume = v;
-    const std::string image = (dir / "vol.img").string();
-    const mk::DriveLayout layout = mk::buildImage(d, image);
-    ScanResult r = scan(image, 0, layout.volume->sizeSectors, "Normal Scan");
+    auto b = buildVolume(v);
+    ScanResult r = scan(b->image, 0, b->layout.sizeSectors, "Normal Scan");
     ASSERT_NE(r.volume->dirRoot, nullptr);
     const auto tree = treeOf(*r.volume);
     if (reference.empty()) reference = tree;
@@ -237,50 +220,43 @@ TEST(StandardScan, DamagedPrimaryHeaderAndBrokenLeafChainsStillGiveTheWholeTree)
 }
 
 // Nothing says where the catalog is: only the advanced scan can go on. (An
-// unusable catalog header alone no longer stops the standard scan.)
+// unusable catalog header alone no longer stops the standard scan.) Either
+// way the machine is kept awake for the whole scan.
 TEST(StandardScan, NoVolumeHeaderLeftAsksForTheAdvancedScan) {
-  TempDir dir;
-  mk::DriveSpec d;
-  d.table = mk::TableKind::None;
   mk::VolumeSpec v;
-  v.root = {file("a.txt", 100), folder("F", {file("b.txt", 200)})};
+  v.root = {sizedFile("a.txt", 100), folderOf("F", {sizedFile("b.txt", 200)})};
   v.damage.primaryHeader = mk::VolumeDamage::Header::Zeroed;
   v.damage.alternateHeader = mk::VolumeDamage::Header::Zeroed;
-  d.volume = v;
-  const std::string image = (dir / "vol.img").string();
-  const mk::DriveLayout layout = mk::buildImage(d, image);
+  auto b = buildVolume(v);
 
-  ScanResult normal = scan(image, 0, layout.volume->sizeSectors, "Normal Scan");
+  ScanResult normal = scan(b->image, 0, b->layout.sizeSectors, "Normal Scan");
   ASSERT_EQ(normal.controller->alerts.size(), 1u);
   EXPECT_EQ(normal.controller->alerts[0].title, "Can not process");
   EXPECT_EQ(normal.controller->alerts[0].message,
             "Key data structures not found. Please try Advance Scan for tree on the desired volume.");
   EXPECT_EQ(normal.controller->gaveUp, 1);
   EXPECT_FALSE(normal.controller->sawTreeComplete());
+  expectHeldThroughout(*normal.controller, 0, 0, false);
 
   // The advanced scan finds the records by searching the volume.
-  ScanResult advanced = scan(image, 0, layout.volume->sizeSectors, "Advanced Scan");
+  ScanResult advanced = scan(b->image, 0, b->layout.sizeSectors, "Advanced Scan");
   EXPECT_TRUE(advanced.controller->alerts.empty());
   EXPECT_TRUE(advanced.controller->sawTreeComplete());
+  expectHeldThroughout(*advanced.controller, 0, 0);
   std::set<std::string> names;
   for (const auto& [path, l] : treeOf(*advanced.volume)) names.insert(path.substr(path.rfind('/') + 1));
   EXPECT_TRUE(names.count("a.txt") && names.count("b.txt")) << ::testing::PrintToString(names);
 }
 
 TEST(StandardScan, StopEndsTheWalkButTheStepsAfterItStillRun) {
-  TempDir dir;
-  mk::DriveSpec d;
-  d.table = mk::TableKind::None;
   mk::VolumeSpec v;
   v.nodeSize = 4096;
   v.generate = mk::GenerateSpec{3000, 10, 5, 1, 100, false};
-  d.volume = v;
-  const std::string image = (dir / "vol.img").string();
-  const mk::DriveLayout layout = mk::buildImage(d, image);
+  auto b = buildVolume(v);
 
-  ScanResult whole = scan(image, 0, layout.volume->sizeSectors, "Normal Scan");
+  ScanResult whole = scan(b->image, 0, b->layout.sizeSectors, "Normal Scan");
   // Stop after the first report that counts entries: the walk ends at the next record.
-  ScanResult stopped = scan(image, 0, layout.volume->sizeSectors, "Normal Scan", 8);
+  ScanResult stopped = scan(b->image, 0, b->layout.sizeSectors, "Normal Scan", 8);
   EXPECT_TRUE(stopped.volume->stopTreeThread);
   EXPECT_LT(stopped.volume->entryCount, whole.volume->entryCount);
   EXPECT_GT(stopped.volume->entryCount, 0u);
@@ -291,15 +267,10 @@ TEST(StandardScan, StopEndsTheWalkButTheStepsAfterItStillRun) {
 }
 
 TEST(StandardScan, ProgressReportsCarryTheExactKeys) {
-  TempDir dir;
-  mk::DriveSpec d;
-  d.table = mk::TableKind::None;
   mk::VolumeSpec v;
   v.generate = mk::GenerateSpec{250, 5, 5, 1, 100, false};
-  d.volume = v;
-  const std::string image = (dir / "vol.img").string();
-  const mk::DriveLayout layout = mk::buildImage(d, image);
-  ScanResult r = scan(image, 0, layout.volume->sizeSectors, "Normal Scan");
+  auto b = buildVolume(v);
+  ScanResult r = scan(b->image, 0, b->layout.sizeSectors, "Normal Scan");
   const auto& reports = r.controller->progressReports;
   auto making = std::find_if(reports.begin(), reports.end(), [](const ProgressReport& p) {
     return p.string(progress::kProgressStatus) == "Making Tree for Test on drive Disk Image  ";
@@ -307,7 +278,7 @@ TEST(StandardScan, ProgressReportsCarryTheExactKeys) {
   ASSERT_NE(making, reports.end());
   EXPECT_EQ(making->i64(progress::kProgressType), 1);
   EXPECT_EQ(making->u64(progress::kBarMaxValue), r.volume->leafRecords);
-  EXPECT_EQ(r.volume->leafRecords, layout.volume->catalog.leafRecords / 2);
+  EXPECT_EQ(r.volume->leafRecords, b->layout.catalog.leafRecords / 2);
   int estimates = 0;
   for (const auto& p : reports) {
     if (!p.contains(progress::kBarIncrement)) continue;
