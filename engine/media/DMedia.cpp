@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -241,6 +242,20 @@ bool DMedia::readPreviewSector(uint64_t sector, int32_t count, void* buffer) {
 
 bool DMedia::readSaveSector(uint64_t sector, int32_t count, void* buffer) {
   return read(Reader::Save, sector, count, buffer);
+}
+
+int64_t DMedia::copySaveSectors(uint64_t sector, uint64_t bytes, int outFd) {
+  if (faults_ || gone_.load() || !ensureOpen()) return -1;
+  off_t offset = static_cast<off_t>(sector * kSectorSize);
+  uint64_t done = 0;
+  while (done < bytes) {
+    const ssize_t n = ::sendfile(outFd, fd_.load(), &offset, static_cast<size_t>(std::min<uint64_t>(bytes - done, 1u << 30)));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && done == 0 && (errno == EINVAL || errno == ENOSYS)) return -1;
+    if (n <= 0) break;
+    done += static_cast<uint64_t>(n);
+  }
+  return static_cast<int64_t>(done);
 }
 
 uint64_t DMedia::readSectorsSalvaging(uint64_t sector, uint64_t count, void* buffer) {

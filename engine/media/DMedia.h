@@ -48,6 +48,13 @@ class DMedia {
   bool readSector(uint64_t sector, int32_t count, void* buffer);
   bool readPreviewSector(uint64_t sector, int32_t count, void* buffer);
   bool readSaveSector(uint64_t sector, int32_t count, void* buffer);
+  // Copies `bytes` from `sector` on to `outFd` at its offset inside the
+  // kernel, for a save. Returns the bytes copied, short when something
+  // failed (the caller reads that piece again the ordinary way, which
+  // handles bad sectors and a lost drive), or -1 when this drive cannot be
+  // copied so at all (sector faults are set, it is gone, or the kernel
+  // cannot send from it).
+  int64_t copySaveSectors(uint64_t sector, uint64_t bytes, int outFd);
 
   // count sectors read as one piece when possible; when that fails, again in
   // 63-sector chunks and then sector by sector, so that a bad sector costs

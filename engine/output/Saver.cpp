@@ -59,6 +59,9 @@ ForkSource saveSourceOf(Volume& volume) {
   s.read = [&volume](uint64_t sector, int32_t count, void* buffer) {
     return volume.readSaveSector(sector, count, buffer);
   };
+  s.copy = [&volume](uint64_t sector, uint64_t bytes, int outFd) {
+    return volume.copySaveSectors(sector, bytes, outFd);
+  };
   attachCompressionAttributes(s, volume);
   return s;
 }
@@ -68,6 +71,7 @@ ForkSource previewSourceOf(Volume& volume) {
   s.read = [&volume](uint64_t sector, int32_t count, void* buffer) {
     return volume.readPreviewSector(sector, count, buffer);
   };
+  s.copy = nullptr;
   attachCompressionAttributes(s, volume);
   return s;
 }
@@ -234,6 +238,12 @@ Saver::Copy Saver::copyFork(const HDIR& entry, std::span<const Extent> extents, 
     return Copy::Done;
   }
   uint64_t remaining = logicalSize;
+  // Progress in steps of kWriteBytes, however the bytes got to the file.
+  uint64_t unreported = 0;
+  auto wrote = [&](size_t n) {
+    out.written += n;
+    if ((unreported += n) >= kWriteBytes) reportWrite(std::exchange(unreported, 0));
+  };
   // What the reads bring is written in runs of up to kWriteBytes: the reads
   // keep their groups, the writes cost a fraction of the system calls.
   size_t fill = 0;
@@ -244,9 +254,24 @@ Saver::Copy Saver::copyFork(const HDIR& entry, std::span<const Extent> extents, 
       out.writeError = errno;
       return false;
     }
-    out.written += n;
-    reportWrite(n);
+    wrote(n);
     return true;
+  };
+  // A piece copied inside the kernel, when the source can; false when it
+  // must be read instead (what a failed copy left is written over then).
+  bool lostPlace = false;  // a failed copy's bytes could not be stepped back over
+  auto copiedInKernel = [&](uint64_t sector, size_t n) -> bool {
+    const int64_t c = source_.copy(sector, n, fd);
+    if (c == static_cast<int64_t>(n)) {
+      wrote(n);
+      return true;
+    }
+    if (c < 0) copyRefused_ = true;
+    if (c > 0 && ::lseek(fd, -static_cast<off_t>(c), SEEK_CUR) < 0) {
+      out.writeError = errno;
+      lostPlace = true;
+    }
+    return false;
   };
 
   // Reads nBlocks blocks from `block`, keeping up to what is left of the fork.
@@ -256,9 +281,20 @@ Saver::Copy Saver::copyFork(const HDIR& entry, std::span<const Extent> extents, 
     while (sectors > 0 && remaining > 0) {
       const uint64_t piece = std::min(sectors, kMaxReadSectors);
       const size_t bytes = static_cast<size_t>(piece * kSectorSize);
+      const size_t n = static_cast<size_t>(std::min<uint64_t>(bytes, remaining));
+      if (source_.copy && !copyRefused_) {
+        if (!flush()) return Copy::WriteFailed;
+        if (copiedInKernel(sector, n)) {
+          out.sectorsRead += piece;
+          remaining -= n;
+          sector += piece;
+          sectors -= piece;
+          continue;
+        }
+        if (lostPlace) return Copy::WriteFailed;
+      }
       if (buffer_.size() < fill + bytes) buffer_.resize(fill + bytes);
       readPiece(sector, piece, buffer_.data() + fill, out);
-      const size_t n = static_cast<size_t>(std::min<uint64_t>(bytes, remaining));
       remaining -= n;
       fill += n;
       if (fill >= kWriteBytes && !flush()) return Copy::WriteFailed;
@@ -303,6 +339,7 @@ Saver::Copy Saver::copyFork(const HDIR& entry, std::span<const Extent> extents, 
     return Copy::Done;
   }();
   if (copied != Copy::WriteFailed && !flush()) return Copy::WriteFailed;
+  if (unreported) reportWrite(unreported);
   return copied;
 }
 
@@ -339,6 +376,7 @@ SaveResult Saver::saveFilesAndFolders(const std::string& destination) {
                                                    {progress::kBarMaxValue, marked.markedData},
                                                    {progress::kProgressStatus, kSavingStatus}});
   abortSaving_.store(false);
+  copyRefused_ = false;
 
   Walk walk{*this, true, {}, {}};
   walk.canSaveSlashes = options_.canSaveSlashes ? *options_.canSaveSlashes : destinationInfo(destination).canSaveSlashes;

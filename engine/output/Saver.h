@@ -27,6 +27,9 @@ struct ForkSource {
   int32_t blockSize = 0;  // sectors per allocation block, for entries that carry none
   int32_t volumeScanType = 0;
   SectorReadFn read;
+  // Copies bytes from a sector on straight into a file (DMedia::copySaveSectors);
+  // unset, or -1, when only reads will do.
+  std::function<int64_t(uint64_t sector, uint64_t bytes, int outFd)> copy;
   // The compression attribute of a file (header and inline payload), for
   // compressed entries; empty when it cannot be found or read.
   std::function<std::vector<uint8_t>(uint32_t fileID)> compressionAttribute;
@@ -199,6 +202,7 @@ class Saver {
   std::atomic<bool> abortSaving_{false};
   std::atomic<uint64_t> savedData_{0};
   std::vector<uint8_t> buffer_;
+  bool copyRefused_ = false;  // the source said it cannot copy: reads only
   SaveResult result_;
 };
 

@@ -98,6 +98,13 @@ struct RecordingSource {
   Volume* volume = nullptr;
   std::vector<ReadCall> calls;
   uint64_t failAtSector = UINT64_MAX;  // a read covering this sector fails
+  // Kernel copies: off unless asked (reads are what most tests watch); a
+  // copy covering copyFailsAtSector stops half-way, as one meeting a bad
+  // sector does; copyRefused makes every copy say the drive cannot.
+  bool copies = false;
+  bool copyRefused = false;
+  uint64_t copyFailsAtSector = UINT64_MAX;
+  std::vector<ReadCall> copyCalls;
 
   ForkSource source() {
     ForkSource s = saveSourceOf(*volume);
@@ -105,6 +112,18 @@ struct RecordingSource {
       calls.push_back({sector, count});
       if (failAtSector >= sector && failAtSector < sector + uint64_t(count)) return false;
       return volume->readSaveSector(sector, count, buffer);
+    };
+    if (!copies) {
+      s.copy = nullptr;
+      return s;
+    }
+    s.copy = [this](uint64_t sector, uint64_t bytes, int fd) -> int64_t {
+      const uint64_t sectors = (bytes + 511) / 512;
+      copyCalls.push_back({sector, int32_t(sectors)});
+      if (copyRefused) return -1;
+      if (copyFailsAtSector >= sector && copyFailsAtSector < sector + sectors)
+        return volume->copySaveSectors(sector, bytes / 2, fd);
+      return volume->copySaveSectors(sector, bytes, fd);
     };
     return s;
   }

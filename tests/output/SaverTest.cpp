@@ -214,6 +214,51 @@ TEST(SaveGrouping, ReadsAreGroupsOfEightWithTheLastBlocksSingly) {
   EXPECT_EQ(readsFor("d-frag"), want);
 }
 
+// Saving copies inside the kernel when the drive allows it; a copy that stops
+// part-way is read again the ordinary way over what it left, and a drive that
+// cannot be copied from is read throughout. The bytes are the same each way.
+TEST(SaveKernelCopy, FailedOrRefusedCopiesAreReadAndTheBytesAreWhole) {
+  TempDir dir;
+  mk::VolumeSpec spec;
+  spec.blockSize = 4096;
+  spec.root = {fileSpec("a-small", 100), fileSpec("b-frag", 300000 - 7, 0, 3), fileSpec("c-big", 2 * 1024 * 1024 + 1)};
+  BuiltVolume v = buildAndScan(dir, spec);
+  Volume& vol = *v.scan.volume;
+  markAll(vol);
+  const auto* big = v.vol().find("c-big");
+  ASSERT_NE(big, nullptr);
+  struct Case {
+    const char* name;
+    bool refused;
+    uint64_t failAt;
+  };
+  const uint64_t inBig = v.vol().blockToSector(big->dataExtents[0].startBlock + 100) + 3;
+  for (const Case c : {Case{"healthy", false, UINT64_MAX}, Case{"a copy stops half-way", false, inBig},
+                       Case{"refused", true, UINT64_MAX}}) {
+    SCOPED_TRACE(c.name);
+    RecordingSource rec{&vol};
+    rec.copies = true;
+    rec.copyRefused = c.refused;
+    rec.copyFailsAtSector = c.failAt;
+    TempDir out;
+    Saver saver(*vol.dirRoot, rec.source(), nullptr);
+    const SaveResult r = saver.saveFilesAndFolders(out.path().string());
+    EXPECT_FALSE(r.anyFailure());
+    for (const char* name : {"a-small", "b-frag", "c-big"})
+      EXPECT_EQ(readFile(out / "Root" / name), expectedData(*v.vol().find(name))) << name;
+    if (c.refused) {
+      EXPECT_EQ(rec.copyCalls.size(), 1u) << "a drive that cannot be copied from is asked once";
+      EXPECT_FALSE(rec.calls.empty());
+    } else if (c.failAt == UINT64_MAX) {
+      EXPECT_TRUE(rec.calls.empty()) << "nothing read when every copy works";
+    } else {
+      ASSERT_EQ(rec.calls.size(), 1u) << "only the piece whose copy stopped is read";
+      EXPECT_LE(rec.calls[0].sector, c.failAt);
+      EXPECT_GT(rec.calls[0].sector + uint64_t(rec.calls[0].count), c.failAt);
+    }
+  }
+}
+
 TEST(SaveRules, MarksDecideWhatIsWritten) {
   TempDir dir;
   mk::VolumeSpec spec;
