@@ -30,7 +30,7 @@ TEST(DeepTree, EveryEntryKeptItsWholePathAndMemoryGrewWithTheSquareOfTheDepth) {
   constexpr int kDepth = 3000;
   const std::string longName(200, 'n');
   mk::EntrySpec chain = fileSpec("bottom.txt", 777);
-  for (int d = kDepth - 1; d >= 0; --d) chain = folderSpec(longName + std::to_string(d), {chain});
+  for (int d = kDepth - 1; d >= 0; --d) chain = folderOf(longName + std::to_string(d), {chain});
   mk::VolumeSpec spec;
   spec.root = {chain};
   TempDir dir;

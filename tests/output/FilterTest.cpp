@@ -23,9 +23,9 @@ std::set<std::string> treeListed(const std::string& args) {
 mk::VolumeSpec mixedVolume() {
   mk::VolumeSpec v;
   v.name = "Mixed";
-  v.root = {folderSpec("Docs", {fileSpec("a.txt", 1200), fileSpec("b.pdf", 50000)}),
-            folderSpec("Pics", {fileSpec("c.jpg", 300000, 0, 3), fileSpec("IMG_0001.JPG", 2000)}),
-            folderSpec("Deep", {folderSpec("Sub", {fileSpec("x.pdf", 70000), fileSpec(".pdf", 500)})})};
+  v.root = {folderOf("Docs", {fileSpec("a.txt", 1200), fileSpec("b.pdf", 50000)}),
+            folderOf("Pics", {fileSpec("c.jpg", 300000, 0, 3), fileSpec("IMG_0001.JPG", 2000)}),
+            folderOf("Deep", {folderOf("Sub", {fileSpec("x.pdf", 70000), fileSpec(".pdf", 500)})})};
   return v;
 }
 
@@ -109,9 +109,9 @@ TEST(Filter, FolderLinksAreKeptWhenTheFolderTheyShowHoldsAPassingFile) {
   notesLink.hardLinkTo = "2024-01-01/notes.txt";
   loop.name = "back";
   loop.folderLinkTo = "2024-01-01/Photos";
-  spec.root = {folderSpec("2024-01-01", {folderSpec("Photos", {fileSpec("a.jpg", 30000), fileSpec("b.png", 900), loop}),
+  spec.root = {folderOf("2024-01-01", {folderOf("Photos", {fileSpec("a.jpg", 30000), fileSpec("b.png", 900), loop}),
                                          fileSpec("notes.txt", 12)}),
-               folderSpec("2024-02-01", {photosLink, notesLink}), folderSpec("2024-03-01", {notesLink})};
+               folderOf("2024-02-01", {photosLink, notesLink}), folderOf("2024-03-01", {notesLink})};
   const BuiltVolume b = buildAndScan(dir, spec);
   Volume& v = *b.scan.volume;
   ASSERT_EQ(v.linksUnresolved, 0u);

@@ -43,9 +43,9 @@ mk::EntrySpec symlinkSpec(const std::string& name, const std::string& target) {
 mk::VolumeSpec backupVolume() {
   mk::VolumeSpec v;
   v.name = "Backups";
-  v.root = {folderSpec("2024-01-01", {folderSpec("Photos", {fileSpec("a.jpg", 30000, 0, 3), fileSpec("b.jpg", 9000)}),
+  v.root = {folderOf("2024-01-01", {folderOf("Photos", {fileSpec("a.jpg", 30000, 0, 3), fileSpec("b.jpg", 9000)}),
                                       textFile("notes.txt", "first notes\n")}),
-            folderSpec("2024-02-01", {linkSpec("Photos", "", "2024-01-01/Photos"),
+            folderOf("2024-02-01", {linkSpec("Photos", "", "2024-01-01/Photos"),
                                       linkSpec("notes.txt", "2024-01-01/notes.txt", "")}),
             symlinkSpec("latest", "2024-02-01"), symlinkSpec("outside", "/etc/passwd")};
   return v;
@@ -120,8 +120,8 @@ TEST(Links, SnapshotsSavedWholeThroughFolderAndFileLinks) {
 TEST(Links, FolderLinkLoopIsListedAndSavedOnce) {
   TempDir dir;
   mk::VolumeSpec spec;
-  spec.root = {folderSpec("A", {textFile("x.txt", "x"), linkSpec("back", "", "A")}),
-               folderSpec("B", {linkSpec("toA", "", "A")})};
+  spec.root = {folderOf("A", {textFile("x.txt", "x"), linkSpec("back", "", "A")}),
+               folderOf("B", {linkSpec("toA", "", "A")})};
   const BuiltVolume b = buildAndScan(dir, spec);
   Volume& v = *b.scan.volume;
   ASSERT_EQ(v.linksUnresolved, 0u);

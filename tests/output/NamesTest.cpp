@@ -91,7 +91,7 @@ TEST(SaveNames, HostileNamesStayInsideTheDestinationAndNeverReplaceEachOther) {
   spec.root = {fileSpec("..", 101), fileSpec(std::string("a\0b", 3), 103), fileSpec("a_b", 104),
                fileSpec("x/y", 105), fileSpec("x_y", 106), fileSpec(accents, 107), fileSpec("Readme", 108),
                fileSpec("README", 109), fileSpec("f", 110, 2000), fileSpec("._f", 111),
-               folderSpec(".", {fileSpec("up", 113)}), folderSpec("dir/..", {fileSpec("escape", 112)})};
+               folderOf(".", {fileSpec("up", 113)}), folderOf("dir/..", {fileSpec("escape", 112)})};
   BuiltVolume v = buildAndScan(dir, spec);
   Volume& vol = *v.scan.volume;
   ASSERT_NE(vol.dirRoot, nullptr);
@@ -183,7 +183,7 @@ TEST(SaveNames, ASecondSaveIntoTheSameFolderKeepsTheFirst) {
 TEST(SaveNames, ASymbolicLinkInTheWayIsNeverFollowed) {
   TempDir dir;
   mk::VolumeSpec spec;
-  spec.root = {fileSpec("target", 10), folderSpec("sub", {fileSpec("inner", 5)})};
+  spec.root = {fileSpec("target", 10), folderOf("sub", {fileSpec("inner", 5)})};
   BuiltVolume v = buildAndScan(dir, spec);
   markAll(*v.scan.volume);
   const fs::path dest = dir / "out";

@@ -13,6 +13,7 @@
 #include "hfs/Volume.h"
 #include "output/Saver.h"
 #include "scan/ScanHelpers.h"
+#include "support/BuiltEntries.h"
 #include "tree/CheckController.h"
 
 namespace ambrel::test {
@@ -28,14 +29,6 @@ inline mk::EntrySpec fileSpec(const std::string& name, uint64_t dataSize, uint64
   e.dataSize = dataSize;
   e.rsrcSize = rsrcSize;
   e.dataFragments = fragments;
-  return e;
-}
-
-inline mk::EntrySpec folderSpec(const std::string& name, std::vector<mk::EntrySpec> children) {
-  mk::EntrySpec e;
-  e.name = name;
-  e.folder = true;
-  e.children = std::move(children);
   return e;
 }
 
@@ -68,15 +61,6 @@ inline std::vector<uint8_t> icat(const std::string& image, uint64_t offset, uint
 }
 
 inline void markAll(Volume& v) { CheckController(v.dirRoot.get(), true).run(); }
-
-// Every regular file under `root`, relative path -> bytes.
-inline std::map<std::string, std::vector<uint8_t>> filesUnder(const std::filesystem::path& root) {
-  std::map<std::string, std::vector<uint8_t>> out;
-  for (const auto& e : std::filesystem::recursive_directory_iterator(root)) {
-    if (e.is_regular_file()) out[std::filesystem::relative(e.path(), root).string()] = readFile(e.path());
-  }
-  return out;
-}
 
 // Every path under `root` (folders too), relative.
 inline std::set<std::string> pathsUnder(const std::filesystem::path& root) {

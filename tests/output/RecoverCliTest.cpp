@@ -22,8 +22,8 @@ mk::VolumeSpec sampleVolume(const std::string& name, uint64_t seed) {
   mk::VolumeSpec v;
   v.name = name;
   v.seed = seed;
-  v.root = {folderSpec("Docs", {fileSpec("a.txt", 1200), fileSpec("b.pdf", 50000)}),
-            folderSpec("Pics", {fileSpec("c.jpg", 300000, 0, 3), fileSpec("notes.txt", 10, 700)})};
+  v.root = {folderOf("Docs", {fileSpec("a.txt", 1200), fileSpec("b.pdf", 50000)}),
+            folderOf("Pics", {fileSpec("c.jpg", 300000, 0, 3), fileSpec("notes.txt", 10, 700)})};
   return v;
 }
 

@@ -80,7 +80,7 @@ TEST(CliReport, EverySavedFileWithItsRunsHashesAndOrigin) {
   spec.journal = true;
   mk::EntrySpec gone = fileSpec("gone.bin", 9000);
   gone.deleted = true;
-  spec.root = {folderSpec("Docs", {fileSpec("frag.dat", 70000, 0, 4), fileSpec("both.txt", 1500, 600)}),
+  spec.root = {folderOf("Docs", {fileSpec("frag.dat", 70000, 0, 4), fileSpec("both.txt", 1500, 600)}),
                fileSpec("small.txt", 20), gone};
   const BuiltVolume b = buildAndScan(dir, spec);
   int status = -1;

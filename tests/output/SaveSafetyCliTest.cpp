@@ -35,7 +35,7 @@ TEST(SaveSafety, DataFilesWereSavedExecutable) {
   mk::EntrySpec tool = fileSpec("run.sh", 40);
   tool.mode = 0755;
   const std::string image =
-      bareImage(dir.path(), {folderSpec("Docs", {fileSpec("a.txt", 1200)}), fileSpec("b.bin", 10), tool});
+      bareImage(dir.path(), {folderOf("Docs", {fileSpec("a.txt", 1200)}), fileSpec("b.bin", 10), tool});
   std::string out;
   const fs::path dest = dir / "out";
   ASSERT_EQ(runCli("recover '" + image + "' --out '" + dest.string() + "'", out, "umask 022; "), 0) << out;
@@ -92,7 +92,7 @@ TEST(SaveSafety, ScanInfoFileOverwroteTheImageBehindALoopDevice) {
 TEST(SaveSafety, SelectAlsoSavedWhatTheScanInfoFileHadMarked) {
   TempDir dir;
   const std::string image = bareImage(
-      dir.path(), {folderSpec("Docs", {fileSpec("a.txt", 1200)}), folderSpec("Pics", {fileSpec("c.jpg", 3000)})});
+      dir.path(), {folderOf("Docs", {fileSpec("a.txt", 1200)}), folderOf("Pics", {fileSpec("c.jpg", 3000)})});
   const uint64_t sectors = fs::file_size(image) / 512;
   ScanResult scanned = scan(image, 0, sectors, "Normal Scan");
   ASSERT_NE(scanned.volume->dirRoot, nullptr);
@@ -189,7 +189,7 @@ TEST(SaveSafety, FilesBelowAFolderThatCouldNotBeMadeWentUncounted) {
   // saved either, and are counted and named with it.
   TempDir dir;
   const std::string image = bareImage(
-      dir.path(), {folderSpec("A", {folderSpec("B", {fileSpec("b1", 10), fileSpec("b2", 10)})}), fileSpec("z", 10)});
+      dir.path(), {folderOf("A", {folderOf("B", {fileSpec("b1", 10), fileSpec("b2", 10)})}), fileSpec("z", 10)});
   fs::create_directory(dir / "mnt");
   const std::string onTmpfs = "unshare -rm sh -c 'mount -t tmpfs -o size=1m,nr_inodes=4 tmpfs \"" +
                               (dir / "mnt").string() + "\" && exec \"$0\" \"$@\"' ";

@@ -70,7 +70,7 @@ TEST(SaveOracle, BuilderVolumesMatchIcatForkByFork) {
                  fileSpec("rsrc-fragmented", 3 * b, 40 * b + 3, 2),
                  fileSpec("rsrc-only", 0, 3000),
                  fileSpec("empty", 0),
-                 folderSpec("nested", {fileSpec("inner", 12345), folderSpec("deeper", {fileSpec("leaf", 9 * b)})})};
+                 folderOf("nested", {fileSpec("inner", 12345), folderOf("deeper", {fileSpec("leaf", 9 * b)})})};
     spec.root[8].rsrcFragments = 4;
     BuiltVolume v = buildAndScan(dir, spec);
     ASSERT_NE(v.scan.volume->dirRoot, nullptr);
@@ -262,8 +262,8 @@ TEST(SaveKernelCopy, FailedOrRefusedCopiesAreReadAndTheBytesAreWhole) {
 TEST(SaveRules, MarksDecideWhatIsWritten) {
   TempDir dir;
   mk::VolumeSpec spec;
-  spec.root = {folderSpec("A", {fileSpec("keep", 500), fileSpec("skip", 600)}),
-               folderSpec("B", {fileSpec("inside", 700)}), fileSpec("empty", 0), fileSpec("rsrc-only", 0, 2000),
+  spec.root = {folderOf("A", {fileSpec("keep", 500), fileSpec("skip", 600)}),
+               folderOf("B", {fileSpec("inside", 700)}), fileSpec("empty", 0), fileSpec("rsrc-only", 0, 2000),
                fileSpec("unmarked", 10)};
   BuiltVolume v = buildAndScan(dir, spec);
   Volume& vol = *v.scan.volume;
@@ -408,9 +408,9 @@ TEST(SaveFailures, ReadFailureNoLongerAbandonsTheRestOfTheFolder) {
   // and left the part written under the file's real name.
   TempDir dir;
   mk::VolumeSpec spec;
-  spec.root = {folderSpec("A", {fileSpec("a-first", 100), fileSpec("b-bad", 200000), fileSpec("c-after", 100),
-                                folderSpec("d-sub", {fileSpec("deep", 10)})}),
-               folderSpec("B", {fileSpec("z", 4000)})};
+  spec.root = {folderOf("A", {fileSpec("a-first", 100), fileSpec("b-bad", 200000), fileSpec("c-after", 100),
+                                folderOf("d-sub", {fileSpec("deep", 10)})}),
+               folderOf("B", {fileSpec("z", 4000)})};
   BuiltVolume v = buildAndScan(dir, spec);
   Volume& vol = *v.scan.volume;
   markAll(vol);
@@ -477,7 +477,7 @@ TEST(SaveFailures, WriteFailuresAreCountedAndTheSaveGoesOn) {
 TEST(SaveDeep, FoldersDeeperThanTheOpenFolderLimit) {
   TempDir dir;
   mk::EntrySpec chain = fileSpec("bottom", 777);
-  for (int d = 0; d < 150; ++d) chain = folderSpec("level" + std::to_string(149 - d), {chain, fileSpec("f", 3 + d)});
+  for (int d = 0; d < 150; ++d) chain = folderOf("level" + std::to_string(149 - d), {chain, fileSpec("f", 3 + d)});
   mk::VolumeSpec spec;
   spec.root = {chain, fileSpec("top", 5)};
   BuiltVolume v = buildAndScan(dir, spec);
