@@ -8,6 +8,7 @@
 
 #include "base/Endian.h"
 #include "hfs/CatalogRecords.h"
+#include "hfs/NodeReadAhead.h"
 #include "hfs/Volume.h"
 
 namespace ambrel {
@@ -144,6 +145,7 @@ bool Volume::readFilesAndFolders() {
 
   const size_t nodeBytes = static_cast<size_t>(catNodeSize) * kSectorSize;
   std::vector<uint8_t> node(nodeBytes);
+  NodeReadAhead readAhead(*this, catNodeSize);
   bool strict = true;
   size_t nextA = 0, nextT = 0;
   uint32_t number = firstLeafNode;
@@ -173,7 +175,8 @@ bool Volume::readFilesAndFolders() {
     const int64_t sector = catNodeToSector(number);
     BTNodeDescriptor_ desc{};
     const bool read = sector != kInvalidSector &&
-                      readNode(static_cast<uint64_t>(sector), catNodeSize, node.data());
+                      readAhead.read(number, static_cast<uint64_t>(sector), node.data(),
+                                     [this](uint32_t n) { return catNodeToSector(n); });
     if (read) {
       std::memcpy(&desc, node.data(), sizeof desc);
       convertBTNodeDesc(&desc);
