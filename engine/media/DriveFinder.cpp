@@ -210,10 +210,14 @@ PlistDict driveDictionaryWithIdentity(const std::string& path, std::string& erro
   const std::string abs = absolutePath(path);
   PlistDict dict = driveDictionaryForPath(abs, error);
   if (dict.empty()) return dict;
+  struct stat st {};
+  const bool blockDevice = ::stat(abs.c_str(), &st) == 0 && S_ISBLK(st.st_mode);
+  // A disk image on the system's own tree is no device node: nothing to
+  // identify, and walking every device would only delay opening it.
+  if (!blockDevice && roots.isSystem()) return dict;
   const std::vector<BlockDevice> devices = enumerateBlockDevices(roots);
   const BlockDevice* dev = nullptr;
-  struct stat st {};
-  if (::stat(abs.c_str(), &st) == 0 && S_ISBLK(st.st_mode)) dev = findDevice(devices, major(st.st_rdev), minor(st.st_rdev));
+  if (blockDevice) dev = findDevice(devices, major(st.st_rdev), minor(st.st_rdev));
   for (size_t i = 0; !dev && i < devices.size(); ++i)
     if (devices[i].devNode == abs) dev = &devices[i];
   if (!dev) return dict;
