@@ -3,6 +3,10 @@
 #include <fmt/format.h>
 
 #include <charconv>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <thread>
 #include <cstring>
 #include <vector>
 
@@ -19,36 +23,64 @@ constexpr int64_t kHfsToUnix = 2082844800;
 const char* const kColumns[] = {"path",     "type",      "fileID",  "parentID", "fileSize",    "dataSize",  "rscSize",
                                 "fileCount", "created", "modified", "dataExtents", "rscExtents", "confidence"};
 
-// Rows gather here and reach the stream in large writes: a listing of
-// millions of rows is otherwise mostly the cost of small formatted prints.
+// Rows gather in a buffer written to the stream 1 MiB at a time, by a
+// thread of its own: the next rows are formatted while the kernel copies
+// the last ones. Each row first makes sure of the room it may need, so its
+// cells are put without a check each.
 class RowBuffer {
  public:
-  explicit RowBuffer(std::FILE* out) : out_(out) { buf_.reserve(kFlushAt + 4096); }
-  ~RowBuffer() { flush(); }
+  explicit RowBuffer(std::FILE* out) : out_(out), buf_(new char[kCapacity]), at_(buf_.get()) {}
+  ~RowBuffer() {
+    flush();
+    if (writer_.joinable()) {
+      {
+        std::lock_guard lock(mutex_);
+        done_ = true;
+      }
+      wake_.notify_all();
+      writer_.join();
+    }
+  }
 
-  void flush() {
-    if (!buf_.empty()) std::fwrite(buf_.data(), 1, buf_.size(), out_);
-    buf_.clear();
+  // Room for `bytes` more before the next flush; rows longer than the
+  // buffer (a name of thousands of characters) grow it.
+  void reserve(size_t bytes) {
+    if (static_cast<size_t>(buf_.get() + capacity_ - at_) >= bytes) return;
+    if (at_ - buf_.get() >= static_cast<ptrdiff_t>(kFlushAt)) flush();
+    const size_t used = static_cast<size_t>(at_ - buf_.get());
+    if (capacity_ - used >= bytes) return;
+    capacity_ = used + bytes + kCapacity;
+    std::unique_ptr<char[]> bigger(new char[capacity_]);
+    std::memcpy(bigger.get(), buf_.get(), used);
+    buf_ = std::move(bigger);
+    at_ = buf_.get() + used;
   }
   void endRow() {
-    if (buf_.size() >= kFlushAt) flush();
+    if (at_ - buf_.get() >= static_cast<ptrdiff_t>(kFlushAt)) flush();
   }
-  void put(char c) { buf_.push_back(c); }
-  std::string& raw() { return buf_; }
-  void put(std::string_view s) { buf_.append(s); }
+  char*& cursor() { return at_; }
+  void put(char c) { *at_++ = c; }
+  template <size_t N>
+  void put(const char (&text)[N]) {
+    std::memcpy(at_, text, N - 1);
+    at_ += N - 1;
+  }
+  void put(std::string_view s) {
+    std::memcpy(at_, s.data(), s.size());
+    at_ += s.size();
+  }
   template <class Int>
   void number(Int n) {
-    char tmp[24];
-    const auto r = std::to_chars(tmp, tmp + sizeof tmp, n);
-    buf_.append(tmp, r.ptr);
+    at_ = std::to_chars(at_, at_ + 24, n).ptr;
   }
   // "YYYY-MM-DDTHH:MM:SSZ" of an HFS date; nothing for 0.
   void date(uint32_t hfsSeconds) {
     if (hfsSeconds == 0) return;
-    char tmp[20];
-    hfsDateChars(hfsSeconds, tmp);
-    buf_.append(tmp, sizeof tmp);
+    hfsDateChars(hfsSeconds, at_);
+    at_ += 20;
   }
+  // Room extents() needs.
+  static size_t extentsBytes(std::span<const Extent> extents) { return extents.size() * 24; }
   void extents(std::span<const Extent> extents) {
     for (size_t i = 0; i < extents.size(); ++i) {
       if (i) put(',');
@@ -95,11 +127,62 @@ class RowBuffer {
     p[19] = 'Z';
   }
 
+  // Hands what is gathered to the writer and goes on in the other buffer.
+  void flush() {
+    const size_t used = static_cast<size_t>(at_ - buf_.get());
+    if (used == 0) return;
+    std::unique_lock lock(mutex_);
+    wake_.wait(lock, [&] { return !pending_; });
+    std::swap(buf_, spare_);
+    std::swap(capacity_, spareCapacity_);
+    if (!buf_) {
+      buf_.reset(new char[kCapacity]);
+      capacity_ = kCapacity;
+    }
+    pendingBytes_ = used;
+    pending_ = true;
+    if (!writer_.joinable()) writer_ = std::thread([this] { writeLoop(); });
+    lock.unlock();
+    wake_.notify_all();
+    at_ = buf_.get();
+  }
+
  private:
   static constexpr size_t kFlushAt = size_t{1} << 20;
+  static constexpr size_t kCapacity = kFlushAt + 64 * 1024;
+
+  void writeLoop() {
+    std::unique_lock lock(mutex_);
+    for (;;) {
+      wake_.wait(lock, [&] { return pending_ || done_; });
+      if (!pending_) return;
+      const char* data = spare_.get();
+      const size_t n = pendingBytes_;
+      lock.unlock();
+      std::fwrite(data, 1, n, out_);
+      lock.lock();
+      pending_ = false;
+      wake_.notify_all();
+    }
+  }
+
   std::FILE* out_;
-  std::string buf_;
+  std::unique_ptr<char[]> buf_;
+  size_t capacity_ = kCapacity;
+  char* at_;
+  // The buffer the writer has or had last; empty until the first flush.
+  std::unique_ptr<char[]> spare_;
+  size_t spareCapacity_ = 0;
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  std::thread writer_;
+  size_t pendingBytes_ = 0;
+  bool pending_ = false;
+  bool done_ = false;
 };
+
+// What putEscaped may make of `bytes` bytes at most ("\u00xx" for one byte).
+constexpr size_t escapedBytes(size_t bytes) { return 6 * bytes; }
 
 // TSV cells cannot hold tabs or line breaks, and a listing must not carry a
 // name's control characters to a terminal: those are escaped, and so is the
@@ -107,61 +190,80 @@ class RowBuffer {
 // as jsonQuote. Both first make the text valid UTF-8, each bad byte U+FFFD;
 // done here in one pass without a string per cell. A path's parts are
 // escaped one by one: "/" ends any UTF-8 sequence, so it comes out the same.
-void putEscaped(std::string& out, std::string_view text, bool json) {
+// `out` has room for escapedBytes(text.size()).
+char* putEscaped(char* out, std::string_view text, bool json) {
   static constexpr char kHex[] = "0123456789abcdef";
+  auto plain = [json](unsigned char c) { return c >= 0x20 && c < 0x7F && c != '\\' && !(json && c == '"'); };
   for (size_t i = 0; i < text.size();) {
+    // Most names are plain text: copied in runs.
+    size_t run = i;
+    while (run < text.size() && plain(static_cast<unsigned char>(text[run]))) ++run;
+    if (run > i) {
+      std::memcpy(out, text.data() + i, run - i);
+      out += run - i;
+      i = run;
+      if (i == text.size()) break;
+    }
     const auto c = static_cast<unsigned char>(text[i]);
     if (c >= 0x80) {
       const size_t n = utf8SequenceLength(text.substr(i));
       if (n == 0) {
-        out += "\xEF\xBF\xBD";
+        std::memcpy(out, "\xEF\xBF\xBD", 3);
+        out += 3;
         ++i;
         continue;
       }
       // U+0080 to U+009F, which some terminals take as commands.
       const auto next = static_cast<unsigned char>(text[i + 1]);
       if (!json && c == 0xC2 && next < 0xA0) {
-        out += "\\u00";
-        out += kHex[next >> 4];
-        out += kHex[next & 15];
+        std::memcpy(out, "\\u00", 4);
+        out[4] = kHex[next >> 4];
+        out[5] = kHex[next & 15];
+        out += 6;
       } else {
-        out.append(text.substr(i, n));
+        std::memcpy(out, text.data() + i, n);
+        out += n;
       }
       i += n;
       continue;
     }
     ++i;
-    if (c == '\t') out += "\\t";
-    else if (c == '\n') out += "\\n";
-    else if (c == '\r') out += "\\r";
-    else if (c == '\\') out += "\\\\";
-    else if (json && c == '"') out += "\\\"";
-    else if (c < 0x20 || c == 0x7F) {
-      out += json ? "\\u00" : "\\x";
-      out += kHex[c >> 4];
-      out += kHex[c & 15];
+    const char* escape = c == '\t' ? "\\t" : c == '\n' ? "\\n" : c == '\r' ? "\\r" : c == '\\' ? "\\\\" : c == '"' ? "\\\"" : nullptr;
+    if (escape) {
+      out[0] = escape[0];
+      out[1] = escape[1];
+      out += 2;
     } else {
-      out += static_cast<char>(c);
+      std::memcpy(out, json ? "\\u00" : "\\x", json ? 4 : 2);
+      out += json ? 4 : 2;
+      *out++ = kHex[c >> 4];
+      *out++ = kHex[c & 15];
     }
   }
+  return out;
 }
 
 // The rows of one folder share its path: escaped once for all of them.
 class PathCells {
  public:
   explicit PathCells(bool json) : json_(json) {}
+  // Room put() needs.
+  size_t bytes(const std::string& pathName, std::string_view name) const {
+    return escapedBytes(pathName.size() + name.size()) + 4;
+  }
   void put(RowBuffer& out, const std::string& pathName, std::string_view name) {
     if (pathName != pathName_) {
       pathName_ = pathName;
-      escaped_.clear();
-      putEscaped(escaped_, pathName, json_);
+      escaped_.resize(escapedBytes(pathName.size()));
+      escaped_.resize(static_cast<size_t>(putEscaped(escaped_.data(), pathName, json_) - escaped_.data()));
     }
-    std::string& buf = out.raw();
-    if (json_) buf += '"';
-    buf += escaped_;
-    buf += '/';
-    putEscaped(buf, name, json_);
-    if (json_) buf += '"';
+    char*& at = out.cursor();
+    if (json_) *at++ = '"';
+    std::memcpy(at, escaped_.data(), escaped_.size());
+    at += escaped_.size();
+    *at++ = '/';
+    at = putEscaped(at, name, json_);
+    if (json_) *at++ = '"';
   }
 
  private:
@@ -181,12 +283,13 @@ std::string hfsDateText(uint32_t hfsSeconds) {
 void writeTreeListing(const HDIR& root, ListingFormat format, std::FILE* out, const FilteredTree* filter) {
   const bool json = format == ListingFormat::Json;
   RowBuffer row(out);
+  row.reserve(1024);
   if (json) {
     row.put('[');
   } else {
     for (size_t i = 0; i < std::size(kColumns); ++i) {
       if (i) row.put('\t');
-      row.put(kColumns[i]);
+      row.put(std::string_view(kColumns[i]));
     }
     row.put('\n');
   }
@@ -202,11 +305,15 @@ void writeTreeListing(const HDIR& root, ListingFormat format, std::FILE* out, co
                                                          : "file";
     // Only a file's content can be uncertain.
     const char* confidence = e->fileType == kHDIRFolder ? "" : confidenceText(e->confidence);
+    // The fixed cells, their names and numbers, take well under 512 bytes.
+    row.reserve(512 + paths.bytes(pathName, e->fileName()) + RowBuffer::extentsBytes(e->dataExt) +
+                RowBuffer::extentsBytes(e->rscExt));
     if (json) {
-      row.put(first ? "\n{\"path\":" : ",\n{\"path\":");
+      if (first) row.put("\n{\"path\":");
+      else row.put(",\n{\"path\":");
       paths.put(row, pathName, e->fileName());
       row.put(",\"type\":\"");
-      row.put(type);
+      row.put(std::string_view(type));
       row.put("\",\"fileID\":");
       row.number(e->fileID);
       row.put(",\"parentID\":");
@@ -228,12 +335,12 @@ void writeTreeListing(const HDIR& root, ListingFormat format, std::FILE* out, co
       row.put("\",\"rscExtents\":\"");
       row.extents(e->rscExt);
       row.put("\",\"confidence\":\"");
-      row.put(confidence);
+      row.put(std::string_view(confidence));
       row.put("\"}");
     } else {
       paths.put(row, pathName, e->fileName());
       row.put('\t');
-      row.put(type);
+      row.put(std::string_view(type));
       row.put('\t');
       row.number(e->fileID);
       row.put('\t');
@@ -255,13 +362,14 @@ void writeTreeListing(const HDIR& root, ListingFormat format, std::FILE* out, co
       row.put('\t');
       row.extents(e->rscExt);
       row.put('\t');
-      row.put(confidence);
+      row.put(std::string_view(confidence));
       row.put('\n');
     }
     row.endRow();
     first = false;
     return true;
   }, [](const HDIR&, const std::string&) {});
+  row.reserve(8);
   if (json) row.put("\n]\n");
 }
 
