@@ -1,5 +1,7 @@
 #include "tree/HDIR.h"
 
+#include "tree/EntryPool.h"
+
 #include <algorithm>
 #include <bit>
 #include <functional>
@@ -7,6 +9,41 @@
 #include <utility>
 
 namespace ambrel {
+
+namespace {
+
+// Sanitizer builds keep entries on the heap, where every misuse of one and
+// every leak is seen.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kPooled = false;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+constexpr bool kPooled = false;
+#else
+constexpr bool kPooled = true;
+#endif
+#else
+constexpr bool kPooled = true;
+#endif
+
+// Never destroyed: entries may outlive every static (a front end leaves its
+// trees to the system at exit).
+EntryPool& entryPool() {
+  static EntryPool* pool = new EntryPool(sizeof(HDIR));
+  return *pool;
+}
+
+}  // namespace
+
+void* HDIR::operator new(size_t bytes) {
+  if (kPooled && bytes == sizeof(HDIR)) return entryPool().allocate();
+  return ::operator new(bytes);
+}
+
+void HDIR::operator delete(void* entry, size_t bytes) noexcept {
+  if (kPooled && bytes == sizeof(HDIR)) return entryPool().release(entry);
+  ::operator delete(entry);
+}
 
 HDIR::HDIR() = default;
 

@@ -66,6 +66,9 @@ class HDIR {
   ~HDIR();
   HDIR(const HDIR&) = delete;
   HDIR& operator=(const HDIR&) = delete;
+  // Entries come from a pool of their own (see EntryPool).
+  static void* operator new(size_t bytes);
+  static void operator delete(void* entry, size_t bytes) noexcept;
 
   // Laid out widest first: a tree holds millions of these.
   uint64_t fileSize = 0;
