@@ -33,6 +33,9 @@ constexpr long kHfsMagic = 0x4244;
 // damaged header claims; with real block sizes a read is exactly one group.
 constexpr uint64_t kMaxReadSectors = 16384;
 constexpr size_t kWriteBytes = size_t{1} << 20;
+// What one copy inside the kernel moves at most: progress, and a stop, are
+// seen in the same steps as the writes.
+constexpr uint64_t kKernelCopyBytes = kWriteBytes;
 constexpr const char* kSavingStatus = "Saving Files ...";
 
 }  // namespace
@@ -274,6 +277,8 @@ Saver::Copy Saver::copyFork(const HDIR& entry, std::span<const Extent> extents, 
     return false;
   };
 
+  // Set while a group whose copy stopped is read.
+  bool readGroups = false;
   // Reads nBlocks blocks from `block`, keeping up to what is left of the fork.
   auto copyBlocks = [&](uint64_t block, uint64_t nBlocks) -> Copy {
     uint64_t sector = source_.HPlusVolStart + block * uint64_t(B);
@@ -282,7 +287,7 @@ Saver::Copy Saver::copyFork(const HDIR& entry, std::span<const Extent> extents, 
       const uint64_t piece = std::min(sectors, kMaxReadSectors);
       const size_t bytes = static_cast<size_t>(piece * kSectorSize);
       const size_t n = static_cast<size_t>(std::min<uint64_t>(bytes, remaining));
-      if (source_.copy && !copyRefused_) {
+      if (source_.copy && !copyRefused_ && !readGroups) {
         if (!flush()) return Copy::WriteFailed;
         if (copiedInKernel(sector, n)) {
           out.sectorsRead += piece;
@@ -311,7 +316,56 @@ Saver::Copy Saver::copyFork(const HDIR& entry, std::span<const Extent> extents, 
       const bool last = i + 1 == extents.size();
       const uint64_t groups = e.blockCount / 8;
       const uint64_t rest = e.blockCount % 8;
-      for (uint64_t g = 0; g < groups && remaining > 0; ++g) {
+      uint64_t firstGroup = 0;
+      // Inside the kernel the extent goes in large pieces: groups only bound
+      // what a failing read costs. A copy that stops part-way keeps the
+      // whole groups it brought; the group it stopped in is read the
+      // ordinary way, and the copies go on after it.
+      if (source_.copy && !copyRefused_ && groups > 0) {
+        const uint64_t groupBytes = 8 * uint64_t(B) * kSectorSize;
+        // Pieces of whole groups, so that progress and a stop are seen.
+        const uint64_t pieceBytes = std::max<uint64_t>(1, kKernelCopyBytes / groupBytes) * groupBytes;
+        const uint64_t start = source_.HPlusVolStart + uint64_t(e.startBlock) * uint64_t(B);
+        // Whole groups only: what follows the last one is left to the blocks below.
+        const uint64_t end = std::min(groups * groupBytes, remaining);
+        if (!flush()) return Copy::WriteFailed;
+        uint64_t done = 0;
+        while (done < end && !copyRefused_) {
+          if (aborting()) return Copy::Aborted;
+          const uint64_t n = std::min(pieceBytes, end - done);
+          const int64_t c = source_.copy(start + done / kSectorSize, n, fd);
+          if (c == static_cast<int64_t>(n)) {
+            out.sectorsRead += (n + kSectorSize - 1) / kSectorSize;
+            remaining -= n;
+            done += n;
+            wrote(static_cast<size_t>(n));
+            continue;
+          }
+          if (c < 0) {
+            copyRefused_ = true;
+            break;
+          }
+          const uint64_t kept = static_cast<uint64_t>(c) / groupBytes * groupBytes;
+          if (static_cast<uint64_t>(c) > kept &&
+              ::lseek(fd, -static_cast<off_t>(static_cast<uint64_t>(c) - kept), SEEK_CUR) < 0) {
+            out.writeError = errno;
+            return Copy::WriteFailed;
+          }
+          out.sectorsRead += kept / kSectorSize;
+          remaining -= kept;
+          done += kept;
+          wrote(static_cast<size_t>(kept));
+          readGroups = true;
+          const Copy r = copyBlocks(uint64_t(e.startBlock) + done / groupBytes * 8, 8);
+          readGroups = false;
+          if (r != Copy::Done) return r;
+          if (!flush()) return Copy::WriteFailed;
+          done += groupBytes;
+        }
+        firstGroup = std::min(groups, done / groupBytes);
+        if (remaining == 0) continue;
+      }
+      for (uint64_t g = firstGroup; g < groups && remaining > 0; ++g) {
         if (aborting()) return Copy::Aborted;
         const uint64_t first = uint64_t(e.startBlock) + 8 * g;
         if (last && rest == 0 && g + 1 == groups) {

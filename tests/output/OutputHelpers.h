@@ -83,7 +83,7 @@ struct RecordingSource {
   std::vector<ReadCall> calls;
   uint64_t failAtSector = UINT64_MAX;  // a read covering this sector fails
   // Kernel copies: off unless asked (reads are what most tests watch); a
-  // copy covering copyFailsAtSector stops half-way, as one meeting a bad
+  // copy covering copyFailsAtSector stops there, as one meeting a bad
   // sector does; copyRefused makes every copy say the drive cannot.
   bool copies = false;
   bool copyRefused = false;
@@ -106,7 +106,7 @@ struct RecordingSource {
       copyCalls.push_back({sector, int32_t(sectors)});
       if (copyRefused) return -1;
       if (copyFailsAtSector >= sector && copyFailsAtSector < sector + sectors)
-        return volume->copySaveSectors(sector, bytes / 2, fd);
+        return volume->copySaveSectors(sector, (copyFailsAtSector - sector) * 512, fd);
       return volume->copySaveSectors(sector, bytes, fd);
     };
     return s;
