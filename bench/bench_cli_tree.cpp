@@ -80,7 +80,10 @@ struct Run {
 };
 
 // One process with its stdout in `out`, stderr dropped; wall time and peak RSS.
+// Each run writes a new file: truncating the last run's tens of megabytes
+// would be charged to whichever command came next.
 Run runOnce(const std::vector<std::string>& argv, const std::string& out) {
+  ::unlink(out.c_str());
   posix_spawn_file_actions_t fa;
   posix_spawn_file_actions_init(&fa);
   posix_spawn_file_actions_addopen(&fa, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
