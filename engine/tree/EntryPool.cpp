@@ -131,6 +131,20 @@ void EntryPool::release(void* object) noexcept {
   AMBREL_POISON(object, size_);
 }
 
+void EntryPool::beforeFork() { mutex_.lock(); }
+
+void EntryPool::afterForkInParent() { mutex_.unlock(); }
+
+void EntryPool::afterForkInChild() {
+  // The parent's helper may be waiting in these; the child's copies are
+  // made anew rather than used or destroyed with a waiter that is not there.
+  new (&mutex_) std::mutex();
+  new (&wake_) std::condition_variable();
+  helperStarted_ = false;
+  helperDone_ = false;
+  wanted_ = false;
+}
+
 size_t EntryPool::liveObjects() const {
   std::lock_guard lock(mutex_);
   return live_;

@@ -29,6 +29,13 @@ class EntryPool {
   void* allocate();
   void release(void* object) noexcept;
 
+  // For pthread_atfork: the pool is held still while a process forks, and
+  // the child, which has no helper thread, starts one of its own when it
+  // needs slabs.
+  void beforeFork();
+  void afterForkInParent();
+  void afterForkInChild();
+
   size_t liveObjects() const;
   size_t slabsMapped() const;  // in use, not counting the one made ready ahead
 

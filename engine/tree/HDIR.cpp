@@ -1,5 +1,7 @@
 #include "tree/HDIR.h"
 
+#include <pthread.h>
+
 #include "tree/EntryPool.h"
 
 #include <algorithm>
@@ -29,7 +31,12 @@ constexpr bool kPooled = true;
 // Never destroyed: entries may outlive every static (a front end leaves its
 // trees to the system at exit).
 EntryPool& entryPool() {
-  static EntryPool* pool = new EntryPool(sizeof(HDIR));
+  static EntryPool* pool = [] {
+    auto* p = new EntryPool(sizeof(HDIR));
+    ::pthread_atfork([] { entryPool().beforeFork(); }, [] { entryPool().afterForkInParent(); },
+                     [] { entryPool().afterForkInChild(); });
+    return p;
+  }();
   return *pool;
 }
 

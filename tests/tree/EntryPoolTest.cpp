@@ -1,6 +1,8 @@
 #include "tree/EntryPool.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <set>
@@ -108,6 +110,40 @@ TEST(EntryPool, ThreadsShareThePool) {
   for (auto& th : threads) th.join();
   EXPECT_EQ(pool.liveObjects(), 0u);
   EXPECT_EQ(pool.slabsMapped(), 1u);
+}
+
+// A child forked while the helper thread runs has none: it makes slabs of
+// its own, and the parent's pool goes on as before.
+TEST(EntryPool, AForkedChildGoesOnWithoutTheParentsHelper) {
+  EntryPool pool(kObject);
+  const size_t perSlab = EntryPool::kSlabBytes / 176;
+  std::vector<void*> before;
+  for (uint32_t i = 0; i < perSlab + 5; ++i) {
+    before.push_back(pool.allocate());
+    stamp(before.back(), i);
+  }
+  pool.beforeFork();
+  const pid_t child = ::fork();
+  if (child == 0) {
+    pool.afterForkInChild();
+    bool ok = true;
+    for (uint32_t i = 0; i < perSlab * 3; ++i) {
+      void* p = pool.allocate();
+      stamp(p, i + 5000000);
+      ok = ok && intact(p, i + 5000000);
+    }
+    for (uint32_t i = 0; i < before.size(); ++i) ok = ok && intact(before[i], i);
+    std::_Exit(ok && pool.slabsMapped() >= 5 ? 0 : 1);
+  }
+  pool.afterForkInParent();
+  ASSERT_GT(child, 0);
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  for (uint32_t i = 0; i < perSlab * 2; ++i) before.push_back(pool.allocate());
+  EXPECT_EQ(pool.slabsMapped(), 4u);
+  for (void* p : before) pool.release(p);
+  EXPECT_EQ(pool.liveObjects(), 0u);
 }
 
 #if defined(__SANITIZE_ADDRESS__)
