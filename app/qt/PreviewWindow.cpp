@@ -87,9 +87,27 @@ void PreviewWindow::reset(const QString& name, const QString& extension) {
   pages_->setCurrentIndex(3);
 }
 
+PreviewWindow::~PreviewWindow() {
+  // Before the children go: a player torn down with them may still be told
+  // of its decoder's pads by the media backend, after its output is gone.
+  if (player_) {
+    releasePlayer(player_);
+    delete player_;
+    player_ = nullptr;
+  }
+}
+
+// A player stopped and let go of its source and output, so that nothing of
+// the media backend reaches it any more.
+void PreviewWindow::releasePlayer(QMediaPlayer* player) {
+  player->stop();
+  player->setSource(QUrl());
+  player->setVideoOutput(nullptr);
+}
+
 void PreviewWindow::dropMovie() {
   if (player_) {
-    player_->stop();
+    releasePlayer(player_);
     player_->deleteLater();
     player_ = nullptr;
   }

@@ -21,6 +21,7 @@ class PreviewWindow : public QWidget {
   Q_OBJECT
  public:
   explicit PreviewWindow(QWidget* parent = nullptr);
+  ~PreviewWindow() override;
   void reset(const QString& name, const QString& extension);
   void showLoading();
   // 0 text, 1 image, 2 movie (PreviewPage's order).
@@ -52,6 +53,7 @@ class PreviewWindow : public QWidget {
 
  private:
   void fitImage();
+  static void releasePlayer(QMediaPlayer* player);
   QLabel* icon_;
   QLabel* name_;
   QStackedWidget* pages_;
