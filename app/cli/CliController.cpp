@@ -14,22 +14,13 @@
 #include "media/DMedia.h"
 #include "output/Saver.h"
 #include "tree/HDIR.h"
+#include "base/Sanitizers.h"
 
 namespace ambrel::cli {
 
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kLeakChecked = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-constexpr bool kLeakChecked = true;
-#else
-constexpr bool kLeakChecked = false;
-#endif
-#else
-constexpr bool kLeakChecked = false;
-#endif
+constexpr bool kLeakChecked = kAddressSanitized;
 
 std::vector<std::shared_ptr<void>>& keptObjects() {
   static std::vector<std::shared_ptr<void>> kept;

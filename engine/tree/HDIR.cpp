@@ -2,13 +2,14 @@
 
 #include <pthread.h>
 
-#include "tree/EntryPool.h"
-
 #include <algorithm>
 #include <bit>
 #include <functional>
 #include <string_view>
 #include <utility>
+
+#include "base/Sanitizers.h"
+#include "tree/EntryPool.h"
 
 namespace ambrel {
 
@@ -16,17 +17,7 @@ namespace {
 
 // Sanitizer builds keep entries on the heap, where every misuse of one and
 // every leak is seen.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kPooled = false;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-constexpr bool kPooled = false;
-#else
-constexpr bool kPooled = true;
-#endif
-#else
-constexpr bool kPooled = true;
-#endif
+constexpr bool kPooled = !kAddressSanitized;
 
 // Never destroyed: entries may outlive every static (a front end leaves its
 // trees to the system at exit).
